@@ -1,0 +1,16 @@
+# The installed copy: headers, both libraries in both forms, a CMake package and a pkg-config file each.
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/brenvole)
+install(TARGETS qxutil qxutil_static brenvole brenvole_static EXPORT brenvole-targets)
+install(DIRECTORY include/brenvole DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES src/util/qxutil.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/brenvole)
+install(EXPORT brenvole-targets NAMESPACE brenvole:: DESTINATION ${package_dir})
+
+configure_package_config_file(cmake/brenvole-config.cmake.in ${PROJECT_BINARY_DIR}/brenvole-config.cmake
+  INSTALL_DESTINATION ${package_dir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/brenvole-config-version.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/brenvole-config.cmake ${PROJECT_BINARY_DIR}/brenvole-config-version.cmake
+  DESTINATION ${package_dir})
+
+configure_file(cmake/brenvole.pc.in ${PROJECT_BINARY_DIR}/brenvole.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/brenvole.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

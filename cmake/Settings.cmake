@@ -1,0 +1,53 @@
+# How everything here is compiled, and the two rules that make a library.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+
+add_library(brenvole_settings INTERFACE)
+target_compile_options(brenvole_settings INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow
+  $<$<BOOL:${BRENVOLE_WERROR}>:-Werror>)
+target_include_directories(brenvole_settings INTERFACE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src)
+if(BRENVOLE_SANITIZE)
+  # noinline frames make reports readable; a failed check ends the program, so that no test passes over it
+  add_compile_options(-fsanitize=${BRENVOLE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${BRENVOLE_SANITIZE})
+endif()
+
+# The objects of one library, position-independent for the shared one; API marks the exports.
+function(brenvole_objects name api)
+  add_library(${name} OBJECT ${ARGN})
+  set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+  target_compile_definitions(${name} PRIVATE "${api}=__attribute__((visibility(\"default\")))")
+  target_link_libraries(${name} PRIVATE brenvole_settings)
+endfunction()
+
+# lib<name>.so, whose exports are the list in cmake/<name>.map, and lib<name>.a.
+function(brenvole_library name objects)
+  find_package(Threads REQUIRED)
+  set(map ${PROJECT_SOURCE_DIR}/cmake/${name}.map)
+  add_library(${name} SHARED $<TARGET_OBJECTS:${objects}>)
+  add_library(${name}_static STATIC $<TARGET_OBJECTS:${objects}>)
+  set_target_properties(${name}_static PROPERTIES OUTPUT_NAME ${name})
+  set_target_properties(${name} PROPERTIES
+    VERSION ${PROJECT_VERSION} SOVERSION ${BRENVOLE_ABI} LINK_DEPENDS ${map} BUILD_RPATH_USE_ORIGIN ON
+    INSTALL_RPATH $ORIGIN)
+  target_link_options(${name} PRIVATE -Wl,--version-script=${map})
+  if(NOT BRENVOLE_SANITIZE) # a sanitizer's runtime is linked into the program, not into its libraries
+    target_link_options(${name} PRIVATE -Wl,--no-undefined)
+  endif()
+  foreach(target ${name} ${name}_static)
+    target_include_directories(${target} PUBLIC
+      $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+    target_link_libraries(${target} PRIVATE Threads::Threads)
+    add_library(brenvole::${target} ALIAS ${target})
+  endforeach()
+endfunction()

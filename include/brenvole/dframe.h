@@ -1,0 +1,142 @@
+/** @file
+ *  Frames: the command entry, the DFRAME record, flags, commands and status codes.
+ *
+ *  There are two things. A *frame* is a DFRAME header with a reference count in front of it; a caller holds
+ *  references to frames. A *data buffer* lies elsewhere, has a reference count of its own, and belongs to the
+ *  library unless DFRAME_FLAG_CUSTOM is set. DFRAME_ADDREF raises both counts, DFRAME_FREE lowers both, and
+ *  each goes when its own count reaches 0.
+ *
+ *  Threads: every command may run on any thread at any time. The library guards its counts and its own state;
+ *  the other fields of a frame are under no lock, so a caller keeps threads that change one frame apart.
+ *
+ *  Sizes are in bytes. The header compiles as C11 and as C++20. */
+#ifndef BRENVOLE_DFRAME_H
+#define BRENVOLE_DFRAME_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifndef BRENVOLE_API /* the library's own build marks its exports through this */
+#define BRENVOLE_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** Smallest record, in bytes; no header is ever made smaller. */
+#define DFRAME_SIZE 8480u
+/** Largest valid dwTailLength, in bytes. */
+#define DFRAME_TAIL_MAX 1024u
+
+/** @name Bits of DFRAME::dwFlags
+ *  @{ */
+#define DFRAME_FLAG_CUSTOM 0x00001000u /**< lpData belongs to the caller: never freed, and in no heap */
+#define DFRAME_FLAG_TAIL 0x00008000u   /**< the record carries a tail extension at lpTail */
+#define DFRAME_FLAG_CREATED 0x10000000u /**< set at creation, never tested by the library */
+/** @} */
+
+/** @name Command word
+ *  Bits 0 to 7 are the command, bit 31 is DFRAME_FLAG_SYSHEAP, the others are ignored.
+ *  @{ */
+#define DFRAME_FLAG_SYSHEAP 0x80000000u /**< address the local side instead of the pool */
+/** @} */
+
+/** @name Commands that this release runs; every other number is refused with DFMEM_E_FAILED
+ *  @{ */
+/** Makes a frame, or gives an existing one new data.
+ *  @par param1  wanted data size, not 0; the buffer gets 40 percent more: param1 * 1.4, cut to an integer, of
+ *       which the low 32 bits count
+ *  @par param2  record size, not 0; a new record has at least DFRAME_SIZE bytes, while an existing frame's
+ *       dwSize takes the value as it is
+ *  @par ppDF    in and out: null at *ppDF for a new frame, else the frame whose data is replaced. Its old
+ *       buffer loses one reference, dwBytesUsed stays.
+ *  @return 0; a plain DFMEM_E_POINTER (null ppDF, zero param2) or DFMEM_E_INVALIDARG (zero param1); or
+ *       DFMEM_E_OUTOFMEMORY widened: then the frame's reference is gone and *ppDF is null */
+#define DFRAME_ALLOC 10u
+/** Drops one reference to the frame and one to its data; each goes with its last reference.
+ *  @par ppDF    in and out: the frame; *ppDF is null afterwards unless the command is refused
+ *  @return 0, also while other references remain; 0xFFFFFFFE if the data was found in no heap (the header went
+ *       all the same); plain DFMEM_E_POINTER (null ppDF or frame) or DFMEM_E_INVALIDARG (custom frame) */
+#define DFRAME_FREE 11u
+/** Adds one reference to the frame and one to its data.
+ *  @par ppDF    in: the frame
+ *  @return 0; plain DFMEM_E_POINTER (null ppDF or frame), DFMEM_E_INVALIDARG (custom frame),
+ *       DFMEM_E_OUTOFMEMORY (frame without data) or DFMEM_E_FAILED (data in no heap; the header's count stays
+ *       raised) */
+#define DFRAME_ADDREF 12u
+/** @} */
+
+/** @name Status codes
+ *  The result of a command has 64 bits. A status comes plain (high half 0) or widened (sign-extended):
+ *  compare its low 32 bits. 0 is success in both forms.
+ *  @{ */
+#define DFMEM_E_INVALIDARG 0xE8108004u  /**< an argument of the wrong kind */
+#define DFMEM_E_POINTER 0xE8108005u     /**< a null pointer, or a zero record size */
+#define DFMEM_E_FAILED 0xE8108013u      /**< unknown command, or no way to do the work */
+#define DFMEM_E_BUSY 0xE810801Fu        /**< the heap's state can't be read */
+#define DFMEM_E_OUTOFMEMORY 0xE8108020u /**< no memory for a header or for data; a frame without data */
+/** @} */
+
+/** The frame record. Callers read and write it directly, so the order and the offsets are part of the
+ *  interface. A record is 4-byte aligned at best, hence the packing: 64-bit fields lie on 4-byte boundaries.
+ *
+ *  A record larger than DFRAME_SIZE belongs to its caller from byte 8480 on. The opaque body is abBodyHead to
+ *  abBodyRest, 8376 bytes; the library carries it and doesn't know what it holds.
+ *
+ *  Rules: dwBytesUsed is at most dwBufferLength (a breach is reported and never fatal); a null lpData means no
+ *  data, whatever dwBufferLength says; lpData may be moved up inside its buffer. */
+#pragma pack(push, 4)
+typedef struct DFRAME {
+    void *lpLink[3];          /**< list node, for a list of the caller's; the library never links a frame */
+    uint32_t dwSize;          /**< size of the record */
+    uint32_t dwFlags;         /**< DFRAME_FLAG_... */
+    uint32_t dwAttachMark;    /**< 1 whenever data is attached */
+    uint8_t abBodyHead[8236]; /**< opaque body, first piece */
+    void *lpTail;             /**< tail extension, behind the record's first 8480 bytes */
+    uint32_t dwTailLength;    /**< length of the tail, 1 to DFRAME_TAIL_MAX if there is one */
+    uint8_t abBodyRest[128];  /**< opaque body, last piece */
+    uint32_t dwTrailA;        /**< opaque */
+    uint32_t dwAttachValue;   /**< 65520 whenever data is attached */
+    uint32_t dwTrailB;        /**< opaque */
+    uint32_t dwCreateMark;    /**< 0xFFFFFFFF at creation */
+    uint8_t *lpData;          /**< the data buffer, or null */
+    uint32_t dwBufferLength;  /**< capacity of the data buffer */
+    uint32_t dwBytesUsed;     /**< bytes in use, set by the caller */
+    uint64_t qwTrailC;        /**< opaque */
+    uint32_t dwTrailD;        /**< opaque */
+    uint32_t dwTrailE;        /**< opaque */
+    uint32_t dwTrailF;        /**< opaque */
+    uint32_t dwTrailG;        /**< opaque */
+    uint32_t dwTrailH;        /**< opaque */
+    uint32_t dwTrailI;        /**< opaque */
+    uint16_t wTrailJ;         /**< opaque */
+    uint8_t abEnd[2];         /**< brings the record to 8480 bytes */
+} DFRAME, *PDFRAME;
+#pragma pack(pop)
+
+/** Runs one command.
+ *  @param command  DFRAME_... , with or without DFRAME_FLAG_SYSHEAP
+ *  @param param1   a size, as the command says
+ *  @param param2   a size or a pointer, as the command says
+ *  @param ppDF     the frame in and out, as the command says
+ *  @return 0, a status or a figure, as the command says
+ *  @note Holds no lock when it returns. Refusals are logged through QXUtil. */
+BRENVOLE_API uint64_t DFrameMem(uint32_t command, int64_t param1, uintptr_t param2, PDFRAME *ppDF);
+
+/** DFrameMem with the call site, which serves the trace and decides nothing.
+ *  @param msgarea  names the caller's source area, may be null; read during the call only
+ *  @param line     the caller's source line */
+BRENVOLE_API uint64_t DFrameMemTrace(uint32_t command, int64_t param1, uintptr_t param2, PDFRAME *ppDF,
+                                     const char *msgarea, uint32_t line);
+
+/** The system's hook at load and unload. Reason 0, process detach, gives the cached local block back; no other
+ *  reason does any work. The platform calls it when the library leaves the process.
+ *  @return 1 for every reason */
+BRENVOLE_API int DllMain(void *instance, uint32_t reason, void *reserved);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,30 @@
+// The one door for frame work: a command word and three arguments.
+#include "frames.h"
+
+#include "local/dfmem_lock.h"
+#include "util/unload.h"
+
+struct DFHEAP *mainHeap = nullptr;
+
+uint64_t frameRefuse(uint32_t status, const char *text) {
+    ErrOut(text, status);
+    return status;
+}
+
+uint64_t DFrameMem(uint32_t command, int64_t param1, uintptr_t param2, PDFRAME *ppDF) {
+    return DFrameMemTrace(command, param1, param2, ppDF, nullptr, 0);
+}
+
+uint64_t DFrameMemTrace(uint32_t command, int64_t param1, uintptr_t param2, PDFRAME *ppDF, const char *msgarea,
+                        uint32_t line) {
+    constexpr uint32_t kCommandBits = 0xFF;
+    dfmemLockCreate(); // 1
+    qxHookUnload();
+    // 2. The trace hooks in here, before the command runs.
+    switch (command & kCommandBits) { // 3, 4
+    case DFRAME_ALLOC: return commandAlloc(command, param1, param2, ppDF, msgarea, line);
+    case DFRAME_FREE: return commandFree(ppDF, msgarea, line);
+    case DFRAME_ADDREF: return commandAddRef(ppDF, msgarea, line);
+    default: return frameRefuse(DFMEM_E_FAILED, "Unknown DFrameMem Command(0x%lX)"); // 5
+    }
+}

@@ -1,0 +1,89 @@
+// DFRAME_ALLOC, DFRAME_FREE and DFRAME_ADDREF.
+#include "frames.h"
+
+#include "local/dfmem_lock.h"
+#include "local/local_heap.h"
+#include "util/hold.h"
+
+#include <cmath>
+
+namespace {
+
+// A frame's buffer is this much larger than asked, so that its content may grow in place.
+constexpr double kDataHeadroom = 1.4;
+
+// The size that goes on: cut towards zero to 64 bits, of which the low 32 remain.
+uint32_t sizeWithHeadroom(int64_t wanted) {
+    constexpr double kBeyondInt64 = 9223372036854775808.0; // 2^63
+    const double product = static_cast<double>(wanted) * kDataHeadroom;
+    return std::fabs(product) < kBeyondInt64 ? static_cast<uint32_t>(static_cast<int64_t>(product)) : 0;
+}
+
+// The widened form of a status: sign-extended to 64 bits.
+uint64_t widened(uint32_t status) { return static_cast<uint64_t>(static_cast<int32_t>(status)); }
+
+} // namespace
+
+uint64_t commandAlloc(uint32_t command, int64_t param1, uintptr_t param2, PDFRAME *ppDF, const char *msgarea,
+                      uint32_t line) {
+    if (ppDF == nullptr) { // 1
+        return frameRefuse(DFMEM_E_POINTER, "DFRAME_ALLOC|ppDF==NULL(0x%lX)");
+    }
+    if (param2 == 0) { // 2
+        return frameRefuse(DFMEM_E_POINTER, "DFRAME_ALLOC|pDF==NULL(0x%lX)");
+    }
+    if (param1 == 0) { // 3
+        return DFMEM_E_INVALIDARG;
+    }
+    const uint32_t size = sizeWithHeadroom(param1); // 4
+    // 5. The local heap goes first where the caller asks for it, and as long as there is no pool.
+    if ((command & DFRAME_FLAG_SYSHEAP) != 0 || mainHeap == nullptr) {
+        if (heapHelpAllocDFrame(ppDF, param2, size, 1, msgarea, line) == 0) {
+            return 0;
+        }
+        ErrOut("Local Alloc Failed, Brenvole %s", "Failed");
+    }
+    return widened(heapHelpAllocDFrame(ppDF, param2, size, 0, msgarea, line)); // 6
+}
+
+uint64_t commandFree(PDFRAME *ppDF, const char *msgarea, uint32_t line) {
+    if (ppDF == nullptr) { // 1
+        return frameRefuse(DFMEM_E_POINTER, "DFRAME_FREE|pDF==NULL(0x%lX)");
+    }
+    const DFRAME *const frame = *ppDF;
+    if (frame == nullptr) { // 2
+        return frameRefuse(DFMEM_E_POINTER, "DFRAME_FREE2|*pDF==NULL(0x%lX)");
+    }
+    if ((frame->dwFlags & DFRAME_FLAG_CUSTOM) != 0) { // 3
+        return frameRefuse(DFMEM_E_INVALIDARG, "DFRAME_FREE|NotAnyHeap(0x%lX)");
+    }
+    if (frameOverwritten(frame)) { // 4
+        ErrOut("DFrameFree memory overwrite %d %d", frame->dwBytesUsed, frame->dwBufferLength);
+    }
+    return static_cast<uint32_t>(heapHelpFreeDFrame(ppDF, msgarea, line)); // 5: 32 bits, so -2 has a zero high half
+}
+
+uint64_t commandAddRef(PDFRAME *ppDF, [[maybe_unused]] const char *msgarea, [[maybe_unused]] uint32_t line) {
+    PDFRAME const frame = ppDF != nullptr ? *ppDF : nullptr;
+    if (frame == nullptr) { // 1
+        return frameRefuse(DFMEM_E_POINTER, "DFRAME_ADDREF|pDF==NULL(0x%lX)");
+    }
+    if ((frame->dwFlags & DFRAME_FLAG_CUSTOM) != 0) { // 2
+        return DFMEM_E_INVALIDARG;
+    }
+    if (frame->lpData == nullptr) { // 3
+        return frameRefuse(DFMEM_E_OUTOFMEMORY, "pDF->lpData==NULL(0x%lX)");
+    }
+    if (frameOverwritten(frame)) { // 4
+        ErrFmtOut(QX_ERROR, 0, 0, "ERROR(dfmem): %s\n", "DFrameAddRef memory overwrite");
+    }
+    addRefPDFRAME(frame); // 5
+    // 6. The pool is asked first, once there is one.
+    PHALLOC *const descriptor = LHEAP_Find(reinterpret_cast<uintptr_t>(frame->lpData));
+    if (descriptor == nullptr) {
+        return frameRefuse(DFMEM_E_FAILED, "Unable to AddRef(0x%lX)");
+    }
+    const QXHold hold(dfmemLock);
+    qxOSInterlockedIncrement(&descriptor->lRefCount);
+    return 0;
+}

@@ -1,0 +1,102 @@
+// A frame's data buffer: how one is attached, and how a reference to it is dropped.
+//
+// The data reference is dropped each time, whatever the header's count says: each holder of a frame drops one of
+// both, and the buffer's own count decides when the buffer goes.
+#include "frames.h"
+
+#include "local/local_heap.h"
+
+#include <algorithm>
+
+namespace {
+
+// Smallest request that a frame makes of the local heap, in bytes.
+constexpr uint64_t kLocalFloor = 4096;
+
+uintptr_t dataAddress(const DFRAME *frame) { return reinterpret_cast<uintptr_t>(frame->lpData); }
+
+// Drops one reference on the frame's data. False if no heap knows the pointer.
+bool releaseData(const DFRAME *frame, const char *msgarea, uint32_t line) {
+    // The pool is asked first, once there is one.
+    PHALLOC *const descriptor = LHEAP_Find(dataAddress(frame));
+    if (descriptor == nullptr) {
+        return false;
+    }
+    LHEAP_Free(descriptor, msgarea, line); // a refusal has been told there, and changes nothing here
+    return true;
+}
+
+// Step 2 of heapHelpAllocDFrame. dwBufferLength and dwBytesUsed stay as they are.
+void forgetOldData(PDFRAME frame, const char *msgarea, uint32_t line) {
+    if (frame->dwBufferLength == 0 || frame->lpData == nullptr) {
+        return;
+    }
+    if ((frame->dwFlags & DFRAME_FLAG_CUSTOM) == 0) {
+        releaseData(frame, msgarea, line);
+    }
+    frame->lpData = nullptr;
+}
+
+// Step 5 of heapHelpAllocDFrame. The capacity told is the request, not the floor. The floor comes before the cut
+// to 32 bits, so a request of exactly 2^32 bytes is one of 0.
+bool placeLocally(PDFRAME frame, uint64_t dataSize, const char *msgarea, uint32_t line) {
+    const auto request = static_cast<uint32_t>(std::max(dataSize, kLocalFloor));
+    if (LHEAP_Alloc(request, frame, msgarea, line) == nullptr) {
+        return false;
+    }
+    frame->dwBufferLength = static_cast<uint32_t>(dataSize);
+    return true;
+}
+
+} // namespace
+
+uint32_t heapHelpAllocDFrame(PDFRAME *ppDF, uint64_t recordSize, uint64_t dataSize,
+                             [[maybe_unused]] uint32_t localOnly, const char *msgarea, uint32_t line) {
+    PDFRAME frame = *ppDF;
+    if (frame == nullptr) { // 1
+        recordSize = std::max(recordSize, uint64_t{DFRAME_SIZE});
+        frame = allocPDFRAME(static_cast<uint32_t>(recordSize), msgarea, line);
+        if (frame == nullptr) {
+            *ppDF = nullptr;
+            ErrOut("heapHelpAllocDFrame(pDF==NULL)(0x%lX)", DFMEM_E_OUTOFMEMORY);
+            return DFMEM_E_OUTOFMEMORY;
+        }
+    }
+    forgetOldData(frame, msgarea, line); // 2
+    if (dataSize != 0) {                 // 3
+        // 4. The pool's stage, unless localOnly: it may place the data and round dataSize.
+        if (frame->lpData == nullptr && !placeLocally(frame, dataSize, msgarea, line)) { // 5
+            ErrOut("LocalHeap:  DFrame failed request size = %ld.", static_cast<uint32_t>(dataSize));
+            freePDFRAME(&frame, msgarea, line);
+            *ppDF = nullptr;
+            return DFMEM_E_OUTOFMEMORY;
+        }
+    }
+    if (frame->lpData != nullptr) { // 6
+        frame->dwSize = static_cast<uint32_t>(recordSize);
+        frameStampAttach(frame);
+    }
+    *ppDF = frame; // 7
+    return 0;
+}
+
+int32_t heapHelpFreeDFrame(PDFRAME *ppDF, const char *msgarea, uint32_t line) {
+    const DFRAME *const frame = *ppDF;
+    if (frame == nullptr) { // 1
+        ErrOut("heapHelpFreeDFrame called with NULL pDF");
+        return -1;
+    }
+    if (frameOverwritten(frame)) { // 2
+        ErrOut("heapHelpFreeDFrame: buffer overwrite detected (used=%d, length=%d)", frame->dwBytesUsed,
+               frame->dwBufferLength);
+    }
+    int32_t result = 0;
+    if (frame->lpData != nullptr && (frame->dwFlags & DFRAME_FLAG_CUSTOM) == 0 && // 3
+        !releaseData(frame, msgarea, line)) {
+        ErrFmtOut(QX_WARNING, 0, 0, "WARNING(dfmem): %s\n", "Unable to free DFrame allocation! ");
+        ErrOut("NO-Free(0x%08lX-%ld) ", static_cast<uint32_t>(dataAddress(frame)), frame->dwBufferLength);
+        result = -2;
+    }
+    freePDFRAME(ppDF, msgarea, line); // 4: the header goes even when the data wasn't found
+    return result;                    // 5
+}

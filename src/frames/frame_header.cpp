@@ -1,0 +1,82 @@
+// The life of a header: one QXAlloc block, never reused.
+#include "frames.h"
+
+#include "local/dfmem_lock.h"
+#include "util/guard.h"
+#include "util/hold.h"
+
+#include <algorithm>
+#include <cstring>
+
+std::atomic<uint64_t> dframes = 0;
+std::atomic<uint64_t> dframe_bytes = 0;
+
+namespace {
+
+constexpr uint32_t kCountBytes = offsetof(FrameBlock, frame);
+
+// Value of dwCreateMark; unlike the attach stamps it isn't set again.
+constexpr uint32_t kCreateMark = 0xFFFFFFFF;
+
+// Steps 2 to 5 of allocPDFRAME, inside its guard. The frame is handed out when it is complete: a block that
+// can't be written is no header.
+void makeHeader(uint32_t recordSize, FrameBlock *volatile &block, PDFRAME volatile &frame) {
+    FrameBlock *const made = // 2; a block size that doesn't fit its 32 bits is as good as refused
+        recordSize <= UINT32_MAX - kCountBytes ? static_cast<FrameBlock *>(QXAlloc(recordSize + kCountBytes)) : nullptr;
+    if (made == nullptr) {
+        ErrFmtOut(QX_ERROR, 0, 0, "ERROR(dfmem): %s\n", "Unable to allocate dframe structure");
+        return;
+    }
+    block = made;
+    std::memset(static_cast<void *>(made), 0, std::size_t{recordSize} + kCountBytes); // 3
+    made->dwRefCount = 1; // 5, before the counting of 4, so that a fault leaves nothing to be taken back
+    made->frame.dwSize = recordSize;
+    made->frame.dwFlags = DFRAME_FLAG_CREATED;
+    frameStampAttach(&made->frame);
+    made->frame.dwCreateMark = kCreateMark;
+    qxOSEnterCriticalSection(&dfmemLock); // 4
+    dfmemCount<uint64_t>(dframes, 1);
+    dfmemCount<uint64_t>(dframe_bytes, recordSize);
+    frame = &made->frame;
+    qxOSLeaveCriticalSection(&dfmemLock);
+}
+
+} // namespace
+
+PDFRAME allocPDFRAME(uint32_t size, [[maybe_unused]] const char *msgarea, [[maybe_unused]] uint32_t line) {
+    const uint32_t recordSize = std::max(size, DFRAME_SIZE); // 1
+    FrameBlock *volatile block = nullptr;
+    PDFRAME volatile frame = nullptr;
+    if (!qxGuarded([&] { makeHeader(recordSize, block, frame); }) && frame == nullptr && block != nullptr) {
+        qxGuarded([&] { QXFree(block); }); // what was caught is dropped, the block is not
+    }
+    return frame;
+}
+
+int32_t freePDFRAME(PDFRAME *ppDF, [[maybe_unused]] const char *msgarea, [[maybe_unused]] uint32_t line) {
+    if (ppDF == nullptr || *ppDF == nullptr) { // 1
+        ErrFmtOut(QX_CAUTION, 0, 0, "CAUTION(dfmem): %s\n", "Lost frame header memory allocation");
+        return -1;
+    }
+    FrameBlock *const block = frameBlockOf(*ppDF);
+    uint32_t left = 0;
+    {
+        // Test and change are one step: of two threads that drop the last two references, one sees the 1.
+        const QXHold hold(dfmemLock);
+        left = --block->dwRefCount;
+    }
+    if (left == 0) { // 2
+        const uint32_t recordSize = block->frame.dwSize;
+        QXFree(block);
+        const QXHold hold(dfmemLock);
+        dfmemUncount<uint64_t>(dframes, 1);
+        dfmemUncount<uint64_t>(dframe_bytes, recordSize);
+    }
+    *ppDF = nullptr;
+    return static_cast<int32_t>(left); // 0, or 3
+}
+
+void addRefPDFRAME(PDFRAME frame) {
+    const QXHold hold(dfmemLock);
+    ++frameBlockOf(frame)->dwRefCount;
+}

@@ -1,0 +1,25 @@
+#include "dfmem_lock.h"
+
+#include <atomic>
+#include <mutex>
+
+QXCRITICALSECTION dfmemLock;
+
+namespace {
+
+std::atomic<bool> lockReady = false; // stays true from the first command on
+std::once_flag lockOnce;
+
+} // namespace
+
+void dfmemLockCreate() {
+    if (lockReady.load(std::memory_order_acquire)) { // every command but the first
+        return;
+    }
+    std::call_once(lockOnce, [] {
+        qxOSInitializeCriticalSection(&dfmemLock);
+        lockReady.store(true, std::memory_order_release);
+    });
+}
+
+bool dfmemLockReady() { return lockReady.load(std::memory_order_acquire); }

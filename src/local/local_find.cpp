@@ -1,0 +1,124 @@
+// From a bare pointer to the descriptor of its block.
+//
+// A descriptor ends at a multiple of 16384, so the candidates for an address lie at fixed places below it. 17 of
+// them are tried, the address's own piece of 16384 bytes and 16 more: a pointer may have been moved up the data
+// by almost 272 KiB, further than any header or line of a picture moves it.
+//
+// The scan reads memory that nobody vouches for. For the usual pointer, into a block that we remember, it reads
+// in place, and everything between descriptor and pointer is that block's own. For any other the system copies
+// the candidates out and stops at the first that isn't there: no fault is raised, so it makes no difference which
+// signals the thread blocks or what the host has made of its fault handlers.
+#include "local_block.h"
+#include "local_heap.h"
+#include "util/guard.h"
+
+#include <array>
+
+namespace {
+
+constexpr unsigned kTries = 17;
+// More references than this on one block are taken for chance bits.
+constexpr uint32_t kMostReferences = 8192;
+
+// Where live and cached blocks lie; a hint only, see local_block.h. A note holds the block's data address and its
+// length, both counted in pieces of 16384 bytes, in one word, so that reading it touches no block: a block that
+// another thread is just releasing may be gone already.
+constexpr unsigned kNoteBits = 10;
+constexpr unsigned kLengthBits = 20; // more pieces than 32 bits of bytes hold; 44 bits are left for the address
+std::array<std::atomic<uint64_t>, std::size_t{1} << kNoteBits> notes;
+
+std::atomic<uint64_t> &noteOf(uint64_t dataPiece) {
+    constexpr uint64_t kSpread = 0x9E3779B97F4A7C15; // 2^64 over the golden ratio: spreads neighbours evenly
+    return notes[(dataPiece * kSpread) >> (64 - kNoteBits)];
+}
+
+uint64_t dataPieceOf(const PHALLOC *descriptor) {
+    return (reinterpret_cast<uintptr_t>(descriptor) + kDescriptorArea) / kDataAlignment;
+}
+
+// The i-th candidate; wraps below address 0, where nothing can be read.
+uintptr_t candidateOf(uintptr_t address, unsigned i) {
+    return address / kDataAlignment * kDataAlignment - kDescriptorArea - i * kDataAlignment;
+}
+
+// `own` is the address that the record was read from.
+QX_READS_FOREIGN_MEMORY bool accepted(const volatile PHALLOC *record, uintptr_t own) {
+    const auto references = static_cast<uint32_t>(record->lRefCount);
+    return record->qwOffset == 0 && references >= 1 && references <= kMostReferences &&
+           reinterpret_cast<uintptr_t>(record->pSelf) == own && localGuardsHold(record);
+}
+
+// Candidates, from the nearest on, that lie inside the block which holds `address`, if we remember that block;
+// else 0.
+unsigned candidatesInBlock(uintptr_t address) {
+    const uint64_t piece = address / kDataAlignment;
+    for (unsigned i = 0; i < kTries; ++i) {
+        const uint64_t note = noteOf(piece - i).load(std::memory_order_acquire);
+        if (note >> kLengthBits == piece - i) {
+            return i < (note & ((1u << kLengthBits) - 1)) ? i + 1 : 0;
+        }
+    }
+    return 0;
+}
+
+PHALLOC *scanInPlace(uintptr_t address, unsigned tries) {
+    for (unsigned i = 0; i < tries; ++i) {
+        auto *const record = reinterpret_cast<PHALLOC *>(candidateOf(address, i));
+        if (accepted(record, reinterpret_cast<uintptr_t>(record))) {
+            return record;
+        }
+    }
+    return nullptr;
+}
+
+PHALLOC *scanCopies(uintptr_t address) {
+    std::array<uintptr_t, kTries> candidates;
+    for (unsigned i = 0; i < kTries; ++i) {
+        candidates[i] = candidateOf(address, i);
+    }
+    std::array<PHALLOC, kTries> copies;
+    const int readable = qxReadForeign(candidates.data(), kTries, sizeof(PHALLOC), copies.data());
+    if (readable < 0) { // the system doesn't offer it; the guard around us has to serve
+        return scanInPlace(address, kTries);
+    }
+    for (unsigned i = 0; i < static_cast<unsigned>(readable); ++i) {
+        if (accepted(&copies[i], candidates[i])) {
+            return reinterpret_cast<PHALLOC *>(candidates[i]);
+        }
+    }
+    return nullptr;
+}
+
+} // namespace
+
+QX_READS_FOREIGN_MEMORY bool localGuardsHold(const volatile PHALLOC *record) {
+    return record->dwGuard1 == kLocalGuard1 && record->dwGuard2 == kLocalGuard2 && record->dwGuard3 == kLocalGuard3 &&
+           record->dwGuard4 == kLocalGuard4 && record->dwGuard5 == kLocalGuard5 && record->dwGuard6 == kLocalGuard6;
+}
+
+void localRemember(const PHALLOC *descriptor) {
+    const uint64_t piece = dataPieceOf(descriptor);
+    const uint64_t length = (descriptor->qwSize + kDataAlignment - 1) / kDataAlignment;
+    noteOf(piece).store(piece << kLengthBits | length, std::memory_order_release);
+}
+
+void localForget(const PHALLOC *descriptor) {
+    const uint64_t piece = dataPieceOf(descriptor);
+    std::atomic<uint64_t> &note = noteOf(piece);
+    uint64_t seen = note.load(std::memory_order_relaxed);
+    if (seen >> kLengthBits == piece) { // not another block's note
+        note.compare_exchange_strong(seen, 0, std::memory_order_acq_rel);
+    }
+}
+
+PHALLOC *LHEAP_Find(uintptr_t address) {
+    PHALLOC *volatile found = nullptr;
+    qxGuarded([&] {
+        const unsigned tries = candidatesInBlock(address);
+        found = tries != 0 ? scanInPlace(address, tries) : nullptr;
+        if (found == nullptr) {
+            found = scanCopies(address);
+        }
+    });
+    return found;
+}

@@ -1,0 +1,276 @@
+#include "local_heap.h"
+
+#include "dfmem_lock.h"
+#include "local_block.h"
+#include "util/guard.h"
+#include "util/hold.h"
+
+#include <algorithm>
+#include <cassert>
+#include <new>
+
+std::atomic<uint64_t> local_allocs = 0;
+std::atomic<uint32_t> localBytes = 0;
+
+namespace {
+
+// A data size is rounded up to this many bytes.
+constexpr uint32_t kDataUnit = 8192;
+// What a block has beyond its data: room for the alignment and the descriptor area.
+constexpr uint32_t kBlockExtra = kDataAlignment + kDescriptorArea;
+// The largest request whose block size still fits the allocator's 32 bits.
+constexpr uint32_t kLargestRequest = (UINT32_MAX - kBlockExtra) / kDataUnit * kDataUnit;
+// A request must be larger than this to take the cached block: a small one would waste a big block.
+constexpr uint32_t kCacheThreshold = 688802;
+
+// The cached block, as QXAlloc returned it, and its effective size. Both change under dfmemLock; the pointer is
+// also read without it, as a first test. Invariant: the size is 0 exactly while the pointer is null.
+std::atomic<char *> lastBigAlloc = nullptr;
+uint32_t lastBigAllocSize = 0;
+
+void warn(const char *text) { ErrFmtOut(QX_WARNING, 0, 0, "WARNING(dfmem): %s\n", text); }
+
+uint32_t blockSizeOf(uint32_t size) { return (size + kDataUnit - 1) / kDataUnit * kDataUnit + kBlockExtra; }
+
+uint8_t *dataOf(char *block) {
+    constexpr uint64_t kUp = kBlockExtra - 1;
+    return reinterpret_cast<uint8_t *>((reinterpret_cast<uint64_t>(block) + kUp) / kDataAlignment * kDataAlignment);
+}
+
+PHALLOC *descriptorOf(char *block) { return reinterpret_cast<PHALLOC *>(dataOf(block) - kDescriptorArea); }
+
+// Lock held.
+void uncount(uint32_t size) {
+    dfmemUncount<uint64_t>(local_allocs, 1);
+    dfmemUncount(localBytes, size);
+}
+
+void giveBack(char *block) {
+    localForget(descriptorOf(block));
+    QXFree(block);
+}
+
+// ---- LHEAP_Alloc -----------------------------------------------------------------------------------------------
+
+// What the guarded work shares with the recovery from a fault.
+struct Making {
+    PDFRAME pDF;
+    uint32_t size;                  // the effective size
+    char *volatile block = nullptr; // obtained and not yet handed out
+    uint8_t *volatile result = nullptr;
+};
+
+// Step 3: the cached block, if it serves. Sets the effective size.
+void takeCached(Making &making) {
+    if (lastBigAlloc.load(std::memory_order_relaxed) == nullptr) {
+        return;
+    }
+    const QXHold hold(dfmemLock);
+    if (making.size > kCacheThreshold && making.size <= lastBigAllocSize) {
+        uncount(lastBigAllocSize);
+        making.size = lastBigAllocSize;
+        making.block = lastBigAlloc.load(std::memory_order_relaxed);
+        lastBigAlloc.store(nullptr, std::memory_order_relaxed);
+        lastBigAllocSize = 0;
+    }
+}
+
+// Step 6. Nothing else of the block is written: a block from the cache keeps its old data.
+PHALLOC *writeDescriptor(const Making &making) {
+    PHALLOC *const descriptor = new (descriptorOf(making.block)) PHALLOC;
+    descriptor->qwOffset = 0;
+    descriptor->dwGuard1 = kLocalGuard1;
+    descriptor->lpAddr = reinterpret_cast<uint64_t>(making.block);
+    descriptor->dwGuard2 = kLocalGuard2;
+    descriptor->qwSize = making.size;
+    descriptor->dwGuard3 = kLocalGuard3;
+    descriptor->lRefCount = 1;
+    descriptor->dwGuard4 = kLocalGuard4;
+    descriptor->pOwner = reinterpret_cast<uint64_t>(making.pDF);
+    descriptor->dwGuard5 = kLocalGuard5;
+    descriptor->pSelf = descriptor;
+    descriptor->dwGuard6 = kLocalGuard6;
+    descriptor->cTag = 0;
+    return descriptor;
+}
+
+// Step 7: the frame gets its data. The store stands first, since it alone can fault: then nothing was counted.
+void handOut(Making &making) {
+    qxOSEnterCriticalSection(&dfmemLock);
+    const bool whole = qxGuarded([&] {
+        const_cast<volatile DFRAME *>(making.pDF)->lpData = dataOf(making.block);
+        std::atomic_signal_fence(std::memory_order_seq_cst); // what follows must not come before it
+        making.block = nullptr;
+        dfmemCount<uint64_t>(local_allocs, 1);
+        dfmemCount(localBytes, making.size);
+    });
+    if (!whole) {
+        warn("Exception settinging local audio video memory");
+    }
+    qxOSLeaveCriticalSection(&dfmemLock);
+    making.result = making.pDF->lpData; // step 8
+}
+
+// Steps 4 to 7.
+void makeBlock(Making &making) {
+    if (making.block == nullptr && making.size <= kLargestRequest) {
+        making.block = static_cast<char *>(QXAlloc(blockSizeOf(making.size)));
+    }
+    if (making.block == nullptr) { // 5: the callers report
+        return;
+    }
+    localRemember(writeDescriptor(making));
+    handOut(making);
+}
+
+// A block that a fault has kept from its frame. Its descriptor must not be found once the block is released; the
+// fault may have been that it can't be written.
+void dropUnused(Making &making) {
+    char *const block = making.block;
+    qxGuarded([&] { descriptorOf(block)->lRefCount = 0; });
+    qxGuarded([&] { giveBack(block); });
+}
+
+// ---- LHEAP_Free ------------------------------------------------------------------------------------------------
+
+struct Releasing {
+    PHALLOC *pHA;
+    volatile bool locked = false;
+    volatile bool counted = false;
+    volatile int32_t count = -1; // references left, as read under the lock; valid if counted
+};
+
+void enter(Releasing &releasing) {
+    qxOSEnterCriticalSection(&dfmemLock);
+    releasing.locked = true;
+}
+
+void leave(Releasing &releasing) {
+    releasing.locked = false;
+    qxOSLeaveCriticalSection(&dfmemLock);
+}
+
+// Step 6, lock held. The new block is in place before the old one goes, so that a fault in QXFree loses neither.
+void replaceCached(char *block, uint32_t size) {
+    char *const old = lastBigAlloc.load(std::memory_order_relaxed);
+    if (old != nullptr) {
+        uncount(lastBigAllocSize);
+    }
+    lastBigAlloc.store(block, std::memory_order_relaxed);
+    lastBigAllocSize = size;
+    if (old != nullptr) {
+        giveBack(old);
+    }
+}
+
+// Steps 2 to 8.
+int32_t release(Releasing &releasing) {
+    PHALLOC *const pHA = releasing.pHA;
+    if (!localGuardsHold(pHA)) { // 2
+        ErrOut("LHEAP_Free: PHALLOC magic corrupted - possible overwrite at 0x%p", static_cast<void *>(pHA));
+        return -1;
+    }
+    if (pHA->pSelf != pHA) { // 3
+        ErrOut("LHEAP_Free: PHALLOC self-pointer corrupted at 0x%p", static_cast<void *>(pHA));
+        return -1;
+    }
+    const auto size = static_cast<uint32_t>(pHA->qwSize); // 4
+    auto *const block = reinterpret_cast<char *>(pHA->lpAddr);
+    enter(releasing);
+    qxOSInterlockedDecrement(&pHA->lRefCount);
+    releasing.count = pHA->lRefCount;
+    releasing.counted = true;
+    if (releasing.count > 0) { // 5
+        leave(releasing);
+        return releasing.count;
+    }
+    if (size > lastBigAllocSize) { // 6
+        replaceCached(block, size);
+        leave(releasing);
+        return 0;
+    }
+    if (block == lastBigAlloc.load(std::memory_order_relaxed)) { // 7
+        ErrOut("BRENVOLE:Attempt to free last big alloc ");
+        lastBigAllocSize = size;
+        leave(releasing);
+        return 0;
+    }
+    qxGuarded([&] { // 8
+        pHA->lpAddr = 0;
+        uncount(size);
+    });
+    leave(releasing);
+    giveBack(block);
+    return 0;
+}
+
+// After a fault: the count of the block, which may be gone if it was counted down, or may never have been there.
+int32_t countAfterFault(Releasing &releasing) {
+    if (!releasing.counted) {
+        qxGuarded([&] { releasing.count = const_cast<volatile PHALLOC *>(releasing.pHA)->lRefCount; });
+    }
+    return releasing.count;
+}
+
+} // namespace
+
+uint8_t *LHEAP_Alloc(uint32_t size, PDFRAME pDF, [[maybe_unused]] const char *msgarea,
+                     [[maybe_unused]] uint32_t line) {
+    if (pDF == nullptr) { // 1
+        ErrOut("LHEAP_Alloc called with NULL pDF");
+        return nullptr;
+    }
+    if (size == 0) { // 2
+        ErrOut("LHEAP_Alloc called with zero size");
+        return nullptr;
+    }
+    Making making{pDF, size};
+    takeCached(making); // 3
+    if (!qxGuarded([&] { makeBlock(making); })) {
+        warn("Exception allocating local audio video memory");
+        qxGuarded([&] { making.result = pDF->lpData; });
+    }
+    if (making.block != nullptr) {
+        dropUnused(making);
+    }
+    return making.result;
+}
+
+int32_t LHEAP_Free(PHALLOC *pHA, [[maybe_unused]] const char *msgarea, [[maybe_unused]] uint32_t line) {
+    if (pHA == nullptr) { // 1
+        ErrOut("LHEAP_Free called with NULL pHA");
+        return -1;
+    }
+    Releasing releasing{pHA};
+    volatile int32_t result = -1;
+    if (!qxGuarded([&] { result = release(releasing); })) {
+        warn("Exception freeing audio video memory");
+        if (releasing.locked) {
+            leave(releasing);
+        }
+        result = countAfterFault(releasing);
+    }
+    return result;
+}
+
+void LHEAP_DropCache() {
+    const bool locked = dfmemLockReady(); // 1
+    if (locked) {
+        qxOSEnterCriticalSection(&dfmemLock);
+    }
+    char *const block = lastBigAlloc.load(std::memory_order_relaxed);
+    if (block != nullptr) { // 2
+        if (local_allocs.load(std::memory_order_relaxed) != 0) {
+            dfmemUncount<uint64_t>(local_allocs, 1);
+        }
+        dfmemUncount(localBytes, std::min(lastBigAllocSize, localBytes.load(std::memory_order_relaxed)));
+        lastBigAlloc.store(nullptr, std::memory_order_relaxed);
+        lastBigAllocSize = 0;
+    }
+    if (locked) { // 3
+        qxOSLeaveCriticalSection(&dfmemLock);
+    }
+    if (block != nullptr) { // 4
+        giveBack(block);
+    }
+}

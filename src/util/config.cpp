@@ -1,0 +1,120 @@
+// The configuration store: an INI file, read when it is first asked for and again whenever it has changed.
+//
+//   [Brenvole\DFrameTrace]     a section; backslashes are plain characters
+//   Enable=1                   decimal, or 0x and hexadecimal digits
+//   File="/tmp/a trace.csv"    a text; one pair of quotes around it is taken off
+//   ; or #                     start a comment line, and a comment behind a number
+//
+// Blanks around names and values don't count, names are compared without regard to the case of ASCII letters,
+// and of several entries of one name the last holds. The file belongs to the user and may hold anything: a line
+// that can't be understood is told once and skipped.
+#include "ini.h"
+#include "platform.h"
+#include "qxutil.h"
+
+#include <cstring>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace {
+
+// A store that is larger is no configuration; reading it would only cost the host its memory.
+constexpr std::size_t kLargestStore = 1u << 20;
+
+// Found is 0; a caller tells only that from the rest.
+constexpr uint32_t kFound = 0;
+constexpr uint32_t kNotFound = 2;
+constexpr uint32_t kTooLong = 234;
+
+struct Store {
+    std::string path;
+    QXFileStamp stamp;
+    IniEntries entries;
+};
+Store *store = nullptr; // made at the first question, never deleted: threads may ask until the process ends
+std::mutex storeLock;   // guards `store`; messages go out after it is left, since a sink may ask the store
+
+std::string storePath() {
+    if (const char *own = qxEnvironment("QXUTIL_CONFIG")) {
+        return own;
+    }
+    char directory[QX_PATH_CAPACITY];
+    qxOSGetConfigDir(directory, 0);
+    return *directory != 0 ? std::string(directory) + "qxutil.ini" : std::string();
+}
+
+// Lock held. Reads the file anew if it is another one, or has changed, since the last time.
+void refresh(std::string &complaints) {
+    const std::string path = storePath();
+    const QXFileStamp stamp = path.empty() ? QXFileStamp{} : qxFileStamp(path.c_str());
+    if (store == nullptr) {
+        store = new Store;
+    } else if (store->path == path && store->stamp == stamp) {
+        return;
+    }
+    store->path = path;
+    store->stamp = stamp;
+    store->entries.clear();
+    std::string content;
+    if (!stamp.bExists) {
+        return;
+    }
+    if (qxReadFile(path.c_str(), kLargestStore, content)) {
+        store->entries = iniParse(content, path, complaints);
+    } else {
+        complaints += path + ": can't be read as a configuration";
+    }
+}
+
+// The text of an entry, and the message that reading the store has left.
+std::optional<std::string> find(const char *section, const char *key) {
+    std::string complaints;
+    std::optional<std::string> value;
+    {
+        const std::scoped_lock hold(storeLock);
+        refresh(complaints);
+        const auto entry = store->entries.find(iniName(section, key));
+        if (entry != store->entries.end()) {
+            value = entry->second;
+        }
+    }
+    if (!complaints.empty()) {
+        ErrFmtOut(QX_WARNING, 0, 0, "WARNING(qxutil): %s\n", complaints.c_str());
+    }
+    return value;
+}
+
+} // namespace
+
+uint32_t qxCFGValueDword(int32_t, const char *section, const char *key, uint32_t *value, uint32_t) {
+    if (section == nullptr || key == nullptr || value == nullptr) {
+        return kNotFound;
+    }
+    try {
+        const std::optional<std::string> text = find(section, key);
+        return text && iniNumber(*text, *value) ? kFound : kNotFound;
+    } catch (...) { // no memory to read the store with
+        return kNotFound;
+    }
+}
+
+uint32_t qxCFGValueString(int32_t, const char *section, const char *key, char *buffer, uint32_t *size, uint32_t) {
+    if (section == nullptr || key == nullptr || buffer == nullptr || size == nullptr) {
+        return kNotFound;
+    }
+    try {
+        const std::optional<std::string> text = find(section, key);
+        if (!text) {
+            return kNotFound;
+        }
+        if (text->size() >= *size) {
+            return kTooLong;
+        }
+        std::memcpy(buffer, text->c_str(), text->size() + 1);
+        *size = static_cast<uint32_t>(text->size() + 1);
+        return kFound;
+    } catch (...) {
+        return kNotFound;
+    }
+}

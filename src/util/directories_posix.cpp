@@ -1,0 +1,74 @@
+// Directories that the system hands out. All end in a slash; a path that doesn't fit is none.
+#include "platform.h"
+#include "qxutil.h"
+
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <system_error>
+
+#include <sys/stat.h>
+
+namespace {
+
+bool copyOut(std::string path, char *buffer, std::size_t capacity) {
+    if (path.empty() || path.back() != '/') {
+        path += '/';
+    }
+    if (path.size() >= capacity) {
+        return false;
+    }
+    std::memcpy(buffer, path.c_str(), path.size() + 1);
+    return true;
+}
+
+// QXUTIL_CONFIG_DIR, else `qxutil` below the user's configuration directory; empty if there is none.
+std::string configDirectory() {
+    if (const char *own = qxEnvironment("QXUTIL_CONFIG_DIR")) {
+        return own;
+    }
+    const char *user = qxEnvironment("XDG_CONFIG_HOME");
+    if (user != nullptr && *user == '/') { // a relative one is to be ignored
+        return std::string(user) + "/qxutil";
+    }
+    const char *home = qxEnvironment("HOME");
+    return home != nullptr && *home == '/' ? std::string(home) + "/.config/qxutil" : std::string();
+}
+
+// Makes the directory and what is missing above it, for the user alone. False if it isn't there at the end.
+bool makeDirectory(const std::string &path) {
+    constexpr mode_t kForTheUserAlone = 0700;
+    for (std::size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+        mkdir(path.substr(0, slash).c_str(), kForTheUserAlone);
+    }
+    mkdir(path.c_str(), kForTheUserAlone);
+    std::error_code error;
+    return std::filesystem::is_directory(path, error);
+}
+
+} // namespace
+
+void qxOSGetConfigDir(char *buffer, int32_t create) {
+    if (buffer == nullptr) {
+        return;
+    }
+    *buffer = 0;
+    const std::string path = configDirectory();
+    if (path.empty() || path.size() + 1 >= QX_PATH_CAPACITY) {
+        return;
+    }
+    if (create == 0 || makeDirectory(path)) {
+        copyOut(path, buffer, QX_PATH_CAPACITY);
+    }
+}
+
+void qxOSGetTempDir(char *buffer, uint32_t capacity) {
+    if (buffer == nullptr || capacity == 0) {
+        return;
+    }
+    *buffer = 0;
+    const char *own = qxEnvironment("TMPDIR");
+    if (own == nullptr || !copyOut(own, buffer, capacity)) {
+        copyOut("/tmp/", buffer, capacity);
+    }
+}

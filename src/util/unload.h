@@ -1,0 +1,10 @@
+/** @file
+ *  The end of the library's stay in the process. Private. */
+#ifndef QXUTIL_UNLOAD_H
+#define QXUTIL_UNLOAD_H
+
+/** Sees to it that DllMain is called with reason 0 when the library leaves the process, where the system doesn't
+ *  do so itself. Called by the first command; later calls do nothing. */
+void qxHookUnload();
+
+#endif
