@@ -40,7 +40,8 @@ function(brenvole_library name objects)
   set_target_properties(${name} PROPERTIES
     VERSION ${PROJECT_VERSION} SOVERSION ${BRENVOLE_ABI} LINK_DEPENDS ${map} BUILD_RPATH_USE_ORIGIN ON
     INSTALL_RPATH $ORIGIN)
-  target_link_options(${name} PRIVATE -Wl,--version-script=${map})
+  # symbolic: the library's calls of its own exports stay inside it; DllMain is a name that others have too
+  target_link_options(${name} PRIVATE -Wl,--version-script=${map} -Wl,-Bsymbolic-functions)
   if(NOT BRENVOLE_SANITIZE) # a sanitizer's runtime is linked into the program, not into its libraries
     target_link_options(${name} PRIVATE -Wl,--no-undefined)
   endif()

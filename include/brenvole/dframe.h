@@ -31,8 +31,8 @@ extern "C" {
 
 /** @name Bits of DFRAME::dwFlags
  *  @{ */
-#define DFRAME_FLAG_CUSTOM 0x00001000u /**< lpData belongs to the caller: never freed, and in no heap */
-#define DFRAME_FLAG_TAIL 0x00008000u   /**< the record carries a tail extension at lpTail */
+#define DFRAME_FLAG_CUSTOM 0x00001000u  /**< lpData belongs to the caller: never freed, and in no heap */
+#define DFRAME_FLAG_TAIL 0x00008000u    /**< the record carries a tail extension at lpTail */
 #define DFRAME_FLAG_CREATED 0x10000000u /**< set at creation, never tested by the library */
 /** @} */
 

@@ -22,7 +22,8 @@ constexpr uint32_t kCreateMark = 0xFFFFFFFF;
 // can't be written is no header.
 void makeHeader(uint32_t recordSize, FrameBlock *volatile &block, PDFRAME volatile &frame) {
     FrameBlock *const made = // 2; a block size that doesn't fit its 32 bits is as good as refused
-        recordSize <= UINT32_MAX - kCountBytes ? static_cast<FrameBlock *>(QXAlloc(recordSize + kCountBytes)) : nullptr;
+        recordSize <= UINT32_MAX - kCountBytes ? static_cast<FrameBlock *>(QXAlloc(recordSize + kCountBytes))
+                                               : nullptr;
     if (made == nullptr) {
         ErrFmtOut(QX_ERROR, 0, 0, "ERROR(dfmem): %s\n", "Unable to allocate dframe structure");
         return;

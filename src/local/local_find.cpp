@@ -23,7 +23,7 @@ constexpr uint32_t kMostReferences = 8192;
 // Where live and cached blocks lie; a hint only, see local_block.h. A note holds the block's data address and its
 // length, both counted in pieces of 16384 bytes, in one word, so that reading it touches no block: a block that
 // another thread is just releasing may be gone already.
-constexpr unsigned kNoteBits = 10;
+constexpr unsigned kNoteBits = 14;   // 128 KiB; pages of it that no block needs are never touched
 constexpr unsigned kLengthBits = 20; // more pieces than 32 bits of bytes hold; 44 bits are left for the address
 std::array<std::atomic<uint64_t>, std::size_t{1} << kNoteBits> notes;
 
@@ -71,13 +71,16 @@ PHALLOC *scanInPlace(uintptr_t address, unsigned tries) {
     return nullptr;
 }
 
-PHALLOC *scanCopies(uintptr_t address) {
+// Tries candidates `first` to `end` - 1 in copies. Sets `goOn` to whether the scan may go on behind them.
+PHALLOC *scanCopies(uintptr_t address, unsigned first, unsigned end, bool &goOn) {
     std::array<uintptr_t, kTries> candidates;
-    for (unsigned i = 0; i < kTries; ++i) {
-        candidates[i] = candidateOf(address, i);
-    }
     std::array<PHALLOC, kTries> copies;
-    const int readable = qxReadForeign(candidates.data(), kTries, sizeof(PHALLOC), copies.data());
+    const unsigned count = end - first;
+    for (unsigned i = 0; i < count; ++i) {
+        candidates[i] = candidateOf(address, first + i);
+    }
+    const int readable = qxReadForeign(candidates.data(), static_cast<int>(count), sizeof(PHALLOC), copies.data());
+    goOn = readable == static_cast<int>(count);
     if (readable < 0) { // the system doesn't offer it; the guard around us has to serve
         return scanInPlace(address, kTries);
     }
@@ -87,6 +90,13 @@ PHALLOC *scanCopies(uintptr_t address) {
         }
     }
     return nullptr;
+}
+
+// The nearest candidate goes alone: it is the one that nearly every pointer needs, and copying costs by the piece.
+PHALLOC *scanUnknown(uintptr_t address) {
+    bool goOn = false;
+    PHALLOC *const nearest = scanCopies(address, 0, 1, goOn);
+    return nearest != nullptr || !goOn ? nearest : scanCopies(address, 1, kTries, goOn);
 }
 
 } // namespace
@@ -117,7 +127,7 @@ PHALLOC *LHEAP_Find(uintptr_t address) {
         const unsigned tries = candidatesInBlock(address);
         found = tries != 0 ? scanInPlace(address, tries) : nullptr;
         if (found == nullptr) {
-            found = scanCopies(address);
+            found = scanUnknown(address);
         }
     });
     return found;

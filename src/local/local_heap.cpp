@@ -62,11 +62,11 @@ struct Making {
 
 // Step 3: the cached block, if it serves. Sets the effective size.
 void takeCached(Making &making) {
-    if (lastBigAlloc.load(std::memory_order_relaxed) == nullptr) {
+    if (making.size <= kCacheThreshold || lastBigAlloc.load(std::memory_order_relaxed) == nullptr) {
         return;
     }
     const QXHold hold(dfmemLock);
-    if (making.size > kCacheThreshold && making.size <= lastBigAllocSize) {
+    if (making.size <= lastBigAllocSize) { // 0 in an empty cache: a block that has gone meanwhile isn't taken
         uncount(lastBigAllocSize);
         making.size = lastBigAllocSize;
         making.block = lastBigAlloc.load(std::memory_order_relaxed);

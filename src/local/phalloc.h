@@ -12,20 +12,20 @@
  *  own. The two heaps fill the guard words with different values, so that no phys record is ever taken for a
  *  local one. lRefCount changes through the interlocked operations only, once it is set. */
 struct PHALLOC {
-    d_ListNode Node;    // first, so that a node of a heap's list is its descriptor; unused in a local block
-    uint64_t qwOffset;  // physical offset; 0 in a local block
+    d_ListNode Node;   // first, so that a node of a heap's list is its descriptor; unused in a local block
+    uint64_t qwOffset; // physical offset; 0 in a local block
     uint32_t dwGuard1;
-    uint64_t lpAddr;    // first byte of the block; in a local block what QXAlloc returned, not the data
+    uint64_t lpAddr; // first byte of the block; in a local block what QXAlloc returned, not the data
     uint32_t dwGuard2;
-    uint64_t qwSize;    // bytes; in a local block the effective size
+    uint64_t qwSize; // bytes; in a local block the effective size
     uint32_t dwGuard3;
-    int32_t lRefCount;  // at least 1 while the block is live
+    int32_t lRefCount; // at least 1 while the block is live
     uint32_t dwGuard4;
-    uint64_t pOwner;    // who holds the block, a DFRAME as a rule
+    uint64_t pOwner; // who holds the block, a DFRAME as a rule
     uint32_t dwGuard5;
-    PHALLOC *pSelf;     // the record's own address
+    PHALLOC *pSelf; // the record's own address
     uint32_t dwGuard6;
-    uint8_t cTag;       // nothing reads it
+    uint8_t cTag; // nothing reads it
 };
 
 /** Bytes in front of a local block's data that hold its descriptor. */

@@ -46,8 +46,8 @@ bool qxReadFile(const char *path, std::size_t limit, std::string &content) {
         return false;
     }
     struct stat status {};
-    bool read = fstat(file, &status) == 0 && S_ISREG(status.st_mode) &&
-                static_cast<uint64_t>(status.st_size) <= limit;
+    bool read =
+        fstat(file, &status) == 0 && S_ISREG(status.st_mode) && static_cast<uint64_t>(status.st_size) <= limit;
     if (read) {
         content.resize(static_cast<std::size_t>(status.st_size));
         readAll(file, content);

@@ -127,8 +127,7 @@ Conversion readConversion(const char *&at, Arguments &arguments) {
 }
 
 // One field: sign or prefix, then the body, padded to the width. Zeros go between prefix and body.
-void putField(Output &out, const Conversion &conversion, std::string_view prefix, int zeros,
-              std::string_view body) {
+void putField(Output &out, const Conversion &conversion, std::string_view prefix, int zeros, std::string_view body) {
     const int64_t used = static_cast<int64_t>(prefix.size()) + zeros + static_cast<int64_t>(body.size());
     const int pad = static_cast<int>(std::max<int64_t>(0, conversion.width - used));
     if (!conversion.left) {
@@ -239,8 +238,9 @@ void putString(Output &out, const Conversion &conversion, Arguments &arguments) 
         text = "(null)";
     }
     // A precision bounds what is read, so that a text without a terminator can be printed.
-    const std::size_t length =
-        conversion.precision < 0 ? std::strlen(text) : ::strnlen(text, static_cast<std::size_t>(conversion.precision));
+    const std::size_t length = conversion.precision < 0
+                                   ? std::strlen(text)
+                                   : ::strnlen(text, static_cast<std::size_t>(conversion.precision));
     putField(out, conversion, "", 0, {text, length});
 }
 

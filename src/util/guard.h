@@ -35,7 +35,6 @@ int qxReadForeign(const std::uintptr_t *from, int count, std::size_t size, void 
 /** Marks a function that reads memory which nobody vouches for. The sanitizers would report what is its
  *  purpose: to look where released blocks, other threads' blocks and red zones may lie. It reads through
  *  volatile and calls nothing. */
-#define QX_READS_FOREIGN_MEMORY                                                                                   \
-    __attribute__((noinline, no_sanitize("address", "thread", "undefined")))
+#define QX_READS_FOREIGN_MEMORY __attribute__((noinline, no_sanitize("address", "thread", "undefined")))
 
 #endif

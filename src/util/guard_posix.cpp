@@ -39,7 +39,9 @@ struct sigaction before[kFaultCount]; // what handled each fault before us; writ
 std::atomic<bool> armed = false;
 std::once_flag armOnce;
 
-struct sigaction &beforeOf(int fault) { return before[fault == kFaults[0] ? 0 : 1]; }
+struct sigaction &beforeOf(int fault) {
+    return before[fault == kFaults[0] ? 0 : 1];
+}
 
 // The default action, in the way that leaves the core dump and the exit status of the true cause.
 void dieOf(int fault, bool raisedBySystem) {

@@ -1,0 +1,44 @@
+/** @file
+ *  Frames as this program takes and drops them: the library's commands, and beside them an account of every
+ *  reference, by which the program can say at its end that nothing is alive. */
+#ifndef MEDIA_PIPELINE_FRAME_LEDGER_H
+#define MEDIA_PIPELINE_FRAME_LEDGER_H
+
+#include <brenvole/dframe.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <unordered_map>
+
+/** The figures of a ledger. */
+struct LedgerFigures {
+    uint64_t allocated = 0; ///< frames
+    uint64_t refused = 0;   ///< allocations that failed
+    uint64_t failures = 0;  ///< references that the library would not take or drop
+    uint64_t bytesUsed = 0; ///< sum of dwBytesUsed over all frames allocated
+    std::size_t peak = 0;   ///< most frames alive at once
+    std::size_t alive = 0;
+};
+
+/** The account. It outlives its frames. `lock` guards all of it and is never held over a command, so that the
+ *  library gets its calls from all threads as they come. */
+struct FrameLedger {
+    std::mutex lock;
+    std::unordered_map<const DFRAME *, uint32_t> references; ///< of each live frame
+    LedgerFigures figures;
+};
+
+/** Allocates a frame with `size` bytes in use. The content is undefined.
+ *  @return the frame, with one reference, which is the caller's; null if there is no memory */
+PDFRAME ledgerAlloc(FrameLedger &ledger, uint64_t size);
+/** Adds a reference, on behalf of somebody else than the holder who calls.
+ *  @return false if the library refuses */
+bool ledgerShare(PDFRAME frame);
+/** Drops a reference. */
+void ledgerDrop(PDFRAME frame);
+/** True if a frame stands at this address, which may be any value. */
+bool ledgerKnows(FrameLedger &ledger, const void *address);
+LedgerFigures ledgerFigures(FrameLedger &ledger);
+
+#endif

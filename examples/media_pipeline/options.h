@@ -1,0 +1,23 @@
+/** @file
+ *  The command line. */
+#ifndef MEDIA_PIPELINE_OPTIONS_H
+#define MEDIA_PIPELINE_OPTIONS_H
+
+#include <string>
+
+struct Options {
+    std::string file; ///< the shipped clip if none is named
+    int threads = 2;  ///< of each decoder
+    bool verify = false;
+    bool quiet = false;
+    bool help = false;
+};
+
+/** @param error  out: what is wrong with the command line
+ *  @return false if something is */
+bool parseOptions(Options &options, int count, char **arguments, std::string &error);
+
+/** The text of --help. */
+extern const char *const kHelp;
+
+#endif

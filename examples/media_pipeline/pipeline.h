@@ -1,0 +1,46 @@
+/** @file
+ *  The pipeline: one thread decodes, two look at what comes out, one collects it.
+ *
+ *      decoder ----> pictures ----> brightness
+ *        |  '------> samples -----> level
+ *        '---------> everything --> records, in the order of presentation
+ *
+ *  Nothing is copied on the way: each thread has a share in the frame that the decoder has written. */
+#ifndef MEDIA_PIPELINE_PIPELINE_H
+#define MEDIA_PIPELINE_PIPELINE_H
+
+#include "audio_level.h"
+#include "frame_ledger.h"
+#include "frame_record.h"
+#include "picture_stats.h"
+#include "progress.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct StreamResult {
+    bool decoded = false;  ///< false for streams without picture and sound
+    bool pictures = false; ///< else sound
+    std::string codec;
+    uint64_t samples = 0; ///< per channel
+    uint64_t placed = 0;  ///< of the records, those that lay in frames
+    PictureStats brightness;
+    AudioLevel level;
+    std::vector<FrameRecord> records;
+};
+
+struct PipelineResult {
+    bool opened = false;
+    std::string error; ///< empty if nothing went wrong
+    std::vector<StreamResult> streams;
+    LedgerFigures frames; ///< after the end of all threads and decoders
+    double seconds = 0;
+};
+
+PipelineResult runPipeline(const std::string &path, int threads, Progress &progress);
+
+/** All records of pictures, or of blocks of samples. */
+uint64_t countRecords(const PipelineResult &result, bool pictures);
+
+#endif

@@ -1,0 +1,5 @@
+#include "terminal.h"
+
+#include <unistd.h>
+
+bool errorsGoToTerminal() { return isatty(STDERR_FILENO) != 0; }

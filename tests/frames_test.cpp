@@ -1,0 +1,436 @@
+// Frames through the command entry. Nothing here needs more than the exported names, so that it runs over the
+// shared library too.
+#include "harness.h"
+
+#include <brenvole/dframe.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <optional>
+#include <random>
+#include <thread>
+
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr uint64_t kWidenedOutOfMemory = 0xFFFFFFFFE8108020;
+const std::string kHeaderFailed = "ERROR(dfmem): Unable to allocate dframe structure\n";
+const std::string kHelpFailed = "heapHelpAllocDFrame(pDF==NULL)(0xE8108020)";
+const std::string kLocalFailed = "Local Alloc Failed, Brenvole Failed";
+
+void dropCache() { DllMain(nullptr, 0, nullptr); }
+
+struct Frames : testing::Test {
+    LogCapture log;
+    PDFRAME frame = nullptr;
+    int64_t outBefore = (dropCache(), blocksOut());
+
+    ~Frames() override {
+        failNth(0);
+        replaceAlloc = nullptr;
+        dropCache();
+        EXPECT_EQ(blocksOut(), outBefore);
+        EXPECT_EQ(log.take(), Texts{});
+    }
+    uint64_t alloc(int64_t size, uintptr_t record = DFRAME_SIZE) {
+        return DFrameMem(DFRAME_ALLOC, size, record, &frame);
+    }
+    static uint64_t addRef(PDFRAME to) { return DFrameMem(DFRAME_ADDREF, 0, 0, &to); }
+    static uint64_t free(PDFRAME &which) { return DFrameMem(DFRAME_FREE, 0, 0, &which); }
+};
+
+TEST_F(Frames, Refusals) {
+    ASSERT_EQ(alloc(1000), 0u);
+    DFRAME custom = {};
+    custom.dwFlags = DFRAME_FLAG_CUSTOM;
+    DFRAME empty = {};
+    DFRAME foreign = {};
+    foreign.lpData = reinterpret_cast<uint8_t *>(0x123456789);
+    foreign.dwBufferLength = 8;
+    PDFRAME null = nullptr, toCustom = &custom, toEmpty = &empty, toForeign = &foreign;
+    const struct {
+        uint32_t command;
+        int64_t param1;
+        uintptr_t param2;
+        PDFRAME *ppDF;
+        uint64_t result;
+        Texts texts;
+    } cases[] = {
+        {DFRAME_ALLOC, 0, 0, nullptr, DFMEM_E_POINTER, {"DFRAME_ALLOC|ppDF==NULL(0xE8108005)"}},
+        {DFRAME_ALLOC, 0, 0, &null, DFMEM_E_POINTER, {"DFRAME_ALLOC|pDF==NULL(0xE8108005)"}},
+        {DFRAME_ALLOC, 0, 1, &null, DFMEM_E_INVALIDARG, {}},
+        {DFRAME_FREE, 0, 0, nullptr, DFMEM_E_POINTER, {"DFRAME_FREE|pDF==NULL(0xE8108005)"}},
+        {DFRAME_FREE, 0, 0, &null, DFMEM_E_POINTER, {"DFRAME_FREE2|*pDF==NULL(0xE8108005)"}},
+        {DFRAME_FREE, 0, 0, &toCustom, DFMEM_E_INVALIDARG, {"DFRAME_FREE|NotAnyHeap(0xE8108004)"}},
+        {DFRAME_ADDREF, 0, 0, nullptr, DFMEM_E_POINTER, {"DFRAME_ADDREF|pDF==NULL(0xE8108005)"}},
+        {DFRAME_ADDREF, 0, 0, &null, DFMEM_E_POINTER, {"DFRAME_ADDREF|pDF==NULL(0xE8108005)"}},
+        {DFRAME_ADDREF, 0, 0, &toCustom, DFMEM_E_INVALIDARG, {}},
+        {DFRAME_ADDREF, 0, 0, &toEmpty, DFMEM_E_OUTOFMEMORY, {"pDF->lpData==NULL(0xE8108020)"}},
+        {4, 0, 0, &frame, DFMEM_E_FAILED, {"Unknown DFrameMem Command(0xE8108013)"}},
+        {0x7FFFFFFFu, 0, 0, nullptr, DFMEM_E_FAILED, {"Unknown DFrameMem Command(0xE8108013)"}},
+        {DFRAME_FLAG_SYSHEAP | 129u, 0, 0, nullptr, DFMEM_E_FAILED, {"Unknown DFrameMem Command(0xE8108013)"}},
+    };
+    for (const auto &c : cases) {
+        const PDFRAME before = c.ppDF != nullptr ? *c.ppDF : nullptr;
+        EXPECT_EQ(DFrameMem(c.command, c.param1, c.param2, c.ppDF), c.result) << c.command;
+        EXPECT_EQ(log.take(), c.texts) << c.command;
+        EXPECT_TRUE(c.ppDF == nullptr || *c.ppDF == before);
+    }
+    // A count in front of the record: the one that DFRAME_ADDREF raises before it looks for the data.
+    struct {
+        uint32_t count;
+        DFRAME record;
+    } counted = {5, foreign};
+    toForeign = &counted.record;
+    EXPECT_EQ(DFrameMem(DFRAME_ADDREF, 0, 0, &toForeign), DFMEM_E_FAILED);
+    EXPECT_EQ(log.take(), Texts{"Unable to AddRef(0xE8108013)"});
+    EXPECT_EQ(counted.count, 6u); // stays raised
+    EXPECT_EQ(free(frame), 0u);
+}
+
+TEST_F(Frames, NewHeader) {
+    ASSERT_EQ(DFrameMemTrace(0x0000010Au, 3000, 1, &frame, "area", 7), 0u); // bits 8 to 30 don't count
+    DFRAME expected = {};
+    expected.dwSize = DFRAME_SIZE;
+    expected.dwFlags = 0x10000000;
+    expected.dwAttachMark = 1;
+    expected.dwAttachValue = 65520;
+    expected.dwCreateMark = 0xFFFFFFFF;
+    expected.lpData = frame->lpData;
+    expected.dwBufferLength = 4200;
+    EXPECT_EQ(std::memcmp(frame, &expected, sizeof expected), 0);
+    uint32_t count = 0;
+    std::memcpy(&count, reinterpret_cast<char *>(frame) - 4, 4);
+    EXPECT_EQ(count, 1u);
+    EXPECT_EQ(free(frame), 0u);
+    EXPECT_EQ(frame, nullptr);
+}
+
+// What the caller asks, what the buffer is told to hold, and what QXAlloc is asked for.
+TEST_F(Frames, Sizes) {
+    const struct {
+        int64_t wanted;
+        uint32_t length;
+        uint32_t block; // 0: no data, the header is the last request
+    } cases[] = {{1000, 1400, 24704}, {1, 1, 24704},
+                 {45, 62, 24704},     {2000, 2800, 24704},
+                 {3000, 4200, 24704}, {100000, 140000, 147456 + 16512},
+                 {0xB6DB6DB7, 0, 0},  {0xC0000000, 0x0CCCCCCC, 0x0CCCE000 + 16512},
+                 {INT64_MIN, 0, 0},   {6588122883467697006, 0, 0}};
+    for (const auto &c : cases) {
+        for (const uint32_t top : {0u, DFRAME_FLAG_SYSHEAP}) {
+            ASSERT_EQ(DFrameMem(DFRAME_ALLOC | top, c.wanted, 9000, &frame), 0u) << c.wanted;
+            EXPECT_EQ(frame->dwBufferLength, c.length) << c.wanted;
+            EXPECT_EQ(lastRequest(), c.block != 0 ? c.block : 9004u) << c.wanted;
+            EXPECT_EQ(+frame->lpData != nullptr, c.block != 0);
+            EXPECT_EQ(frame->dwSize, 9000u);
+            EXPECT_EQ(free(frame), 0u);
+            dropCache();
+        }
+    }
+    // -1 becomes 4294967295 bytes, more than a local block can have; the header is made twice and goes twice.
+    const Texts twice = {"LocalHeap:  DFrame failed request size = -1.", kLocalFailed,
+                         "LocalHeap:  DFrame failed request size = -1."};
+    EXPECT_EQ(alloc(-1), kWidenedOutOfMemory);
+    EXPECT_EQ(log.take(), twice);
+    EXPECT_EQ(frame, nullptr);
+    // A record whose block doesn't fit 32 bits is refused like a failed QXAlloc; of a larger one the low bits count.
+    const uint64_t before = requests();
+    EXPECT_EQ(alloc(1000, 0xFFFFFFFC), kWidenedOutOfMemory);
+    EXPECT_EQ(requests(), before);
+    EXPECT_EQ(log.take(), (Texts{kHeaderFailed, kHelpFailed, kLocalFailed, kHeaderFailed, kHelpFailed}));
+    ASSERT_EQ(alloc(1000, 0x100000005), 0u);
+    EXPECT_EQ(frame->dwSize, 5u); // as asked; the record itself has its full size
+    EXPECT_EQ(requests(), before + 2);
+    frame->dwSize = DFRAME_SIZE;
+    EXPECT_EQ(free(frame), 0u);
+}
+
+TEST_F(Frames, NewDataForAnExistingFrame) {
+    ASSERT_EQ(alloc(2000, 9000), 0u);
+    frame->dwBytesUsed = 17;
+    PDFRAME const before = frame;
+    ASSERT_EQ(alloc(5000, 1), 0u);
+    EXPECT_EQ(frame, before);
+    EXPECT_EQ(frame->dwBytesUsed, 17u);
+    EXPECT_EQ(frame->dwBufferLength, 7000u);
+    EXPECT_EQ(frame->dwSize, 1u);
+    EXPECT_EQ(blocksOut(), outBefore + 3); // header, data, and the old data as the cached block
+    // A custom buffer is forgotten, the flag stays.
+    uint8_t *const data = frame->lpData;
+    uint8_t own[8] = {};
+    frame->lpData = own;
+    frame->dwFlags |= DFRAME_FLAG_CUSTOM;
+    ASSERT_EQ(alloc(100), 0u);
+    EXPECT_NE(+frame->lpData, own);
+    EXPECT_EQ(frame->dwFlags, DFRAME_FLAG_CREATED | DFRAME_FLAG_CUSTOM);
+    frame->dwFlags = DFRAME_FLAG_CREATED;
+    PDFRAME shadow = nullptr; // gives the forgotten buffer back
+    ASSERT_EQ(DFrameMem(DFRAME_ALLOC, 0xB6DB6DB7, 1, &shadow), 0u);
+    shadow->lpData = data;
+    EXPECT_EQ(free(shadow), 0u);
+    // Data that no heap knows is dropped without a word.
+    PDFRAME const kept = frame;
+    uint8_t *const known = frame->lpData;
+    frame->lpData = own;
+    frame->dwBufferLength = sizeof own;
+    ASSERT_EQ(alloc(100), 0u);
+    uint8_t *const newest = frame->lpData;
+    frame->lpData = known;
+    EXPECT_EQ(addRef(frame), 0u);
+    EXPECT_EQ(free(frame), 0u);
+    frame = kept;
+    EXPECT_EQ(free(frame), 0u);
+    ASSERT_EQ(alloc(0xB6DB6DB7), 0u);
+    frame->lpData = newest;
+    EXPECT_EQ(free(frame), 0u);
+}
+
+TEST_F(Frames, OverwritesAreReportedAndGoOn) {
+    ASSERT_EQ(alloc(1000), 0u);
+    frame->dwBytesUsed = 1401;
+    EXPECT_EQ(addRef(frame), 0u);
+    EXPECT_EQ(log.take(), Texts{"ERROR(dfmem): DFrameAddRef memory overwrite\n"});
+    PDFRAME second = frame;
+    EXPECT_EQ(free(second), 0u);
+    EXPECT_EQ(second, nullptr);
+    const Texts both = {"DFrameFree memory overwrite 1401 1400",
+                        "heapHelpFreeDFrame: buffer overwrite detected (used=1401, length=1400)"};
+    EXPECT_EQ(log.take(), both);
+    EXPECT_EQ(free(frame), 0u);
+    EXPECT_EQ(log.take(), both);
+}
+
+TEST_F(Frames, DataInNoHeap) {
+    ASSERT_EQ(alloc(1000), 0u);
+    uint8_t *const data = frame->lpData;
+    frame->lpData = reinterpret_cast<uint8_t *>(0x7F123456789AB000);
+    EXPECT_EQ(free(frame), 0xFFFFFFFEu);
+    EXPECT_EQ(log.take(),
+              (Texts{"WARNING(dfmem): Unable to free DFrame allocation! \n", "NO-Free(0x789AB000-1400) "}));
+    EXPECT_EQ(frame, nullptr);
+    EXPECT_EQ(blocksOut(), outBefore + 1); // the header went all the same
+    ASSERT_EQ(alloc(0xB6DB6DB7), 0u);
+    frame->lpData = data + 1000; // a moved pointer is found
+    EXPECT_EQ(free(frame), 0u);
+}
+
+// Each allocation fails in turn, alone and with all behind it: the status, and what survives.
+TEST_F(Frames, EachAllocationFails) {
+    for (const bool allBehind : {false, true}) {
+        for (const bool existing : {false, true}) {
+            for (uint32_t nth = 1;; ++nth) {
+                dropCache();
+                frame = nullptr;
+                if (existing) {
+                    ASSERT_EQ(alloc(500000), 0u);
+                }
+                failNth(nth, allBehind);
+                const uint64_t result = alloc(1000);
+                const bool failedOnce = anyFailed();
+                failNth(0);
+                if (result == 0) {
+                    ASSERT_NE(+frame->lpData, nullptr);
+                    std::memset(frame->lpData, 1, frame->dwBufferLength);
+                    EXPECT_EQ(free(frame), 0u);
+                } else {
+                    EXPECT_EQ(result, kWidenedOutOfMemory);
+                    EXPECT_EQ(frame, nullptr);
+                }
+                EXPECT_EQ(result != 0, failedOnce && allBehind); // the second attempt serves otherwise
+                const Texts texts = log.take();
+                EXPECT_EQ(texts.empty(), !failedOnce);
+                dropCache();
+                ASSERT_EQ(blocksOut(), outBefore);
+                if (!failedOnce) {
+                    break;
+                }
+            }
+        }
+    }
+    failNth(1, true);
+    EXPECT_EQ(alloc(1000), kWidenedOutOfMemory);
+    EXPECT_EQ(log.take(), (Texts{kHeaderFailed, kHelpFailed, kLocalFailed, kHeaderFailed, kHelpFailed}));
+    failNth(0);
+    replaceAlloc = [](uint32_t) -> void * { throw 1; }; // caught, and dropped without the header's message
+    EXPECT_EQ(alloc(1000), kWidenedOutOfMemory);
+    EXPECT_EQ(log.take(), (Texts{kHelpFailed, kLocalFailed, kHelpFailed}));
+}
+
+// ---- model --------------------------------------------------------------------------------------------------------
+
+struct Model {
+    PDFRAME frame;
+    uint32_t references;
+    uint32_t length;
+    uint32_t effective; // the block's size, larger than the request if it came from the cache
+    uint8_t pattern;
+};
+
+// The one-block cache, as its rules tell.
+struct CacheModel {
+    uint32_t size = 0;
+    uint32_t take(uint32_t request) {
+        const bool serves = request > 688802 && request <= size;
+        return serves ? std::exchange(size, 0) : request;
+    }
+    void release(uint32_t block) { size = std::max(size, block); }
+};
+
+class FrameModel : public Frames {
+  protected:
+    std::mt19937 random;
+    std::vector<Model> live;
+    CacheModel cache;
+
+    void fill(Model &model) {
+        model.pattern = static_cast<uint8_t>(random());
+        model.frame->dwBytesUsed = model.length;
+        std::memset(model.frame->lpData, model.pattern, model.length);
+    }
+    int64_t randomSize() {
+        static constexpr int64_t kLargest[] = {100, 5000, 300000, 1200000};
+        return 1 + static_cast<int64_t>(random()) % kLargest[random() % 4];
+    }
+    void place(Model &model, int64_t wanted) {
+        model.length = static_cast<uint32_t>(static_cast<double>(wanted) * 1.4);
+        ASSERT_EQ(DFrameMem(DFRAME_ALLOC, wanted, DFRAME_SIZE, &model.frame), 0u);
+        model.effective = cache.take(std::max(4096u, model.length));
+        fill(model);
+    }
+    void dropOne(std::size_t at) {
+        PDFRAME handle = live[at].frame;
+        ASSERT_EQ(free(handle), 0u);
+        ASSERT_EQ(handle, nullptr);
+        if (--live[at].references == 0) {
+            cache.release(live[at].effective);
+            live.erase(live.begin() + static_cast<std::ptrdiff_t>(at));
+        }
+    }
+    void check(const Model &model) {
+        const DFRAME &header = *model.frame;
+        uint32_t count = 0;
+        std::memcpy(&count, reinterpret_cast<const char *>(&header) - 4, 4);
+        ASSERT_EQ(count, model.references);
+        ASSERT_EQ(header.dwBufferLength, model.length);
+        ASSERT_EQ(reinterpret_cast<uintptr_t>(header.lpData) % 16384, 0u);
+        ASSERT_TRUE(header.lpData[0] == model.pattern && header.lpData[model.length - 1] == model.pattern &&
+                    header.lpData[random() % model.length] == model.pattern);
+    }
+};
+
+TEST_F(FrameModel, RandomCommands) {
+    const unsigned seed = 11;
+    random.seed(seed);
+    for (int step = 0; step < 6000; ++step) {
+        SCOPED_TRACE(testing::Message() << "seed " << seed << " step " << step);
+        const std::size_t at = live.empty() ? 0 : random() % live.size();
+        switch (random() % 6) {
+        case 0:
+        case 1:
+            if (live.size() < 24) {
+                live.push_back({nullptr, 1, 0, 0, 0});
+                place(live.back(), randomSize());
+            }
+            break;
+        case 2:
+            if (!live.empty() && live[at].references == 1) { // replaced data goes before the new one is made
+                cache.release(live[at].effective);
+                place(live[at], randomSize());
+            }
+            break;
+        case 3:
+            if (!live.empty()) {
+                ASSERT_EQ(addRef(live[at].frame), 0u);
+                ++live[at].references;
+            }
+            break;
+        default:
+            if (!live.empty()) {
+                dropOne(at);
+            }
+        }
+        for (const Model &model : live) {
+            check(model);
+        }
+        ASSERT_EQ(blocksOut(), outBefore + 2 * static_cast<int64_t>(live.size()) + (cache.size != 0 ? 1 : 0));
+        if (HasFatalFailure()) {
+            return;
+        }
+    }
+    while (!live.empty()) {
+        dropOne(0);
+    }
+}
+
+// ---- threads ------------------------------------------------------------------------------------------------------
+
+TEST_F(Frames, ThreadsShareAndFree) {
+    constexpr int kThreads = 4;
+    for (int round = 0; round < 60; ++round) {
+        ASSERT_EQ(alloc(round % 2 == 0 ? 1000 : 600000), 0u);
+        std::memset(frame->lpData, round, frame->dwBufferLength);
+        for (int i = 1; i < kThreads; ++i) {
+            ASSERT_EQ(addRef(frame), 0u);
+        }
+        std::vector<std::thread> threads;
+        std::atomic<int> bad = 0;
+        for (int i = 0; i < kThreads; ++i) {
+            threads.emplace_back([&, held = frame, round]() mutable {
+                for (int pass = 0; pass < 5; ++pass) { // one more reference, and the same again less
+                    PDFRAME extra = held;
+                    bad += addRef(held) != 0 || held->lpData[pass] != static_cast<uint8_t>(round) || free(extra) != 0;
+                    PDFRAME own = nullptr;
+                    bad += DFrameMem(DFRAME_ALLOC, 700 * pass + 1, 1, &own) != 0 || free(own) != 0;
+                }
+                bad += free(held) != 0; // of all these, exactly one releases
+            });
+        }
+        for (std::thread &thread : threads) {
+            thread.join();
+        }
+        ASSERT_EQ(bad, 0);
+        frame = nullptr;
+        dropCache();
+        ASSERT_EQ(blocksOut(), outBefore);
+    }
+}
+
+// Only read, write and exit are left to the process: a round trip that made any other call would end it.
+TEST(FramesDeathTest, CachedRoundTripMakesNoSystemCall) {
+    if (kSanitized) {
+        GTEST_SKIP() << "the sanitizers' allocators make calls of their own";
+    }
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            const auto roundTrips = [] {
+                int failures = 0;
+                for (int i = 0; i < 1000; ++i) {
+                    PDFRAME small = nullptr;
+                    PDFRAME big = nullptr;
+                    failures += DFrameMem(DFRAME_ALLOC, 3110400, 1, &big) != 0;
+                    failures += DFrameMem(DFRAME_ALLOC, 4096, 1, &small) != 0;
+                    failures += DFrameMem(DFRAME_ADDREF, 0, 0, &big) != 0;
+                    PDFRAME second = big;
+                    failures += DFrameMem(DFRAME_FREE, 0, 0, &second) != 0;
+                    failures += DFrameMem(DFRAME_FREE, 0, 0, &big) != 0;
+                    failures += DFrameMem(DFRAME_FREE, 0, 0, &small) != 0;
+                }
+                return failures;
+            };
+            roundTrips(); // fills the cache, and the allocator's own
+            if (prctl(PR_SET_SECCOMP, 1) != 0) {
+                _exit(2);
+            }
+            syscall(SYS_exit, roundTrips() == 0 ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+} // namespace
