@@ -1,0 +1,29 @@
+#!/bin/sh
+# Installs a build and uses the installed copy as others do: check.sh BUILD_DIRECTORY SOURCE_DIRECTORY
+set -eu
+build=$1
+source=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cmake --install "$build" --prefix "$work/prefix" >/dev/null
+libraries=$(dirname "$(find "$work/prefix" -name libbrenvole.so)")
+export PKG_CONFIG_PATH="$libraries/pkgconfig"
+
+cmake -S "$source" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
+cmake --build "$work/cmake" >/dev/null
+for program in cmake_c cmake_cpp cmake_c_static cmake_cpp_static; do
+  "$work/cmake/$program" | grep -qx 'consumer ok'
+done
+
+# shellcheck disable=SC2046  # the flags are words
+cc -std=c11 -Wall -Wextra -Wpedantic -Werror "$source/consumer.c" -o "$work/c" $(pkg-config --cflags --libs brenvole)
+# shellcheck disable=SC2046
+c++ -std=c++20 -Wall -Wextra -Wpedantic -Werror "$source/consumer.cpp" -o "$work/cpp" $(pkg-config --cflags --libs brenvole)
+# shellcheck disable=SC2046
+cc -std=c11 "$source/consumer.c" -o "$work/static" $(pkg-config --cflags brenvole) \
+  "$libraries/libbrenvole.a" "$libraries/libqxutil.a" -lstdc++ -pthread
+for program in c cpp static; do
+  LD_LIBRARY_PATH=$libraries "$work/$program" | grep -qx 'consumer ok'
+done
+ldd "$work/static" | grep -q brenvole && exit 1
+echo "installed copy: 7 consumers ok"

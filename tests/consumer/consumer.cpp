@@ -1,0 +1,1 @@
+#include "consumer.c" // the interface is one for both languages

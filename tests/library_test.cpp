@@ -1,0 +1,68 @@
+// The shared library as a program meets it that loads and unloads it.
+#include "harness.h"
+
+#include <brenvole/dframe.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <csignal>
+#include <thread>
+#include <vector>
+
+#include <dlfcn.h>
+
+namespace {
+
+struct Library {
+    void *handle = dlopen(BRENVOLE_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+    decltype(&DFrameMem) run = reinterpret_cast<decltype(&DFrameMem)>(dlsym(handle, "DFrameMem"));
+};
+
+TEST(Library, UnloadGivesEverythingBack) {
+    const int64_t before = blocksOut();
+    struct sigaction host {};
+    host.sa_handler = SIG_DFL;
+    sigaction(SIGSEGV, &host, nullptr);
+    for (int round = 0; round < 3; ++round) {
+        const Library library;
+        ASSERT_NE(library.run, nullptr) << dlerror();
+        std::vector<std::thread> threads; // first commands of several threads at once make one lock
+        std::atomic<int> ready = 0;
+        std::atomic<uint64_t> bad = 0;
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([&] {
+                PDFRAME frame = nullptr;
+                for (++ready; ready < 4;) {
+                }
+                bad += library.run(DFRAME_ALLOC, 1000, 1, &frame);
+                bad += library.run(DFRAME_FREE, 0, 0, &frame);
+            });
+        }
+        for (std::thread &thread : threads) {
+            thread.join();
+        }
+        EXPECT_EQ(bad, 0u);
+        EXPECT_EQ(blocksOut(), before + 1); // the cached block
+        struct sigaction inside {};
+        sigaction(SIGSEGV, nullptr, &inside);
+        EXPECT_NE(inside.sa_handler, SIG_DFL);
+        ASSERT_EQ(dlclose(library.handle), 0);
+        ASSERT_EQ(dlopen(BRENVOLE_LIBRARY, RTLD_NOW | RTLD_NOLOAD), nullptr);
+        EXPECT_EQ(blocksOut(), before);
+        sigaction(SIGSEGV, nullptr, &inside);
+        EXPECT_EQ(inside.sa_handler, SIG_DFL);
+    }
+}
+
+TEST(Library, DetachHookAnswersEveryReason) {
+    const Library library;
+    const auto hook = reinterpret_cast<decltype(&DllMain)>(dlsym(library.handle, "DllMain"));
+    ASSERT_NE(hook, nullptr);
+    for (uint32_t reason : {0u, 1u, 2u, 3u, 0u, 99u}) { // before any command, too
+        EXPECT_EQ(hook(nullptr, reason, nullptr), 1);
+    }
+    dlclose(library.handle);
+}
+
+} // namespace
