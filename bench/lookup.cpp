@@ -18,9 +18,9 @@ constexpr uintptr_t kReach = 17 * 16384 - 1; // the last byte that is found, fro
 constexpr uintptr_t kNothingHere = 0x100000; // below all that the system maps; so is the whole search
 
 void search(benchmark::State &state, uintptr_t address, bool expected) {
-    PHALLOC *found = nullptr;
+    brenvole::PHALLOC *found = nullptr;
     for ([[maybe_unused]] auto _ : state) {
-        found = LHEAP_Find(address); // in another unit, so every round calls it
+        found = brenvole::LHEAP_Find(address); // in another unit, so every round calls it
     }
     if ((found != nullptr) != expected) {
         state.SkipWithError("the search has a wrong result");

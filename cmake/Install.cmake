@@ -12,5 +12,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/brenvole-config-version.c
 install(FILES ${PROJECT_BINARY_DIR}/brenvole-config.cmake ${PROJECT_BINARY_DIR}/brenvole-config-version.cmake
   DESTINATION ${package_dir})
 
+# Relative to the file itself, so that an installed tree may be moved.
+file(RELATIVE_PATH pc_prefix /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(cmake/brenvole.pc.in ${PROJECT_BINARY_DIR}/brenvole.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/brenvole.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -22,21 +22,15 @@ if(BRENVOLE_SANITIZE)
   add_link_options(-fsanitize=${BRENVOLE_SANITIZE})
 endif()
 
-# The objects of one library, position-independent for the shared one; API marks the exports.
-function(brenvole_objects name api)
-  add_library(${name} OBJECT ${ARGN})
-  set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON)
-  target_compile_definitions(${name} PRIVATE "${api}=__attribute__((visibility(\"default\")))")
-  target_link_libraries(${name} PRIVATE brenvole_settings)
-endfunction()
-
-# lib<name>.so, whose exports are the list in cmake/<name>.map, and lib<name>.a.
-function(brenvole_library name objects)
+# lib<name>.so, which exports what `api` marks and cmake/<name>.map lists, and lib<name>.a, which exports nothing, so
+# that a library that embeds it doesn't pass our names on.
+function(brenvole_library name api)
   find_package(Threads REQUIRED)
   set(map ${PROJECT_SOURCE_DIR}/cmake/${name}.map)
-  add_library(${name} SHARED $<TARGET_OBJECTS:${objects}>)
-  add_library(${name}_static STATIC $<TARGET_OBJECTS:${objects}>)
-  set_target_properties(${name}_static PROPERTIES OUTPUT_NAME ${name})
+  add_library(${name} SHARED ${ARGN})
+  add_library(${name}_static STATIC ${ARGN})
+  set_target_properties(${name}_static PROPERTIES OUTPUT_NAME ${name} POSITION_INDEPENDENT_CODE ON)
+  target_compile_definitions(${name} PRIVATE "${api}=__attribute__((visibility(\"default\")))")
   set_target_properties(${name} PROPERTIES
     VERSION ${PROJECT_VERSION} SOVERSION ${BRENVOLE_ABI} LINK_DEPENDS ${map} BUILD_RPATH_USE_ORIGIN ON
     INSTALL_RPATH $ORIGIN)
@@ -48,7 +42,7 @@ function(brenvole_library name objects)
   foreach(target ${name} ${name}_static)
     target_include_directories(${target} PUBLIC
       $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
-    target_link_libraries(${target} PRIVATE Threads::Threads)
+    target_link_libraries(${target} PRIVATE Threads::Threads $<BUILD_INTERFACE:brenvole_settings>)
     add_library(brenvole::${target} ALIAS ${target})
   endforeach()
 endfunction()

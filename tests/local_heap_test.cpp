@@ -16,6 +16,8 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+using namespace brenvole;
+
 static bool refuseForeignReads = false; // as some sandboxes do
 
 extern "C" ssize_t process_vm_readv(pid_t process, const iovec *to, unsigned long toCount, const iovec *from,

@@ -3,22 +3,42 @@
 
 #include <algorithm>
 #include <cstring>
-#include <limits>
+#include <new>
 
 namespace {
 
 // DFRAME_ALLOC takes 40 percent more than asked, and that has to fit its 32 bits.
-constexpr uint64_t kLargestRequest = std::numeric_limits<uint32_t>::max() / 7 * 5;
+constexpr uint64_t kLargestRequest = uint64_t{UINT32_MAX} / 7 * 5;
+
+// What lies at the start of a frame's body.
+struct Body {
+    FrameLedger *ledger;
+};
 
 FrameLedger &ledgerOf(const DFRAME *frame) {
-    FrameLedger *ledger = nullptr;
-    std::memcpy(&ledger, frame->abBodyHead, sizeof ledger); // the body isn't aligned
-    return *ledger;
+    Body body;
+    std::memcpy(&body, frame->abBodyHead, sizeof body); // it isn't aligned there
+    return *body.ledger;
 }
 
 void noteFailure(FrameLedger &ledger) {
     const std::lock_guard hold(ledger.lock);
     ++ledger.figures.failures;
+}
+
+// Opens the account of a new frame. False if there is no memory for it: no exception may pass through a decoder.
+bool enter(FrameLedger &ledger, const DFRAME *frame) {
+    const std::lock_guard hold(ledger.lock);
+    try {
+        ledger.references.emplace(frame, 1);
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+    LedgerFigures &figures = ledger.figures;
+    ++figures.allocated;
+    figures.bytesUsed += frame->dwBytesUsed;
+    figures.peak = std::max(figures.peak, ledger.references.size());
+    return true;
 }
 
 } // namespace
@@ -30,19 +50,16 @@ PDFRAME ledgerAlloc(FrameLedger &ledger, uint64_t size) {
     }
     if (frame != nullptr) {
         frame->dwBytesUsed = static_cast<uint32_t>(size);
-        FrameLedger *const home = &ledger;
-        std::memcpy(frame->abBodyHead, &home, sizeof home);
+        const Body body{&ledger};
+        std::memcpy(frame->abBodyHead, &body, sizeof body);
+        if (!enter(ledger, frame)) {
+            DFrameMem(DFRAME_FREE, 0, 0, &frame); // null again
+        }
     }
-    const std::lock_guard hold(ledger.lock);
-    LedgerFigures &figures = ledger.figures;
     if (frame == nullptr) {
-        ++figures.refused;
-        return nullptr;
+        const std::lock_guard hold(ledger.lock);
+        ++ledger.figures.refused;
     }
-    ledger.references.emplace(frame, 1);
-    ++figures.allocated;
-    figures.bytesUsed += size;
-    figures.peak = std::max(figures.peak, ledger.references.size());
     return frame;
 }
 

@@ -10,7 +10,7 @@
 /** Messages of the level "error" and worse. */
 struct LibavComplaints {
     uint64_t count = 0;
-    std::string first; ///< text of the first one
+    std::string first; ///< text of the first one, without meaning if there is none
 };
 
 /** Catches libav's messages from here on, for the whole process. */

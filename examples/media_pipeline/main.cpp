@@ -8,7 +8,10 @@
 
 #include "util/qxutil.h"
 
+#include <array>
 #include <cstdio>
+#include <cstring>
+#include <exception>
 #include <mutex>
 
 namespace {
@@ -16,18 +19,21 @@ namespace {
 constexpr int kFailure = 1;
 constexpr int kUsage = 2;
 
-// What the library has to say. In a good run that is nothing.
+// What the library has to say; in a good run that is nothing. One per process, as the library's log is.
 struct LibraryMessages {
     std::mutex lock;
     uint64_t count = 0;
-    std::string first;
+    std::array<char, 256> first{}; // in place: no exception may pass through the library
 };
+LibraryMessages messages;
 
-void takeLibraryMessage(uint32_t, const char *message, void *context) {
-    LibraryMessages &messages = *static_cast<LibraryMessages *>(context);
+// A message may have a line feed at its end.
+int lineLength(const char *message) { return static_cast<int>(std::strcspn(message, "\n")); }
+
+void takeLibraryMessage(uint32_t, const char *message, void *) {
     const std::lock_guard hold(messages.lock);
     if (messages.count++ == 0) {
-        messages.first = message;
+        std::snprintf(messages.first.data(), messages.first.size(), "%.*s", lineLength(message), message);
     }
 }
 
@@ -35,49 +41,46 @@ void complain(const std::string &subject, const std::string &problem) {
     std::fprintf(stderr, "media_pipeline: %s%s%s\n", subject.c_str(), subject.empty() ? "" : ": ", problem.c_str());
 }
 
-// What is wrong with a result, each in a line.
-std::vector<std::string> problemsOf(const PipelineResult &result, const LibraryMessages &messages) {
-    std::vector<std::string> problems;
+void add(std::string &problems, const std::string &problem) { problems += (problems.empty() ? "" : "; ") + problem; }
+
+// What is wrong with a result, in one line.
+std::string problemsOf(const PipelineResult &result) {
     const LedgerFigures &frames = result.frames;
-    if (!result.error.empty()) {
-        problems.push_back(result.error);
-    }
+    std::string problems = result.error;
     if (result.opened && countRecords(result, true) + countRecords(result, false) == 0) {
-        problems.push_back("nothing in it could be decoded");
+        add(problems, "nothing in it could be decoded");
     }
     if (frames.refused != 0) {
-        problems.push_back("no memory for " + std::to_string(frames.refused) + " frames");
+        add(problems, "frames that the library had no memory for: " + std::to_string(frames.refused));
     }
     if (frames.failures != 0) {
-        problems.push_back(std::to_string(frames.failures) + " references were refused by the library");
+        add(problems, "references that the library refused: " + std::to_string(frames.failures));
     }
     if (frames.alive != 0) {
-        problems.push_back(std::to_string(frames.alive) + " frames are still alive at the end");
+        add(problems, "frames still alive at the end: " + std::to_string(frames.alive));
     }
     if (messages.count != 0) {
-        problems.push_back("the library reports " + std::to_string(messages.count) +
-                           " times, first: " + messages.first);
+        add(problems,
+            "messages of the library: " + std::to_string(messages.count) + ", first: " + messages.first.data());
     }
     return problems;
 }
 
-int run(const Options &options) {
-    Progress progress{.enabled = !options.quiet && errorsGoToTerminal()};
-    LibraryMessages messages;
-    qxSetLogSink(takeLibraryMessage, &messages);
+int run(const Options &options, Progress &progress) {
+    qxSetLogSink(takeLibraryMessage, nullptr);
     const PipelineResult result = runPipeline(options.file, options.threads, progress);
     qxSetLogSink(nullptr, nullptr);
 
     if (result.opened && !options.quiet) {
         printReport(options.file, result, messages.count);
     }
-    std::vector<std::string> problems = problemsOf(result, messages);
+    std::string problems = problemsOf(result);
     if (options.verify && result.opened) {
         const std::string difference = verifyResult(options.file, options.threads, result, progress);
         if (!difference.empty()) {
             // What a decoder can't decode it may leave unwritten, and that part is different each time.
-            const char *const excuse = result.error.empty() ? "" : " (the damage may be why)";
-            problems.push_back("verify: " + difference + excuse);
+            const char *const excuse = result.error.empty() ? "" : " (the error may be why)";
+            add(problems, "verify: " + difference + excuse);
         } else if (!options.quiet) {
             std::printf("%-26sall %llu pictures and all %llu blocks match the decoders' own%s\n", "verify",
                         static_cast<unsigned long long>(countRecords(result, true)),
@@ -86,10 +89,11 @@ int run(const Options &options) {
         }
     }
     std::fflush(stdout);
-    for (const std::string &problem : problems) {
-        complain(options.file, problem);
+    if (!problems.empty()) {
+        complain(options.file, problems);
+        return kFailure;
     }
-    return problems.empty() ? 0 : kFailure;
+    return 0;
 }
 
 } // namespace
@@ -106,9 +110,11 @@ int main(int count, char **arguments) {
         return 0;
     }
     libavLogCatch();
+    Progress progress{.enabled = !options.quiet && errorsGoToTerminal()};
     try {
-        return run(options);
-    } catch (const std::exception &problem) { // want of memory, as a rule
+        return run(options, progress);
+    } catch (const std::exception &problem) { // no memory, or no thread
+        progressErase(progress);
         complain(options.file, problem.what());
         return kFailure;
     }

@@ -35,7 +35,7 @@ std::string openDecoder(Decoder &decoder, const AVStream *stream, int threads, F
     return error < 0 ? "the decoder for " + name + " does not start: " + libavError(error) : "";
 }
 
-std::string openDecoders(MediaFile &file, int threads, FrameLedger *ledger) {
+std::string openDecoders(MediaFile &file, int threads) {
     bool any = false;
     for (unsigned i = 0; i < file.demuxer->nb_streams; ++i) {
         AVStream *const stream = file.demuxer->streams[i];
@@ -45,7 +45,7 @@ std::string openDecoders(MediaFile &file, int threads, FrameLedger *ledger) {
             stream->discard = AVDISCARD_ALL;
             continue;
         }
-        const std::string error = openDecoder(decoder, stream, threads, ledger);
+        const std::string error = openDecoder(decoder, stream, threads, file.ledger);
         if (!error.empty()) {
             return "stream " + std::to_string(i) + ": " + error;
         }
@@ -78,8 +78,16 @@ struct Run {
     bool ended = false; // by deliver, or for want of memory
 };
 
+// True if a decoder had to do without memory. Some decoders give the refusal of a buffer another name.
+bool lacksMemory(const MediaFile &file, int error) {
+    return error == AVERROR(ENOMEM) || (file.ledger != nullptr && ledgerFigures(*file.ledger).refused != 0);
+}
+
 void noteError(Run &run, std::size_t stream, int error) {
-    run.noMemory = run.noMemory || error == AVERROR(ENOMEM);
+    if (lacksMemory(run.file, error)) {
+        run.noMemory = true;
+        error = AVERROR(ENOMEM);
+    }
     run.ended = run.ended || run.noMemory;
     if (run.bad++ == 0 || run.noMemory) {
         run.firstError = "stream " + std::to_string(stream) + ": " + libavError(error);
@@ -140,12 +148,13 @@ std::string pathProblem(const std::string &path) {
 
 MediaFile openMedia(const std::string &path, int threads, FrameLedger *ledger, std::string &error) {
     MediaFile file;
+    file.ledger = ledger;
     error = pathProblem(path);
     if (error.empty()) {
         error = openDemuxer(file, path);
     }
     if (error.empty()) {
-        error = openDecoders(file, threads, ledger);
+        error = openDecoders(file, threads);
     }
     return error.empty() ? std::move(file) : MediaFile{};
 }

@@ -22,12 +22,13 @@ using Decoder = std::unique_ptr<AVCodecContext, DecoderDeleter>;
 
 struct MediaFile {
     std::unique_ptr<AVFormatContext, DemuxerDeleter> demuxer;
+    FrameLedger *ledger = nullptr; ///< whose frames the decoders write into; null for buffers of their own
     std::vector<Decoder> decoders; ///< by stream; null for streams without picture and sound
 };
 
 /** Opens a file and a decoder for each stream of pictures or sound.
  *  @param threads  of each decoder
- *  @param ledger   whose frames the decoders write into; null for the decoders' own buffers
+ *  @param ledger   outlives the file; null for the decoders' own buffers
  *  @param error    out: why it failed
  *  @return a file without demuxer if it failed */
 MediaFile openMedia(const std::string &path, int threads, FrameLedger *ledger, std::string &error);

@@ -7,9 +7,9 @@
 namespace {
 
 // What each component has of the luma, in 1/10000. Red, green and blue as in BT.709.
-using LumaParts = std::array<uint32_t, 3>;
-constexpr LumaParts kYuvParts{10000, 0, 0};
-constexpr LumaParts kRgbParts{2126, 7152, 722};
+using LumaWeights = std::array<uint32_t, 3>;
+constexpr LumaWeights kYuvWeights{10000, 0, 0};
+constexpr LumaWeights kRgbWeights{2126, 7152, 722};
 constexpr uint32_t kWhole = 10000;
 
 // Pictures whose first component is no luma.
@@ -35,7 +35,7 @@ void addIndexedPlane(PictureStats &stats, const AVFrame *picture) {
         const uint32_t red = palette[i] >> 16 & 255;
         const uint32_t green = palette[i] >> 8 & 255;
         const uint32_t blue = palette[i] & 255;
-        luma[i] = (kRgbParts[0] * red + kRgbParts[1] * green + kRgbParts[2] * blue) / kWhole;
+        luma[i] = (kRgbWeights[0] * red + kRgbWeights[1] * green + kRgbWeights[2] * blue) / kWhole;
     }
     for (int row = 0; row < picture->height; ++row) {
         const uint8_t *const pixels = picture->data[0] + std::ptrdiff_t{row} * picture->linesize[0];
@@ -47,18 +47,18 @@ void addIndexedPlane(PictureStats &stats, const AVFrame *picture) {
 
 // Any other format, a component of a row at a time.
 void addComponents(PictureStats &stats, const AVFrame *picture, const AVPixFmtDescriptor *about) {
-    const LumaParts &parts = isRgb(about) ? kRgbParts : kYuvParts;
+    const LumaWeights &weights = isRgb(about) ? kRgbWeights : kYuvWeights;
     std::vector<uint16_t> values(static_cast<std::size_t>(picture->width));
     std::vector<uint32_t> luma(values.size());
     const uint8_t *planes[4] = {picture->data[0], picture->data[1], picture->data[2], picture->data[3]};
     for (int row = 0; row < picture->height; ++row) {
         luma.assign(values.size(), 0);
-        for (std::size_t i = 0; i < parts.size() && parts[i] != 0; ++i) {
+        for (std::size_t i = 0; i < weights.size() && weights[i] != 0; ++i) {
             const uint32_t most = (1u << about->comp[i].depth) - 1;
             av_read_image_line2(values.data(), planes, picture->linesize, about, 0, row, static_cast<int>(i),
                                 picture->width, 0, sizeof values[0]);
             for (std::size_t x = 0; x < values.size(); ++x) {
-                luma[x] += parts[i] * (values[x] * 255u / most);
+                luma[x] += weights[i] * (values[x] * 255u / most);
             }
         }
         for (const uint32_t value : luma) {

@@ -5,8 +5,12 @@
 #include "queue.h"
 #include "shared_frame.h"
 
+#include <array>
 #include <atomic>
+#include <cstdio>
+#include <exception>
 #include <future>
+#include <mutex>
 #include <thread>
 
 namespace {
@@ -20,7 +24,8 @@ struct Pipeline {
     Queue<SharedFrame> pictures{kQueueLength};
     Queue<SharedFrame> samples{kQueueLength};
     Queue<SharedFrame> everything{kQueueLength};
-    PipelineResult result; // each stage writes fields of its own
+    PipelineResult result; // each stage writes fields of its own, and the error under its lock
+    std::mutex errorLock;
     std::atomic<uint64_t> delivered = 0;
     std::atomic<double> position = 0; // seconds into the file
 };
@@ -43,40 +48,64 @@ bool passOn(Pipeline &pipeline, const AVFrame *media, std::size_t stream) {
     return true;
 }
 
-void decodeStage(Pipeline &pipeline) {
-    bool shared = true;
-    const auto deliver = [&](const AVFrame *media, std::size_t stream) {
-        shared = passOn(pipeline, media, stream);
-        return shared;
-    };
-    pipeline.result.error = decodeMedia(pipeline.file, deliver);
-    if (!shared) {
-        pipeline.result.error = "a frame could not be shared";
+// The first error stays.
+void noteError(Pipeline &pipeline, const std::string &text) {
+    const std::lock_guard hold(pipeline.errorLock);
+    if (pipeline.result.error.empty()) {
+        pipeline.result.error = text;
     }
+}
+
+void closeQueues(Pipeline &pipeline) {
     pipeline.pictures.close();
     pipeline.samples.close();
     pipeline.everything.close();
 }
 
-void pictureStage(Pipeline &pipeline) {
-    while (const auto share = pipeline.pictures.pop()) {
-        addPicture(pipeline.result.streams[share->stream].brightness, share->media.get());
+void decodeStage(Pipeline &pipeline) {
+    bool shared = true;
+    try {
+        const std::string error = decodeMedia(pipeline.file, [&](const AVFrame *media, std::size_t stream) {
+            shared = passOn(pipeline, media, stream);
+            return shared;
+        });
+        noteError(pipeline, shared ? error : "a frame could not be shared");
+    } catch (const std::exception &problem) { // want of memory
+        noteError(pipeline, problem.what());
     }
+    closeQueues(pipeline);
+}
+
+// A stage behind the decoder. It empties its queue even after an error, so that the decoder never waits for it.
+template <class Take> void takeStage(Pipeline &pipeline, Queue<SharedFrame> &input, const Take &take) {
+    try {
+        while (const auto share = input.pop()) {
+            take(*share, pipeline.result.streams[share->stream]);
+        }
+    } catch (const std::exception &problem) {
+        noteError(pipeline, problem.what());
+        while (input.pop()) {
+        }
+    }
+}
+
+void pictureStage(Pipeline &pipeline) {
+    takeStage(pipeline, pipeline.pictures, [](const SharedFrame &share, StreamResult &stream) {
+        addPicture(stream.brightness, share.media.get());
+    });
 }
 
 void sampleStage(Pipeline &pipeline) {
-    while (const auto share = pipeline.samples.pop()) {
-        addSamples(pipeline.result.streams[share->stream].level, share->media.get());
-    }
+    takeStage(pipeline, pipeline.samples,
+              [](const SharedFrame &share, StreamResult &stream) { addSamples(stream.level, share.media.get()); });
 }
 
 void sinkStage(Pipeline &pipeline, const Hash &hash) {
-    while (const auto share = pipeline.everything.pop()) {
-        StreamResult &stream = pipeline.result.streams[share->stream];
-        stream.records.push_back(recordFrame(hash, share->media.get(), stream.pictures));
-        stream.samples += static_cast<uint64_t>(share->media->nb_samples);
-        stream.placed += share->frame != nullptr ? 1 : 0;
-    }
+    takeStage(pipeline, pipeline.everything, [&](const SharedFrame &share, StreamResult &stream) {
+        stream.records.push_back(recordFrame(hash, share.media.get(), stream.pictures));
+        stream.samples += static_cast<uint64_t>(share.media->nb_samples);
+        stream.placed += share.frame != nullptr ? 1 : 0;
+    });
 }
 
 void describeStreams(Pipeline &pipeline) {
@@ -93,26 +122,38 @@ void describeStreams(Pipeline &pipeline) {
 }
 
 std::string progressText(Pipeline &pipeline) {
-    const int64_t duration = pipeline.file.demuxer->duration;
-    char text[80];
-    std::snprintf(text, sizeof text, "decoding  %.1f of %.1f s  %llu pictures and blocks  %zu frames alive",
-                  pipeline.position.load(), duration > 0 ? static_cast<double>(duration) / AV_TIME_BASE : 0.0,
-                  static_cast<unsigned long long>(pipeline.delivered.load()), ledgerFigures(pipeline.ledger).alive);
+    const auto duration = static_cast<double>(pipeline.file.demuxer->duration) / AV_TIME_BASE; // not above 0: unknown
+    char text[100];
+    char length[30] = "";
+    if (duration > 0) {
+        std::snprintf(length, sizeof length, " of %.1f", duration);
+    }
+    std::snprintf(text, sizeof text, "decoding  %.1f%s s  %llu pictures and blocks  %zu frames alive",
+                  pipeline.position.load(), length, static_cast<unsigned long long>(pipeline.delivered.load()),
+                  ledgerFigures(pipeline.ledger).alive);
     return text;
 }
+
+// Lets the threads that have started come to their end, also if the next one could not start.
+struct QueuesCloser {
+    Pipeline &pipeline;
+    ~QueuesCloser() { closeQueues(pipeline); }
+};
 
 // Runs the stages to their end.
 void runStages(Pipeline &pipeline, Progress &progress) {
     const Hash hash = makeHash();
     std::promise<void> ended;
     std::future<void> end = ended.get_future();
-    const std::jthread brightness([&] { pictureStage(pipeline); });
-    const std::jthread level([&] { sampleStage(pipeline); });
-    const std::jthread sink([&] {
+    std::array<std::jthread, 4> stages; // joined after the closer has gone
+    const QueuesCloser closer{pipeline};
+    stages[0] = std::jthread([&] { pictureStage(pipeline); });
+    stages[1] = std::jthread([&] { sampleStage(pipeline); });
+    stages[2] = std::jthread([&] {
         sinkStage(pipeline, hash);
         ended.set_value();
     });
-    const std::jthread decoder([&] { decodeStage(pipeline); });
+    stages[3] = std::jthread([&] { decodeStage(pipeline); }); // last: only it puts anything into the queues
     while (end.wait_for(kProgressInterval) != std::future_status::ready) {
         progressShow(progress, progressText(pipeline));
     }

@@ -46,13 +46,16 @@ extern "C" {
  *  @{ */
 /** Makes a frame, or gives an existing one new data.
  *  @par param1  wanted data size, not 0; the buffer gets 40 percent more: param1 * 1.4, cut to an integer, of
- *       which the low 32 bits count
- *  @par param2  record size, not 0; a new record has at least DFRAME_SIZE bytes, while an existing frame's
- *       dwSize takes the value as it is
- *  @par ppDF    in and out: null at *ppDF for a new frame, else the frame whose data is replaced. Its old
- *       buffer loses one reference, dwBytesUsed stays.
+ *       which the low 32 bits count. If these are 0, the result is a frame without data.
+ *  @par param2  record size, not 0; a new record has at least DFRAME_SIZE bytes. With data attached, an existing
+ *       frame's dwSize takes the low 32 bits of it as they are.
+ *  @par ppDF    in and out: null at *ppDF for a new frame, else the frame whose data is replaced. Its old buffer
+ *       loses one reference; a custom buffer is only forgotten. Flags and dwBytesUsed stay. A frame with lpData
+ *       set and a dwBufferLength of 0 keeps both and gets no new data.
  *  @return 0; a plain DFMEM_E_POINTER (null ppDF, zero param2) or DFMEM_E_INVALIDARG (zero param1); or
- *       DFMEM_E_OUTOFMEMORY widened: then the frame's reference is gone and *ppDF is null */
+ *       DFMEM_E_OUTOFMEMORY widened: then the frame's reference is gone and *ppDF is null
+ *  @note A failed first attempt costs an existing frame its reference as well; the second attempt then makes a
+ *       new frame, so with 0 as the result *ppDF may be another frame than before. */
 #define DFRAME_ALLOC 10u
 /** Drops one reference to the frame and one to its data; each goes with its last reference.
  *  @par ppDF    in and out: the frame; *ppDF is null afterwards unless the command is refused
@@ -85,7 +88,8 @@ extern "C" {
  *  abBodyRest, 8376 bytes; the library carries it and doesn't know what it holds.
  *
  *  Rules: dwBytesUsed is at most dwBufferLength (a breach is reported and never fatal); a null lpData means no
- *  data, whatever dwBufferLength says; lpData may be moved up inside its buffer. */
+ *  data, whatever dwBufferLength says; lpData may be moved up inside its buffer, by at most 278527 bytes in a
+ *  local block, beyond which the block is no longer found. */
 #pragma pack(push, 4)
 typedef struct DFRAME {
     void *lpLink[3];          /**< list node, for a list of the caller's; the library never links a frame */

@@ -4,12 +4,18 @@
 #include "local/dfmem_lock.h"
 #include "util/unload.h"
 
-struct DFHEAP *mainHeap = nullptr;
+namespace brenvole {
+
+::DFHEAP *mainHeap = nullptr;
 
 uint64_t frameRefuse(uint32_t status, const char *text) {
     ErrOut(text, status);
     return status;
 }
+
+} // namespace brenvole
+
+using namespace brenvole;
 
 uint64_t DFrameMem(uint32_t command, int64_t param1, uintptr_t param2, PDFRAME *ppDF) {
     return DFrameMemTrace(command, param1, param2, ppDF, nullptr, 0);
@@ -18,13 +24,13 @@ uint64_t DFrameMem(uint32_t command, int64_t param1, uintptr_t param2, PDFRAME *
 uint64_t DFrameMemTrace(uint32_t command, int64_t param1, uintptr_t param2, PDFRAME *ppDF, const char *msgarea,
                         uint32_t line) {
     constexpr uint32_t kCommandBits = 0xFF;
-    dfmemLockCreate(); // 1
+    dfmemLockCreate(); // first, whatever the command
     qxHookUnload();
-    // 2. The trace hooks in here, before the command runs.
-    switch (command & kCommandBits) { // 3, 4
+    // The trace hooks in here, before the command runs.
+    switch (command & kCommandBits) {
     case DFRAME_ALLOC: return commandAlloc(command, param1, param2, ppDF, msgarea, line);
     case DFRAME_FREE: return commandFree(ppDF, msgarea, line);
     case DFRAME_ADDREF: return commandAddRef(ppDF, msgarea, line);
-    default: return frameRefuse(DFMEM_E_FAILED, "Unknown DFrameMem Command(0x%lX)"); // 5
+    default: return frameRefuse(DFMEM_E_FAILED, "Unknown DFrameMem Command(0x%lX)");
     }
 }

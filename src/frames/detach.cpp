@@ -8,7 +8,7 @@ int DllMain(void *, uint32_t reason, void *) {
     constexpr int kTrue = 1;
     if (reason == kProcessDetach) {
         // Heap and pool go first, once there are any, then:
-        LHEAP_DropCache();
+        brenvole::LHEAP_DropCache();
         // The trace closes last.
     }
     return kTrue;

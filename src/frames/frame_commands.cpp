@@ -7,6 +7,8 @@
 
 #include <cmath>
 
+namespace brenvole {
+
 namespace {
 
 // A frame's buffer is this much larger than asked, so that its content may grow in place.
@@ -26,59 +28,60 @@ uint64_t widened(uint32_t status) { return static_cast<uint64_t>(static_cast<int
 
 uint64_t commandAlloc(uint32_t command, int64_t param1, uintptr_t param2, PDFRAME *ppDF, const char *msgarea,
                       uint32_t line) {
-    if (ppDF == nullptr) { // 1
+    if (ppDF == nullptr) {
         return frameRefuse(DFMEM_E_POINTER, "DFRAME_ALLOC|ppDF==NULL(0x%lX)");
     }
-    if (param2 == 0) { // 2
+    if (param2 == 0) {
         return frameRefuse(DFMEM_E_POINTER, "DFRAME_ALLOC|pDF==NULL(0x%lX)");
     }
-    if (param1 == 0) { // 3
+    if (param1 == 0) {
         return DFMEM_E_INVALIDARG;
     }
-    const uint32_t size = sizeWithHeadroom(param1); // 4
-    // 5. The local heap goes first where the caller asks for it, and as long as there is no pool.
+    const uint32_t size = sizeWithHeadroom(param1);
+    // The local heap goes first where the caller asks for it, and as long as there is no pool.
     if ((command & DFRAME_FLAG_SYSHEAP) != 0 || mainHeap == nullptr) {
         if (heapHelpAllocDFrame(ppDF, param2, size, 1, msgarea, line) == 0) {
             return 0;
         }
         ErrOut("Local Alloc Failed, Brenvole %s", "Failed");
+        // The pool's lists are dumped here, once there is one.
     }
-    return widened(heapHelpAllocDFrame(ppDF, param2, size, 0, msgarea, line)); // 6
+    return widened(heapHelpAllocDFrame(ppDF, param2, size, 0, msgarea, line));
 }
 
 uint64_t commandFree(PDFRAME *ppDF, const char *msgarea, uint32_t line) {
-    if (ppDF == nullptr) { // 1
+    if (ppDF == nullptr) {
         return frameRefuse(DFMEM_E_POINTER, "DFRAME_FREE|pDF==NULL(0x%lX)");
     }
     const DFRAME *const frame = *ppDF;
-    if (frame == nullptr) { // 2
+    if (frame == nullptr) {
         return frameRefuse(DFMEM_E_POINTER, "DFRAME_FREE2|*pDF==NULL(0x%lX)");
     }
-    if ((frame->dwFlags & DFRAME_FLAG_CUSTOM) != 0) { // 3
+    if ((frame->dwFlags & DFRAME_FLAG_CUSTOM) != 0) {
         return frameRefuse(DFMEM_E_INVALIDARG, "DFRAME_FREE|NotAnyHeap(0x%lX)");
     }
-    if (frameOverwritten(frame)) { // 4
+    if (frameOverwritten(frame)) {
         ErrOut("DFrameFree memory overwrite %d %d", frame->dwBytesUsed, frame->dwBufferLength);
     }
-    return static_cast<uint32_t>(heapHelpFreeDFrame(ppDF, msgarea, line)); // 5: 32 bits, so -2 has a zero high half
+    return static_cast<uint32_t>(heapHelpFreeDFrame(ppDF, msgarea, line)); // 32 bits, so -2 has a zero high half
 }
 
 uint64_t commandAddRef(PDFRAME *ppDF, [[maybe_unused]] const char *msgarea, [[maybe_unused]] uint32_t line) {
     PDFRAME const frame = ppDF != nullptr ? *ppDF : nullptr;
-    if (frame == nullptr) { // 1
+    if (frame == nullptr) {
         return frameRefuse(DFMEM_E_POINTER, "DFRAME_ADDREF|pDF==NULL(0x%lX)");
     }
-    if ((frame->dwFlags & DFRAME_FLAG_CUSTOM) != 0) { // 2
+    if ((frame->dwFlags & DFRAME_FLAG_CUSTOM) != 0) {
         return DFMEM_E_INVALIDARG;
     }
-    if (frame->lpData == nullptr) { // 3
+    if (frame->lpData == nullptr) {
         return frameRefuse(DFMEM_E_OUTOFMEMORY, "pDF->lpData==NULL(0x%lX)");
     }
-    if (frameOverwritten(frame)) { // 4
+    if (frameOverwritten(frame)) {
         ErrFmtOut(QX_ERROR, 0, 0, "ERROR(dfmem): %s\n", "DFrameAddRef memory overwrite");
     }
-    addRefPDFRAME(frame); // 5
-    // 6. The pool is asked first, once there is one.
+    addRefPDFRAME(frame);
+    // The pool is asked first, once there is one.
     PHALLOC *const descriptor = LHEAP_Find(reinterpret_cast<uintptr_t>(frame->lpData));
     if (descriptor == nullptr) {
         return frameRefuse(DFMEM_E_FAILED, "Unable to AddRef(0x%lX)");
@@ -87,3 +90,5 @@ uint64_t commandAddRef(PDFRAME *ppDF, [[maybe_unused]] const char *msgarea, [[ma
     qxOSInterlockedIncrement(&descriptor->lRefCount);
     return 0;
 }
+
+} // namespace brenvole

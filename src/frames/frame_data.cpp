@@ -8,6 +8,8 @@
 
 #include <algorithm>
 
+namespace brenvole {
+
 namespace {
 
 // Smallest request that a frame makes of the local heap, in bytes.
@@ -50,6 +52,8 @@ bool placeLocally(PDFRAME frame, uint64_t dataSize, const char *msgarea, uint32_
 
 } // namespace
 
+// Steps: 1 a header, if there is none; 2 the old data goes; 3 a frame may be asked for without data; 4 the pool;
+// 5 the local heap; 6 the stamps of a frame with data; 7 it is handed out.
 uint32_t heapHelpAllocDFrame(PDFRAME *ppDF, uint64_t recordSize, uint64_t dataSize,
                              [[maybe_unused]] uint32_t localOnly, const char *msgarea, uint32_t line) {
     PDFRAME frame = *ppDF;
@@ -82,21 +86,23 @@ uint32_t heapHelpAllocDFrame(PDFRAME *ppDF, uint64_t recordSize, uint64_t dataSi
 
 int32_t heapHelpFreeDFrame(PDFRAME *ppDF, const char *msgarea, uint32_t line) {
     const DFRAME *const frame = *ppDF;
-    if (frame == nullptr) { // 1
+    if (frame == nullptr) {
         ErrOut("heapHelpFreeDFrame called with NULL pDF");
         return -1;
     }
-    if (frameOverwritten(frame)) { // 2
+    if (frameOverwritten(frame)) {
         ErrOut("heapHelpFreeDFrame: buffer overwrite detected (used=%d, length=%d)", frame->dwBytesUsed,
                frame->dwBufferLength);
     }
     int32_t result = 0;
-    if (frame->lpData != nullptr && (frame->dwFlags & DFRAME_FLAG_CUSTOM) == 0 && // 3
+    if (frame->lpData != nullptr && (frame->dwFlags & DFRAME_FLAG_CUSTOM) == 0 &&
         !releaseData(frame, msgarea, line)) {
         ErrFmtOut(QX_WARNING, 0, 0, "WARNING(dfmem): %s\n", "Unable to free DFrame allocation! ");
         ErrOut("NO-Free(0x%08lX-%ld) ", static_cast<uint32_t>(dataAddress(frame)), frame->dwBufferLength);
         result = -2;
     }
-    freePDFRAME(ppDF, msgarea, line); // 4: the header goes even when the data wasn't found
-    return result;                    // 5
+    freePDFRAME(ppDF, msgarea, line); // the header goes even when the data wasn't found
+    return result;
 }
+
+} // namespace brenvole

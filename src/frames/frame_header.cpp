@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cstring>
 
+namespace brenvole {
+
 std::atomic<uint64_t> dframes = 0;
 std::atomic<uint64_t> dframe_bytes = 0;
 
@@ -18,10 +20,10 @@ constexpr uint32_t kCountBytes = offsetof(FrameBlock, frame);
 // Value of dwCreateMark; unlike the attach stamps it isn't set again.
 constexpr uint32_t kCreateMark = 0xFFFFFFFF;
 
-// Steps 2 to 5 of allocPDFRAME, inside its guard. The frame is handed out when it is complete: a block that
-// can't be written is no header.
+// The guarded part of allocPDFRAME: block, clearing, fields, and the count last, so that a fault leaves nothing to
+// be taken back. The frame is handed out when it is complete: a block that can't be written is no header.
 void makeHeader(uint32_t recordSize, FrameBlock *volatile &block, PDFRAME volatile &frame) {
-    FrameBlock *const made = // 2; a block size that doesn't fit its 32 bits is as good as refused
+    FrameBlock *const made = // a block size that doesn't fit its 32 bits is as good as refused
         recordSize <= UINT32_MAX - kCountBytes ? static_cast<FrameBlock *>(QXAlloc(recordSize + kCountBytes))
                                                : nullptr;
     if (made == nullptr) {
@@ -29,13 +31,13 @@ void makeHeader(uint32_t recordSize, FrameBlock *volatile &block, PDFRAME volati
         return;
     }
     block = made;
-    std::memset(static_cast<void *>(made), 0, std::size_t{recordSize} + kCountBytes); // 3
-    made->dwRefCount = 1; // 5, before the counting of 4, so that a fault leaves nothing to be taken back
+    std::memset(static_cast<void *>(made), 0, std::size_t{recordSize} + kCountBytes);
+    made->dwRefCount = 1;
     made->frame.dwSize = recordSize;
     made->frame.dwFlags = DFRAME_FLAG_CREATED;
     frameStampAttach(&made->frame);
     made->frame.dwCreateMark = kCreateMark;
-    qxOSEnterCriticalSection(&dfmemLock); // 4
+    qxOSEnterCriticalSection(&dfmemLock);
     dfmemCount<uint64_t>(dframes, 1);
     dfmemCount<uint64_t>(dframe_bytes, recordSize);
     frame = &made->frame;
@@ -45,7 +47,7 @@ void makeHeader(uint32_t recordSize, FrameBlock *volatile &block, PDFRAME volati
 } // namespace
 
 PDFRAME allocPDFRAME(uint32_t size, [[maybe_unused]] const char *msgarea, [[maybe_unused]] uint32_t line) {
-    const uint32_t recordSize = std::max(size, DFRAME_SIZE); // 1
+    const uint32_t recordSize = std::max(size, DFRAME_SIZE);
     FrameBlock *volatile block = nullptr;
     PDFRAME volatile frame = nullptr;
     if (!qxGuarded([&] { makeHeader(recordSize, block, frame); }) && frame == nullptr && block != nullptr) {
@@ -55,7 +57,7 @@ PDFRAME allocPDFRAME(uint32_t size, [[maybe_unused]] const char *msgarea, [[mayb
 }
 
 int32_t freePDFRAME(PDFRAME *ppDF, [[maybe_unused]] const char *msgarea, [[maybe_unused]] uint32_t line) {
-    if (ppDF == nullptr || *ppDF == nullptr) { // 1
+    if (ppDF == nullptr || *ppDF == nullptr) {
         ErrFmtOut(QX_CAUTION, 0, 0, "CAUTION(dfmem): %s\n", "Lost frame header memory allocation");
         return -1;
     }
@@ -66,7 +68,7 @@ int32_t freePDFRAME(PDFRAME *ppDF, [[maybe_unused]] const char *msgarea, [[maybe
         const QXHold hold(dfmemLock);
         left = --block->dwRefCount;
     }
-    if (left == 0) { // 2
+    if (left == 0) {
         const uint32_t recordSize = block->frame.dwSize;
         QXFree(block);
         const QXHold hold(dfmemLock);
@@ -74,10 +76,12 @@ int32_t freePDFRAME(PDFRAME *ppDF, [[maybe_unused]] const char *msgarea, [[maybe
         dfmemUncount<uint64_t>(dframe_bytes, recordSize);
     }
     *ppDF = nullptr;
-    return static_cast<int32_t>(left); // 0, or 3
+    return static_cast<int32_t>(left);
 }
 
 void addRefPDFRAME(PDFRAME frame) {
     const QXHold hold(dfmemLock);
     ++frameBlockOf(frame)->dwRefCount;
 }
+
+} // namespace brenvole

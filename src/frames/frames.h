@@ -10,6 +10,10 @@
 #include <cstddef>
 #include <cstdint>
 
+struct DFHEAP;
+
+namespace brenvole {
+
 /** One QXAlloc block: the count of references to the header, which callers don't see, and the record. A larger
  *  record goes on behind it. dwRefCount is at least 1 and changes under dfmemLock only. */
 struct FrameBlock {
@@ -33,7 +37,7 @@ extern std::atomic<uint64_t> dframes;
 extern std::atomic<uint64_t> dframe_bytes;
 
 /** The heap over the pool; null as long as there is no pool. */
-extern struct DFHEAP *mainHeap;
+extern ::DFHEAP *mainHeap;
 
 /** The block around a frame. */
 inline FrameBlock *frameBlockOf(PDFRAME frame) {
@@ -43,10 +47,12 @@ inline FrameBlock *frameBlockOf(PDFRAME frame) {
 /** True if the frame says that more bytes are used than its buffer has. Reported by the commands, never fatal. */
 inline bool frameOverwritten(const DFRAME *frame) { return frame->dwBytesUsed > frame->dwBufferLength; }
 
-/** The stamps that a header gets at its creation and whenever data is attached. */
+/** The stamps that a header gets at its creation and whenever data is attached. Callers know both values. */
+inline constexpr uint32_t kAttachMark = 1;
+inline constexpr uint32_t kAttachValue = 65520;
 inline void frameStampAttach(PDFRAME frame) {
-    frame->dwAttachMark = 1;
-    frame->dwAttachValue = 65520;
+    frame->dwAttachMark = kAttachMark;
+    frame->dwAttachValue = kAttachValue;
 }
 
 /** The refusal of a command: logs `text`, which takes the status as its one argument.
@@ -86,5 +92,7 @@ uint64_t commandAlloc(uint32_t command, int64_t param1, uintptr_t param2, PDFRAM
 uint64_t commandFree(PDFRAME *ppDF, const char *msgarea, uint32_t line);
 uint64_t commandAddRef(PDFRAME *ppDF, const char *msgarea, uint32_t line);
 /** @} */
+
+} // namespace brenvole
 
 #endif

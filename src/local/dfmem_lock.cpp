@@ -3,6 +3,8 @@
 #include <atomic>
 #include <mutex>
 
+namespace brenvole {
+
 QXCRITICALSECTION dfmemLock;
 
 namespace {
@@ -23,3 +25,5 @@ void dfmemLockCreate() {
 }
 
 bool dfmemLockReady() { return lockReady.load(std::memory_order_acquire); }
+
+} // namespace brenvole

@@ -9,6 +9,8 @@
 
 #include <atomic>
 
+namespace brenvole {
+
 extern QXCRITICALSECTION dfmemLock;
 
 /** Creates the lock once, whichever thread comes first. It is never deleted. */
@@ -26,5 +28,7 @@ template <class Word> void dfmemCount(std::atomic<Word> &counter, Word by) {
 template <class Word> void dfmemUncount(std::atomic<Word> &counter, Word by) {
     dfmemCount(counter, static_cast<Word>(Word{0} - by));
 }
+
+} // namespace brenvole
 
 #endif

@@ -6,6 +6,8 @@
 #include "phalloc.h"
 #include "util/guard.h"
 
+namespace brenvole {
+
 /** Alignment of the data, bytes. A descriptor lies right below a multiple of it, which is why a pointer can be
  *  rounded down to find one. */
 inline constexpr uint64_t kDataAlignment = 16384;
@@ -25,5 +27,7 @@ QX_READS_FOREIGN_MEMORY bool localGuardsHold(const volatile PHALLOC *record);
  *  QXFree. A note saves LHEAP_Find a system call and decides nothing; notes may push each other out. */
 void localRemember(const PHALLOC *descriptor);
 void localForget(const PHALLOC *descriptor);
+
+} // namespace brenvole
 
 #endif

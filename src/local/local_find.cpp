@@ -14,6 +14,8 @@
 
 #include <array>
 
+namespace brenvole {
+
 namespace {
 
 constexpr unsigned kTries = 17;
@@ -22,14 +24,28 @@ constexpr uint32_t kMostReferences = 8192;
 
 // Where live and cached blocks lie; a hint only, see local_block.h. A note holds the block's data address and its
 // length, both counted in pieces of 16384 bytes, in one word, so that reading it touches no block: a block that
-// another thread is just releasing may be gone already.
-constexpr unsigned kNoteBits = 14;   // 128 KiB; pages of it that no block needs are never touched
+// another thread is just releasing may be gone already. A block's note stands in any place of its bucket.
+constexpr unsigned kBucketBits = 12; // 128 KiB in all; pages of it that no block needs are never touched
+constexpr unsigned kPlaces = 4;      // of a bucket: some 8000 live blocks before many notes are pushed out
 constexpr unsigned kLengthBits = 20; // more pieces than 32 bits of bytes hold; 44 bits are left for the address
-std::array<std::atomic<uint64_t>, std::size_t{1} << kNoteBits> notes;
 
-std::atomic<uint64_t> &noteOf(uint64_t dataPiece) {
+using Bucket = std::array<std::atomic<uint64_t>, kPlaces>;
+alignas(64) std::array<Bucket, std::size_t{1} << kBucketBits> notes; // two buckets to a cache line
+
+Bucket &bucketOf(uint64_t dataPiece) {
     constexpr uint64_t kSpread = 0x9E3779B97F4A7C15; // 2^64 over the golden ratio: spreads neighbours evenly
-    return notes[(dataPiece * kSpread) >> (64 - kNoteBits)];
+    return notes[(dataPiece * kSpread) >> (64 - kBucketBits)];
+}
+
+// Length of the block whose data starts with this piece, if we remember it; else 0.
+uint64_t rememberedLength(uint64_t dataPiece) {
+    for (const std::atomic<uint64_t> &place : bucketOf(dataPiece)) {
+        const uint64_t note = place.load(std::memory_order_acquire);
+        if (note >> kLengthBits == dataPiece) {
+            return note & ((uint64_t{1} << kLengthBits) - 1);
+        }
+    }
+    return 0;
 }
 
 uint64_t dataPieceOf(const PHALLOC *descriptor) {
@@ -53,9 +69,9 @@ QX_READS_FOREIGN_MEMORY bool accepted(const volatile PHALLOC *record, uintptr_t 
 unsigned candidatesInBlock(uintptr_t address) {
     const uint64_t piece = address / kDataAlignment;
     for (unsigned i = 0; i < kTries; ++i) {
-        const uint64_t note = noteOf(piece - i).load(std::memory_order_acquire);
-        if (note >> kLengthBits == piece - i) {
-            return i < (note & ((1u << kLengthBits) - 1)) ? i + 1 : 0;
+        const uint64_t length = rememberedLength(piece - i);
+        if (length != 0) {
+            return i < length ? i + 1 : 0;
         }
     }
     return 0;
@@ -109,15 +125,29 @@ QX_READS_FOREIGN_MEMORY bool localGuardsHold(const volatile PHALLOC *record) {
 void localRemember(const PHALLOC *descriptor) {
     const uint64_t piece = dataPieceOf(descriptor);
     const uint64_t length = (descriptor->qwSize + kDataAlignment - 1) / kDataAlignment;
-    noteOf(piece).store(piece << kLengthBits | length, std::memory_order_release);
+    const uint64_t note = piece << kLengthBits | length;
+    Bucket &bucket = bucketOf(piece);
+    for (std::atomic<uint64_t> &place : bucket) {
+        uint64_t free = 0;
+        const uint64_t seen = place.load(std::memory_order_relaxed);
+        if (seen >> kLengthBits == piece) { // a block from the cache has its note still
+            place.store(note, std::memory_order_release);
+            return;
+        }
+        if (seen == free && place.compare_exchange_strong(free, note, std::memory_order_acq_rel)) {
+            return;
+        }
+    }
+    bucket[piece % kPlaces].store(note, std::memory_order_release); // pushes another block's note out
 }
 
 void localForget(const PHALLOC *descriptor) {
     const uint64_t piece = dataPieceOf(descriptor);
-    std::atomic<uint64_t> &note = noteOf(piece);
-    uint64_t seen = note.load(std::memory_order_relaxed);
-    if (seen >> kLengthBits == piece) { // not another block's note
-        note.compare_exchange_strong(seen, 0, std::memory_order_acq_rel);
+    for (std::atomic<uint64_t> &place : bucketOf(piece)) {
+        uint64_t seen = place.load(std::memory_order_relaxed);
+        if (seen >> kLengthBits == piece) {
+            place.compare_exchange_strong(seen, 0, std::memory_order_acq_rel);
+        }
     }
 }
 
@@ -132,3 +162,5 @@ PHALLOC *LHEAP_Find(uintptr_t address) {
     });
     return found;
 }
+
+} // namespace brenvole

@@ -9,6 +9,8 @@
 #include <cassert>
 #include <new>
 
+namespace brenvole {
+
 std::atomic<uint64_t> local_allocs = 0;
 std::atomic<uint32_t> localBytes = 0;
 
@@ -51,6 +53,9 @@ void giveBack(char *block) {
 }
 
 // ---- LHEAP_Alloc -----------------------------------------------------------------------------------------------
+
+// Steps: 1 and 2 refusals; 3 the cached block, if it serves; 4 a new block; 5 none to be had; 6 the descriptor;
+// 7 the frame gets its data, under the lock; 8 the result.
 
 // What the guarded work shares with the recovery from a fault.
 struct Making {
@@ -132,6 +137,9 @@ void dropUnused(Making &making) {
 }
 
 // ---- LHEAP_Free ------------------------------------------------------------------------------------------------
+
+// Steps: 1 to 3 refusals; 4 the count goes down, under the lock; 5 references are left; 6 into the cache; 7 it is the
+// cached block already; 8 the block goes.
 
 struct Releasing {
     PHALLOC *pHA;
@@ -254,12 +262,12 @@ int32_t LHEAP_Free(PHALLOC *pHA, [[maybe_unused]] const char *msgarea, [[maybe_u
 }
 
 void LHEAP_DropCache() {
-    const bool locked = dfmemLockReady(); // 1
+    const bool locked = dfmemLockReady();
     if (locked) {
         qxOSEnterCriticalSection(&dfmemLock);
     }
     char *const block = lastBigAlloc.load(std::memory_order_relaxed);
-    if (block != nullptr) { // 2
+    if (block != nullptr) {
         if (local_allocs.load(std::memory_order_relaxed) != 0) {
             dfmemUncount<uint64_t>(local_allocs, 1);
         }
@@ -267,10 +275,12 @@ void LHEAP_DropCache() {
         lastBigAlloc.store(nullptr, std::memory_order_relaxed);
         lastBigAllocSize = 0;
     }
-    if (locked) { // 3
+    if (locked) {
         qxOSLeaveCriticalSection(&dfmemLock);
     }
-    if (block != nullptr) { // 4
+    if (block != nullptr) {
         giveBack(block);
     }
 }
+
+} // namespace brenvole

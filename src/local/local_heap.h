@@ -16,6 +16,8 @@
 
 #include <atomic>
 
+namespace brenvole {
+
 /** Blocks in existence, the cached one included. Changed under dfmemLock, read without it. */
 extern std::atomic<uint64_t> local_allocs;
 /** Sum of their effective sizes, the cached one included; wraps at 32 bits. Changed under dfmemLock. */
@@ -43,5 +45,7 @@ PHALLOC *LHEAP_Find(uintptr_t address);
 /** Gives the cached block to QXFree. Works before any command has run.
  *  @note Takes dfmemLock if it exists. */
 void LHEAP_DropCache();
+
+} // namespace brenvole
 
 #endif

@@ -8,6 +8,8 @@
 #include <cstddef>
 #include <cstdint>
 
+namespace brenvole {
+
 /** In a local block it lies inside the block, in front of the data; in a phys heap it is a QXAlloc block of its
  *  own. The two heaps fill the guard words with different values, so that no phys record is ever taken for a
  *  local one. lRefCount changes through the interlocked operations only, once it is set. */
@@ -40,5 +42,7 @@ static_assert(offsetof(PHALLOC, lRefCount) == 68 && offsetof(PHALLOC, dwGuard4) 
 static_assert(offsetof(PHALLOC, pOwner) == 80 && offsetof(PHALLOC, dwGuard5) == 88);
 static_assert(offsetof(PHALLOC, pSelf) == 96 && offsetof(PHALLOC, dwGuard6) == 104);
 static_assert(offsetof(PHALLOC, cTag) == 108);
+
+} // namespace brenvole
 
 #endif

@@ -4,21 +4,24 @@
 
 #include <cstring>
 #include <filesystem>
+#include <new>
 #include <string>
+#include <string_view>
 #include <system_error>
 
 #include <sys/stat.h>
 
 namespace {
 
-bool copyOut(std::string path, char *buffer, std::size_t capacity) {
-    if (path.empty() || path.back() != '/') {
-        path += '/';
-    }
-    if (path.size() >= capacity) {
+bool copyOut(std::string_view path, char *buffer, std::size_t capacity) {
+    const bool ends = path.ends_with('/');
+    const std::size_t length = path.size() + (ends ? 0 : 1);
+    if (length >= capacity) {
         return false;
     }
-    std::memcpy(buffer, path.c_str(), path.size() + 1);
+    std::memcpy(buffer, path.data(), path.size());
+    buffer[length - 1] = '/';
+    buffer[length] = 0;
     return true;
 }
 
@@ -53,12 +56,15 @@ void qxOSGetConfigDir(char *buffer, int32_t create) {
         return;
     }
     *buffer = 0;
-    const std::string path = configDirectory();
-    if (path.empty() || path.size() + 1 >= QX_PATH_CAPACITY) {
-        return;
-    }
-    if (create == 0 || makeDirectory(path)) {
-        copyOut(path, buffer, QX_PATH_CAPACITY);
+    try {
+        const std::string path = configDirectory();
+        if (path.empty() || path.size() + 1 >= QX_PATH_CAPACITY) {
+            return;
+        }
+        if (create == 0 || makeDirectory(path)) {
+            copyOut(path, buffer, QX_PATH_CAPACITY);
+        }
+    } catch (const std::bad_alloc &) { // then there is no directory either
     }
 }
 

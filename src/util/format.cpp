@@ -178,7 +178,7 @@ void putSigned(Output &out, const Conversion &conversion, Arguments &arguments) 
         if (conversion.size == Width::small) {
             value = static_cast<int16_t>(value);
         } else if (conversion.size == Width::tiny) {
-            value = static_cast<int8_t>(value);
+            value = static_cast<int8_t>(value); // NOLINT(bugprone-signed-char-misuse): the sign is meant
         }
     }
     const auto bits = static_cast<uint64_t>(value);

@@ -10,7 +10,8 @@
  *  The first section of the process takes over the system's fault handling for good: a fault of a thread that
  *  is in no section goes on to whoever handled it before. A handler that the host installs later gets every
  *  fault first, as the host wants it; those of guarded sections among them reach us only if it calls the one it
- *  replaced. So a read that must never end the process asks qxReadForeign first. */
+ *  replaced. So a read that must never end the process asks qxReadForeign first. Who does call the one it
+ *  replaced has to be gone before the library is unloaded: ours goes with it. */
 #ifndef QXUTIL_GUARD_H
 #define QXUTIL_GUARD_H
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <charconv>
 #include <fstream>
+#include <new>
 #include <optional>
 #include <string_view>
 
@@ -112,7 +113,11 @@ QXMemoryStatus qxReadMemoryStatus(const std::string &root) {
 }
 
 void qxOSMemoryStatus(uint64_t *totalPhys, uint64_t *availPhys) {
-    const QXMemoryStatus status = qxReadMemoryStatus("");
+    QXMemoryStatus status;
+    try {
+        status = qxReadMemoryStatus("");
+    } catch (const std::bad_alloc &) { // no memory to ask how much there is
+    }
     if (totalPhys != nullptr) {
         *totalPhys = status.totalPhys;
     }
