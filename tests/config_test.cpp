@@ -35,10 +35,10 @@ constexpr const char *kTrace = "Brenvole\\DFrameTrace";
 TEST(Config, NumbersAndTexts) {
     const TemporaryDirectory directory;
     const std::string file = directory.write("store.ini", "\xEF\xBB\xBF; a comment\r\n"
-                                                          "[Brenvole\\DFrameTrace]\r\n"
+                                                          "[Brenvole\\DFrameTrace] ; and one here\r\n"
                                                           "Enable=1\r\n"
                                                           "  hex = 0xFFFFFFFF ; all bits\n"
-                                                          "File = \"/tmp/a; b.csv\" \n"
+                                                          "File = \"/tmp/a; b.csv\" # quoted\n"
                                                           "Empty=\n"
                                                           "Large=4294967296\nMinus=-1\nWord=yes\nTail=1x\n"
                                                           "Twice=1\nTWICE=2\n"
@@ -70,7 +70,6 @@ TEST(Config, BrokenLinesAreToldOnceAndSkipped) {
     LogCapture log;
     EXPECT_EQ(number("Brenvole", "DFrameTrace"), 1u);
     EXPECT_EQ(number("Brenvole", "DFrameTrace"), 1u);
-    EXPECT_EQ(log.severities(), std::vector<uint32_t>{QX_WARNING});
     EXPECT_EQ(log.take(),
               Texts{"WARNING(qxutil): " + file + ": not understood and skipped: lines 1, 3, 4 and others\n"});
 }
@@ -82,8 +81,8 @@ TEST(Config, ReadAgainWhenItHasChanged) {
     EXPECT_EQ(number("Brenvole", "DFrameTrace"), std::nullopt);
     directory.write("qxutil.ini", "[Brenvole]\nDFrameTrace=1\n");
     EXPECT_EQ(number("Brenvole", "DFrameTrace"), 1u);
-    directory.write("qxutil.ini", "[Brenvole]\nDFrameTrace=22\n");
-    EXPECT_EQ(number("Brenvole", "DFrameTrace"), 22u);
+    directory.write("qxutil.ini", "[Brenvole]\nDFrameTrace=7\n"); // as long, and maybe as old
+    EXPECT_EQ(number("Brenvole", "DFrameTrace"), 7u);
     std::filesystem::remove(directory.path + "qxutil.ini");
     EXPECT_EQ(number("Brenvole", "DFrameTrace"), std::nullopt);
 }
@@ -149,12 +148,8 @@ TEST(Directories, Temporary) {
         return std::string(buffer);
     };
     EXPECT_EQ(temporary("/var/tmp", sizeof buffer), "/var/tmp/");
-    EXPECT_EQ(temporary("/var/tmp/", sizeof buffer), "/var/tmp/");
-    EXPECT_EQ(temporary(nullptr, sizeof buffer), "/tmp/");
     EXPECT_EQ(temporary("/too/long/to/fit/here", sizeof buffer), "/tmp/");
     EXPECT_EQ(temporary(nullptr, 5), "");
-    qxOSGetTempDir(nullptr, 5);
-    qxOSGetTempDir(buffer, 0);
 }
 
 } // namespace

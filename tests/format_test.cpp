@@ -53,9 +53,7 @@ TEST(Format, NeverPastTheBuffer) {
     const std::string letters = "%%%%-+ 0#.*123456789hlzI64duxXcspfegno\x80\n";
     for (int run = 0; run < 20000; ++run) {
         std::string text;
-        for (auto i = random() % 12; i > 0; --i) {
-            text += letters[random() % letters.size()];
-        }
+        for (auto i = random() % 12; i > 0; --i) { text += letters[random() % letters.size()]; }
         // Arguments that serve every conversion: a pointer to a text, whatever reads it. Doubles come from
         // registers of their own.
         char guarded[48];

@@ -10,7 +10,6 @@
 #include <cstring>
 #include <optional>
 #include <random>
-#include <thread>
 
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -161,33 +160,20 @@ TEST_F(Frames, NewDataForAnExistingFrame) {
     EXPECT_EQ(frame->dwBufferLength, 7000u);
     EXPECT_EQ(frame->dwSize, 1u);
     EXPECT_EQ(blocksOut(), outBefore + 3); // header, data, and the old data as the cached block
-    // A custom buffer is forgotten, the flag stays.
-    uint8_t *const data = frame->lpData;
+    // A buffer that is the caller's, or that no heap knows, is forgotten without a word; flags stay.
+    uint8_t *data = frame->lpData;
     uint8_t own[8] = {};
-    frame->lpData = own;
-    frame->dwFlags |= DFRAME_FLAG_CUSTOM;
-    ASSERT_EQ(alloc(100), 0u);
-    EXPECT_NE(+frame->lpData, own);
-    EXPECT_EQ(frame->dwFlags, DFRAME_FLAG_CREATED | DFRAME_FLAG_CUSTOM);
-    frame->dwFlags = DFRAME_FLAG_CREATED;
-    PDFRAME shadow = nullptr; // gives the forgotten buffer back
-    ASSERT_EQ(DFrameMem(DFRAME_ALLOC, 0xB6DB6DB7, 1, &shadow), 0u);
-    shadow->lpData = data;
-    EXPECT_EQ(free(shadow), 0u);
-    // Data that no heap knows is dropped without a word.
-    PDFRAME const kept = frame;
-    uint8_t *const known = frame->lpData;
-    frame->lpData = own;
-    frame->dwBufferLength = sizeof own;
-    ASSERT_EQ(alloc(100), 0u);
-    uint8_t *const newest = frame->lpData;
-    frame->lpData = known;
-    EXPECT_EQ(addRef(frame), 0u);
-    EXPECT_EQ(free(frame), 0u);
-    frame = kept;
-    EXPECT_EQ(free(frame), 0u);
-    ASSERT_EQ(alloc(0xB6DB6DB7), 0u);
-    frame->lpData = newest;
+    for (const uint32_t flag : {DFRAME_FLAG_CUSTOM, 0u}) {
+        frame->lpData = own;
+        frame->dwFlags |= flag;
+        ASSERT_EQ(alloc(100), 0u);
+        EXPECT_EQ(frame->dwFlags, DFRAME_FLAG_CREATED | flag);
+        frame->dwFlags = DFRAME_FLAG_CREATED;
+        PDFRAME shadow = nullptr; // gives the buffer back that was in the frame before
+        ASSERT_EQ(DFrameMem(DFRAME_ALLOC, 0xB6DB6DB7, 1, &shadow), 0u);
+        shadow->lpData = std::exchange(data, +frame->lpData);
+        EXPECT_EQ(free(shadow), 0u);
+    }
     EXPECT_EQ(free(frame), 0u);
 }
 
@@ -222,35 +208,25 @@ TEST_F(Frames, DataInNoHeap) {
 
 // Each allocation fails in turn, alone and with all behind it: the status, and what survives.
 TEST_F(Frames, EachAllocationFails) {
-    for (const bool allBehind : {false, true}) {
-        for (const bool existing : {false, true}) {
-            for (uint32_t nth = 1;; ++nth) {
-                dropCache();
-                frame = nullptr;
-                if (existing) {
-                    ASSERT_EQ(alloc(500000), 0u);
-                }
-                failNth(nth, allBehind);
-                const uint64_t result = alloc(1000);
-                const bool failedOnce = anyFailed();
-                failNth(0);
-                if (result == 0) {
-                    ASSERT_NE(+frame->lpData, nullptr);
-                    std::memset(frame->lpData, 1, frame->dwBufferLength);
-                    EXPECT_EQ(free(frame), 0u);
-                } else {
-                    EXPECT_EQ(result, kWidenedOutOfMemory);
-                    EXPECT_EQ(frame, nullptr);
-                }
-                EXPECT_EQ(result != 0, failedOnce && allBehind); // the second attempt serves otherwise
-                const Texts texts = log.take();
-                EXPECT_EQ(texts.empty(), !failedOnce);
-                dropCache();
-                ASSERT_EQ(blocksOut(), outBefore);
-                if (!failedOnce) {
-                    break;
-                }
+    const std::pair<bool, bool> ways[] = {{false, false}, {false, true}, {true, false}, {true, true}};
+    for (const auto &[allBehind, existing] : ways) {
+        bool failedOnce = true;
+        for (uint32_t nth = 1; failedOnce; ++nth) {
+            frame = nullptr;
+            if (existing) { ASSERT_EQ(alloc(500000), 0u); }
+            failNth(nth, allBehind);
+            const uint64_t result = alloc(1000);
+            failedOnce = anyFailed();
+            failNth(0);
+            EXPECT_EQ(result, failedOnce && allBehind ? kWidenedOutOfMemory : 0); // else the second attempt serves
+            EXPECT_EQ(frame == nullptr, result != 0);
+            if (frame != nullptr) {
+                std::memset(frame->lpData, 1, frame->dwBufferLength);
+                EXPECT_EQ(free(frame), 0u);
             }
+            EXPECT_EQ(log.take().empty(), !failedOnce);
+            dropCache();
+            ASSERT_EQ(blocksOut(), outBefore);
         }
     }
     failNth(1, true);
@@ -288,11 +264,6 @@ class FrameModel : public Frames {
     std::vector<Model> live;
     CacheModel cache;
 
-    void fill(Model &model) {
-        model.pattern = static_cast<uint8_t>(random());
-        model.frame->dwBytesUsed = model.length;
-        std::memset(model.frame->lpData, model.pattern, model.length);
-    }
     int64_t randomSize() {
         static constexpr int64_t kLargest[] = {100, 5000, 300000, 1200000};
         return 1 + static_cast<int64_t>(random()) % kLargest[random() % 4];
@@ -301,7 +272,9 @@ class FrameModel : public Frames {
         model.length = static_cast<uint32_t>(static_cast<double>(wanted) * 1.4);
         ASSERT_EQ(DFrameMem(DFRAME_ALLOC, wanted, DFRAME_SIZE, &model.frame), 0u);
         model.effective = cache.take(std::max(4096u, model.length));
-        fill(model);
+        model.pattern = static_cast<uint8_t>(random());
+        model.frame->dwBytesUsed = model.length;
+        std::memset(model.frame->lpData, model.pattern, model.length);
     }
     void dropOne(std::size_t at) {
         PDFRAME handle = live[at].frame;
@@ -330,42 +303,24 @@ TEST_F(FrameModel, RandomCommands) {
     for (int step = 0; step < 6000; ++step) {
         SCOPED_TRACE(testing::Message() << "seed " << seed << " step " << step);
         const std::size_t at = live.empty() ? 0 : random() % live.size();
-        switch (random() % 6) {
-        case 0:
-        case 1:
-            if (live.size() < 24) {
-                live.push_back({nullptr, 1, 0, 0, 0});
-                place(live.back(), randomSize());
-            }
-            break;
-        case 2:
-            if (!live.empty() && live[at].references == 1) { // replaced data goes before the new one is made
-                cache.release(live[at].effective);
-                place(live[at], randomSize());
-            }
-            break;
-        case 3:
-            if (!live.empty()) {
-                ASSERT_EQ(addRef(live[at].frame), 0u);
-                ++live[at].references;
-            }
-            break;
-        default:
-            if (!live.empty()) {
-                dropOne(at);
-            }
+        const auto dice = random() % 6;
+        if (live.empty() || (dice < 2 && live.size() < 24)) {
+            live.push_back({nullptr, 1, 0, 0, 0});
+            place(live.back(), randomSize());
+        } else if (dice == 2 && live[at].references == 1) { // replaced data goes before the new one is made
+            cache.release(live[at].effective);
+            place(live[at], randomSize());
+        } else if (dice == 3) {
+            ASSERT_EQ(addRef(live[at].frame), 0u);
+            ++live[at].references;
+        } else {
+            dropOne(at);
         }
-        for (const Model &model : live) {
-            check(model);
-        }
+        for (const Model &model : live) { check(model); }
         ASSERT_EQ(blocksOut(), outBefore + 2 * static_cast<int64_t>(live.size()) + (cache.size != 0 ? 1 : 0));
-        if (HasFatalFailure()) {
-            return;
-        }
+        if (HasFatalFailure()) { return; }
     }
-    while (!live.empty()) {
-        dropOne(0);
-    }
+    while (!live.empty()) { dropOne(0); }
 }
 
 // ---- threads ------------------------------------------------------------------------------------------------------
@@ -375,25 +330,18 @@ TEST_F(Frames, ThreadsShareAndFree) {
     for (int round = 0; round < 60; ++round) {
         ASSERT_EQ(alloc(round % 2 == 0 ? 1000 : 600000), 0u);
         std::memset(frame->lpData, round, frame->dwBufferLength);
-        for (int i = 1; i < kThreads; ++i) {
-            ASSERT_EQ(addRef(frame), 0u);
-        }
-        std::vector<std::thread> threads;
+        for (int i = 1; i < kThreads; ++i) { ASSERT_EQ(addRef(frame), 0u); }
         std::atomic<int> bad = 0;
-        for (int i = 0; i < kThreads; ++i) {
-            threads.emplace_back([&, held = frame, round]() mutable {
-                for (int pass = 0; pass < 5; ++pass) { // one more reference, and the same again less
-                    PDFRAME extra = held;
-                    bad += addRef(held) != 0 || held->lpData[pass] != static_cast<uint8_t>(round) || free(extra) != 0;
-                    PDFRAME own = nullptr;
-                    bad += DFrameMem(DFRAME_ALLOC, 700 * pass + 1, 1, &own) != 0 || free(own) != 0;
-                }
-                bad += free(held) != 0; // of all these, exactly one releases
-            });
-        }
-        for (std::thread &thread : threads) {
-            thread.join();
-        }
+        onThreads(kThreads, [&](int) {
+            PDFRAME held = frame;
+            for (int pass = 0; pass < 5; ++pass) { // one more reference, and the same again less
+                PDFRAME extra = held;
+                bad += addRef(held) != 0 || held->lpData[pass] != static_cast<uint8_t>(round) || free(extra) != 0;
+                PDFRAME own = nullptr;
+                bad += DFrameMem(DFRAME_ALLOC, 700 * pass + 1, 1, &own) != 0 || free(own) != 0;
+            }
+            bad += free(held) != 0; // of all these, exactly one releases
+        });
         ASSERT_EQ(bad, 0);
         frame = nullptr;
         dropCache();
@@ -403,10 +351,7 @@ TEST_F(Frames, ThreadsShareAndFree) {
 
 // Only read, write and exit are left to the process: a round trip that made any other call would end it.
 TEST(FramesDeathTest, CachedRoundTripMakesNoSystemCall) {
-    if (kSanitized) {
-        GTEST_SKIP() << "the sanitizers' allocators make calls of their own";
-    }
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    if (kSanitized) { GTEST_SKIP() << "the sanitizers' allocators make calls of their own"; }
     EXPECT_EXIT(
         {
             const auto roundTrips = [] {
@@ -425,9 +370,7 @@ TEST(FramesDeathTest, CachedRoundTripMakesNoSystemCall) {
                 return failures;
             };
             roundTrips(); // fills the cache, and the allocator's own
-            if (prctl(PR_SET_SECCOMP, 1) != 0) {
-                _exit(2);
-            }
+            if (prctl(PR_SET_SECCOMP, 1) != 0) { _exit(2); }
             syscall(SYS_exit, roundTrips() == 0 ? 0 : 1);
         },
         testing::ExitedWithCode(0), "");

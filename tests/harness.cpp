@@ -2,11 +2,12 @@
 
 #include "util/qxutil.h"
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
+#include <thread>
 
 namespace {
 
@@ -36,9 +37,7 @@ uint32_t lastRequest() { return last; }
 extern "C" __attribute__((visibility("default"))) void *QXAlloc(uint32_t size) {
     const uint64_t number = ++asked;
     last = size;
-    if (replaceAlloc != nullptr) {
-        return replaceAlloc(size);
-    }
+    if (replaceAlloc != nullptr) { return replaceAlloc(size); }
     const uint64_t fails = failAt;
     if (fails != 0 && (number == fails || (failBehind && number > fails))) {
         failed = true;
@@ -61,51 +60,14 @@ extern "C" __attribute__((visibility("default"))) void QXFree(void *block) {
     std::free(block);
 }
 
-LogCapture::LogCapture() { qxSetLogSink(sink, this); }
-LogCapture::~LogCapture() { qxSetLogSink(nullptr, nullptr); }
-
-void LogCapture::sink(uint32_t severity, const char *message, void *context) {
-    auto *const self = static_cast<LogCapture *>(context);
-    const std::scoped_lock hold(self->lock_);
-    self->messages_.emplace_back(severity, message);
+void onThreads(int count, const std::function<void(int)> &body) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i) { threads.emplace_back(body, i); }
+    for (std::thread &thread : threads) { thread.join(); }
 }
 
-Texts LogCapture::take() {
-    const std::scoped_lock hold(lock_);
-    Texts texts;
-    for (auto &message : std::exchange(messages_, {})) {
-        texts.push_back(std::move(message.second));
-    }
-    return texts;
-}
-
-std::vector<uint32_t> LogCapture::severities() {
-    const std::scoped_lock hold(lock_);
-    std::vector<uint32_t> all;
-    for (const auto &message : messages_) {
-        all.push_back(message.first);
-    }
-    return all;
-}
-
-Environment::Environment(const char *name, const char *value)
-    : name_(name), before_(std::getenv(name) != nullptr ? std::getenv(name) : ""),
-      wasSet_(std::getenv(name) != nullptr) {
-    value != nullptr ? setenv(name, value, 1) : unsetenv(name);
-}
-
-Environment::~Environment() { wasSet_ ? setenv(name_.c_str(), before_.c_str(), 1) : unsetenv(name_.c_str()); }
-
-TemporaryDirectory::TemporaryDirectory() {
-    std::string pattern = std::filesystem::temp_directory_path() / "brenvole-XXXXXX";
-    path = std::string(mkdtemp(pattern.data())) + "/";
-}
-
-TemporaryDirectory::~TemporaryDirectory() { std::filesystem::remove_all(path); }
-
-std::string TemporaryDirectory::write(const std::string &name, const std::string &content) const {
-    const std::filesystem::path file = path + name;
-    std::filesystem::create_directories(file.parent_path());
-    std::ofstream(file, std::ios::binary) << content;
-    return file;
+int main(int count, char **arguments) {
+    testing::InitGoogleTest(&count, arguments);
+    GTEST_FLAG_SET(death_test_style, "threadsafe"); // a death test is a process of its own, from its start
+    return RUN_ALL_TESTS();
 }

@@ -3,8 +3,15 @@
 #ifndef BRENVOLE_TESTS_HARNESS_H
 #define BRENVOLE_TESTS_HARNESS_H
 
+#include "util/qxutil.h"
+
 #include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -31,49 +38,59 @@ uint32_t lastRequest();
 extern void *(*replaceAlloc)(uint32_t size);
 extern void (*replaceFree)(void *block);
 
-// Collects messages while it lives, as pairs of severity and text.
-class LogCapture {
-  public:
-    LogCapture();
-    ~LogCapture();
-    LogCapture(const LogCapture &) = delete;
-    LogCapture &operator=(const LogCapture &) = delete;
-    // The texts since the last call.
-    std::vector<std::string> take();
-    std::vector<uint32_t> severities();
+// Collects messages while it lives.
+struct LogCapture {
+    std::mutex lock;
+    std::vector<std::pair<uint32_t, std::string>> messages; // severity and text
 
-  private:
-    static void sink(uint32_t severity, const char *message, void *context);
-    std::mutex lock_;
-    std::vector<std::pair<uint32_t, std::string>> messages_;
+    LogCapture() {
+        const QXLogSink collect = [](uint32_t severity, const char *message, void *context) {
+            auto *const self = static_cast<LogCapture *>(context);
+            const std::scoped_lock hold(self->lock);
+            self->messages.emplace_back(severity, message);
+        };
+        qxSetLogSink(collect, this);
+    }
+    ~LogCapture() { qxSetLogSink(nullptr, nullptr); }
+    // The texts since the last call.
+    std::vector<std::string> take() {
+        const std::scoped_lock hold(lock);
+        std::vector<std::string> texts;
+        for (auto &message : std::exchange(messages, {})) { texts.push_back(std::move(message.second)); }
+        return texts;
+    }
 };
 
 using Texts = std::vector<std::string>;
 
-// Sets a variable for its own lifetime; null: unset.
-class Environment {
-  public:
-    Environment(const char *name, const char *value);
-    ~Environment();
-    Environment(const Environment &) = delete;
-    Environment &operator=(const Environment &) = delete;
+// Runs body(0) to body(count - 1) at once, to their end.
+void onThreads(int count, const std::function<void(int)> &body);
 
-  private:
-    std::string name_;
-    std::string before_;
-    bool wasSet_;
+// Sets a variable for its own lifetime; null: unset.
+struct Environment {
+    std::string name;
+    std::optional<std::string> before;
+
+    Environment(const char *variable, const char *value) : name(variable) {
+        if (const char *now = std::getenv(variable)) { before = now; }
+        value != nullptr ? setenv(variable, value, 1) : unsetenv(variable);
+    }
+    ~Environment() { before ? setenv(name.c_str(), before->c_str(), 1) : unsetenv(name.c_str()); }
 };
 
 // A directory of the test's own, with a slash at its end, removed behind it.
-class TemporaryDirectory {
-  public:
-    TemporaryDirectory();
-    ~TemporaryDirectory();
-    TemporaryDirectory(const TemporaryDirectory &) = delete;
-    TemporaryDirectory &operator=(const TemporaryDirectory &) = delete;
-    std::string path;
+struct TemporaryDirectory {
+    std::string path = std::filesystem::temp_directory_path() / "brenvole-XXXXXX";
+
+    TemporaryDirectory() { path = std::string(mkdtemp(path.data())) + "/"; }
+    ~TemporaryDirectory() { std::filesystem::remove_all(path); }
     // Writes a file below it, with the directories in front of it; gives its full name.
-    std::string write(const std::string &name, const std::string &content) const;
+    std::string write(const std::string &name, const std::string &content) const {
+        const std::filesystem::path file = path + name;
+        std::filesystem::create_directories(file.parent_path());
+        std::ofstream(file, std::ios::binary) << content;
+        return file;
+    }
 };
 
 #endif

@@ -1,10 +1,10 @@
+#include "harness.h"
 #include "util/qxutil.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <random>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -32,53 +32,33 @@ TEST(List, AgainstAVector) {
     std::vector<Record> records(12);
     d_List lists[2];
     std::vector<d_ListNode *> models[2];
-    for (d_List &list : lists) {
-        ASSERT_NE(d_ListInit(&list), 0u);
-    }
-    for (Record &record : records) {
-        d_ListInitNode(&record.Node);
-    }
+    for (d_List &list : lists) { ASSERT_NE(d_ListInit(&list), 0u); }
+    for (Record &record : records) { d_ListInitNode(&record.Node); }
     for (int step = 0; step < 20000; ++step) {
         const unsigned which = random() % 2;
         d_List *list = &lists[which];
         auto &model = models[which];
         d_ListNode *node = &records[random() % records.size()].Node;
-        d_ListNode *other = &records[random() % records.size()].Node;
-        const bool onAny = node->lpList != nullptr;
         const auto at = std::find(model.begin(), model.end(), node);
-        const auto behind = std::find(model.begin(), model.end(), other);
-        switch (random() % 5) {
-        case 0:
-            ASSERT_EQ(d_ListAddHead(list, node) != 0, !onAny);
-            if (!onAny) {
-                model.insert(model.begin(), node);
-            }
-            break;
-        case 1:
-            ASSERT_EQ(d_ListAddTail(list, node) != 0, !onAny);
-            if (!onAny) {
-                model.push_back(node);
-            }
-            break;
-        case 2: {
-            const bool goes = !onAny && behind != model.end();
-            ASSERT_EQ(d_ListInsert(list, other, node) != 0, goes);
-            if (goes) {
-                model.insert(behind + 1, node);
-            }
-            break;
-        }
-        case 3:
-            ASSERT_EQ(d_ListRemove(list, node), at != model.end() ? node : nullptr);
-            if (at != model.end()) {
+        if (random() % 2 == 0) { // in, unless it is on some list; at either end or behind one that is there
+            const bool goes = node->lpList == nullptr;
+            const std::size_t place = random() % (model.size() + 1);
+            const uint32_t went = place == 0              ? d_ListAddHead(list, node)
+                                  : place == model.size() ? d_ListAddTail(list, node)
+                                                          : d_ListInsert(list, model[place - 1], node);
+            ASSERT_EQ(went != 0, goes);
+            if (goes) { model.insert(model.begin() + static_cast<std::ptrdiff_t>(place), node); }
+        } else if (random() % 4 == 0) {
+            ASSERT_EQ(d_ListRemoveHead(list), model.empty() ? nullptr : model.front());
+            model.erase(model.begin(), model.begin() + (model.empty() ? 0 : 1));
+        } else { // out, unless it isn't on this list
+            d_ListNode *stranger = at == model.end() ? node : nullptr;
+            ASSERT_EQ(d_ListRemove(list, node), stranger == nullptr ? node : nullptr);
+            if (stranger == nullptr) {
                 model.erase(at);
                 ASSERT_EQ(+node->lpList, nullptr);
-            }
-            break;
-        default:
-            ASSERT_EQ(d_ListRemoveHead(list), model.empty() ? nullptr : model.front());
-            if (!model.empty()) {
-                model.erase(model.begin());
+            } else if (node->lpList == nullptr) {
+                ASSERT_EQ(d_ListInsert(list, stranger, node), 0u); // behind one that isn't there
             }
         }
         ASSERT_EQ(walk(*list), model) << "step " << step;
@@ -92,45 +72,20 @@ TEST(List, AgainstAVector) {
     }
 }
 
-TEST(List, NullsAreRefused) {
-    d_ListNode node;
-    d_ListInitNode(&node);
-    EXPECT_EQ(d_ListInit(nullptr), 0u);
-    EXPECT_EQ(d_ListAddHead(nullptr, &node) + d_ListAddTail(nullptr, &node) + d_ListInsert(nullptr, &node, &node),
-              0u);
-    EXPECT_EQ(d_ListRemove(nullptr, &node), nullptr);
-    EXPECT_EQ(d_ListRemoveHead(nullptr), nullptr);
-    EXPECT_EQ(d_ListHead(nullptr), d_ListTail(nullptr));
-    EXPECT_EQ(d_ListNext(nullptr), d_ListPrev(nullptr));
-    EXPECT_EQ(d_ListCount(nullptr), 0u);
-    d_ListInitNode(nullptr);
-    d_ListLock(nullptr);
-    d_ListUnLock(nullptr);
-    d_ListClose(nullptr);
-}
-
 TEST(List, HolderMayCallEverythingAndOthersWait) {
     d_List list;
     d_ListInit(&list);
     std::vector<d_ListNode> nodes(400);
-    for (d_ListNode &node : nodes) {
-        d_ListInitNode(&node);
-    }
-    std::vector<std::thread> threads;
-    for (unsigned t = 0; t < 4; ++t) {
-        threads.emplace_back([&, t] {
-            for (unsigned i = t; i < nodes.size(); i += 4) {
-                d_ListLock(&list);
-                d_ListAddTail(&list, &nodes[i]); // the tail, as long as the list is held
-                EXPECT_EQ(d_ListTail(&list), &nodes[i]);
-                d_ListUnLock(&list);
-                (void)d_ListCount(&list);
-            }
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
+    for (d_ListNode &node : nodes) { d_ListInitNode(&node); }
+    onThreads(4, [&](int t) {
+        for (auto i = static_cast<unsigned>(t); i < nodes.size(); i += 4) {
+            d_ListLock(&list);
+            d_ListAddTail(&list, &nodes[i]); // the tail, as long as the list is held
+            EXPECT_EQ(d_ListTail(&list), &nodes[i]);
+            d_ListUnLock(&list);
+            (void)d_ListCount(&list);
+        }
+    });
     EXPECT_EQ(walk(list).size(), nodes.size());
     d_ListClose(&list);
 }
@@ -140,25 +95,19 @@ TEST(Lock, OwnerEntersAgainAndOthersWait) {
     qxOSInitializeCriticalSection(&lock);
     uint32_t plain = 0; // guarded by the lock alone
     int32_t interlocked = 0;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 5000; ++i) {
-                qxOSEnterCriticalSection(&lock);
-                qxOSEnterCriticalSection(&lock);
-                ++plain;
-                qxOSLeaveCriticalSection(&lock);
-                ++plain; // still ours after the inner leave
-                qxOSLeaveCriticalSection(&lock);
-                qxOSInterlockedIncrement(&interlocked);
-                qxOSInterlockedIncrement(&interlocked);
-                qxOSInterlockedDecrement(&interlocked);
-            }
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
+    onThreads(4, [&](int) {
+        for (int i = 0; i < 5000; ++i) {
+            qxOSEnterCriticalSection(&lock);
+            qxOSEnterCriticalSection(&lock);
+            ++plain;
+            qxOSLeaveCriticalSection(&lock);
+            ++plain; // still ours after the inner leave
+            qxOSLeaveCriticalSection(&lock);
+            qxOSInterlockedIncrement(&interlocked);
+            qxOSInterlockedIncrement(&interlocked);
+            qxOSInterlockedDecrement(&interlocked);
+        }
+    });
     EXPECT_EQ(plain, 40000u);
     EXPECT_EQ(interlocked, 20000);
     qxOSDeleteCriticalSection(&lock);

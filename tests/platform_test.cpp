@@ -4,8 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
-#include <vector>
+#include <sstream>
 
 namespace {
 
@@ -57,55 +58,36 @@ TEST(MemoryStatus, ThisMachine) {
 
 struct Machine {
     const char *what;
-    std::vector<std::pair<std::string, std::string>> files;
-    uint64_t total;
-    uint64_t available;
+    const char *meminfo;
+    const char *group; // /proc/self/cgroup
+    const char *files; // words "name=content" below /sys/fs/cgroup, a colon for a blank
+    uint64_t total, available;
 };
 
 TEST(MemoryStatus, ContainersCount) {
-    const std::string meminfo = "MemTotal:       8000 kB\nMemFree:  100 kB\nMemAvailable:   5000 kB\n";
-    const std::string v2 = "sys/fs/cgroup/", v1 = "sys/fs/cgroup/memory/";
+    const char *const info = "MemTotal:       8000 kB\nMemFree:  100 kB\nMemAvailable:   5000 kB\n";
     const Machine machines[] = {
-        {"nothing to read", {}, 0, 0},
-        {"no group", {{"proc/meminfo", meminfo}}, 8192000, 5120000},
-        {"old system", {{"proc/meminfo", "MemTotal: 8 kB\nMemFree: 4 kB\n"}}, 8192, 4096},
-        {"no limit",
-         {{"proc/meminfo", meminfo}, {"proc/self/cgroup", "0::/a\n"}, {v2 + "a/memory.max", "max\n"}},
-         8192000,
-         5120000},
-        {"limit of a parent, cache counts as free",
-         {{"proc/meminfo", meminfo},
-          {"proc/self/cgroup", "0::/a/b\n"},
-          {v2 + "a/memory.max", "1000000\n"},
-          {v2 + "a/memory.current", "700000\n"},
-          {v2 + "a/memory.stat", "anon 5\ninactive_file 200000\n"},
-          {v2 + "a/b/memory.max", "max\n"}},
-         1000000,
-         500000},
-        {"the mount's own limit, all used",
-         {{"proc/meminfo", meminfo},
-          {"proc/self/cgroup", "0::/not/seen/here\n"},
-          {v2 + "memory.max", "1000\n"},
-          {v2 + "memory.current", "2000\n"}},
-         1000,
+        {"nothing to read", "", "", "", 0, 0},
+        {"no group", info, "", "", 8192000, 5120000},
+        {"old system", "MemTotal: 8 kB\nMemFree: 4 kB\n", "", "", 8192, 4096},
+        {"limit of a parent, cache counts as free", info, "0::/a/b\n",
+         "a/memory.max=1000000 a/memory.current=700000 a/memory.stat=inactive_file:200000 a/b/memory.max=max",
+         1000000, 500000},
+        {"the mount's own limit, all used", info, "0::/not/seen/here\n", "memory.max=1000 memory.current=2000", 1000,
          0},
-        {"version 1",
-         {{"proc/meminfo", meminfo},
-          {"proc/self/cgroup", "5:cpu,memory:/c\n1:name=x:/y\nbroken\n"},
-          {v1 + "c/memory.limit_in_bytes", "3000000\n"},
-          {v1 + "c/memory.usage_in_bytes", "500000\n"},
-          {v1 + "memory.limit_in_bytes", "9223372036854771712\n"}},
-         3000000,
-         2500000},
-        {"limit above the machine",
-         {{"proc/meminfo", meminfo}, {"proc/self/cgroup", "0::/a\n"}, {v2 + "a/memory.max", "99000000\n"}},
-         8192000,
-         5120000},
+        {"version 1", info, "5:cpu,memory:/c\n1:name=x:/y\nbroken\n",
+         "memory/c/memory.limit_in_bytes=3000000 memory/c/memory.usage_in_bytes=500000 "
+         "memory/memory.limit_in_bytes=9223372036854771712",
+         3000000, 2500000},
     };
     for (const Machine &machine : machines) {
         const TemporaryDirectory root;
-        for (const auto &[name, content] : machine.files) {
-            root.write(name, content);
+        root.write("proc/meminfo", machine.meminfo);
+        root.write("proc/self/cgroup", machine.group);
+        std::istringstream files(machine.files);
+        for (std::string word; files >> word;) {
+            std::replace(word.begin(), word.end(), ':', ' ');
+            root.write("sys/fs/cgroup/" + word.substr(0, word.find('=')), word.substr(word.find('=') + 1) + "\n");
         }
         const QXMemoryStatus status = qxReadMemoryStatus(root.path);
         EXPECT_EQ(status.totalPhys, machine.total) << machine.what;

@@ -12,6 +12,9 @@ namespace brenvole {
  *  rounded down to find one. */
 inline constexpr uint64_t kDataAlignment = 16384;
 
+/** A block's data is its request rounded up to a multiple of this, bytes. */
+inline constexpr uint32_t kDataUnit = 8192;
+
 // What the guard words of a live or cached local block hold.
 inline constexpr uint32_t kLocalGuard1 = 0xBAADF00D;
 inline constexpr uint32_t kLocalGuard2 = 0xE550E550;

@@ -5,9 +5,9 @@
 // by almost 272 KiB, further than any header or line of a picture moves it.
 //
 // The scan reads memory that nobody vouches for. For the usual pointer, into a block that we remember, it reads
-// in place, and everything between descriptor and pointer is that block's own. For any other the system copies
-// the candidates out and stops at the first that isn't there: no fault is raised, so it makes no difference which
-// signals the thread blocks or what the host has made of its fault handlers.
+// in place, and everything between descriptor and pointer is that block's own. For any other the system looks at
+// each candidate first, and only what has a local block's first guard word is read in place. So no fault is raised,
+// and it makes no difference which signals the thread blocks or what the host has made of its fault handlers.
 #include "local_block.h"
 #include "local_heap.h"
 #include "util/guard.h"
@@ -22,22 +22,25 @@ constexpr unsigned kTries = 17;
 // More references than this on one block are taken for chance bits.
 constexpr uint32_t kMostReferences = 8192;
 
-// Where live and cached blocks lie; a hint only, see local_block.h. A note holds the block's data address and its
-// length, both counted in pieces of 16384 bytes, in one word, so that reading it touches no block: a block that
-// another thread is just releasing may be gone already. A block's note stands in any place of its bucket.
+// Where live and cached blocks lie; a hint only, see local_block.h. A note holds the block's data address in pieces
+// of 16384 bytes and the length of its data in one word, so that reading it touches no block: a block that another
+// thread is just releasing may be gone already. A block's note stands in any place of its bucket.
 constexpr unsigned kBucketBits = 12; // 128 KiB in all; pages of it that no block needs are never touched
 constexpr unsigned kPlaces = 4;      // of a bucket: some 8000 live blocks before many notes are pushed out
-constexpr unsigned kLengthBits = 20; // more pieces than 32 bits of bytes hold; 44 bits are left for the address
+constexpr unsigned kLengthBits = 20; // more units than 32 bits of bytes hold; 44 bits are left for the address
 
 using Bucket = std::array<std::atomic<uint64_t>, kPlaces>;
 alignas(64) std::array<Bucket, std::size_t{1} << kBucketBits> notes; // two buckets to a cache line
 
+// Two rounds of multiplying and folding: blocks of one size stand at even distances, which one round doesn't spread.
 Bucket &bucketOf(uint64_t dataPiece) {
-    constexpr uint64_t kSpread = 0x9E3779B97F4A7C15; // 2^64 over the golden ratio: spreads neighbours evenly
-    return notes[(dataPiece * kSpread) >> (64 - kBucketBits)];
+    constexpr uint64_t kSpread = 0x9E3779B97F4A7C15; // 2^64 over the golden ratio
+    uint64_t hash = dataPiece * kSpread;
+    hash = (hash ^ (hash >> 32)) * kSpread;
+    return notes[hash >> (64 - kBucketBits)];
 }
 
-// Length of the block whose data starts with this piece, if we remember it; else 0.
+// Length of the data that starts with this piece, in units of 8192 bytes, if we remember the block; else 0.
 uint64_t rememberedLength(uint64_t dataPiece) {
     for (const std::atomic<uint64_t> &place : bucketOf(dataPiece)) {
         const uint64_t note = place.load(std::memory_order_acquire);
@@ -71,7 +74,7 @@ unsigned candidatesInBlock(uintptr_t address) {
     for (unsigned i = 0; i < kTries; ++i) {
         const uint64_t length = rememberedLength(piece - i);
         if (length != 0) {
-            return i < length ? i + 1 : 0;
+            return (address - (piece - i) * kDataAlignment) / kDataUnit < length ? i + 1 : 0;
         }
     }
     return 0;
@@ -87,32 +90,22 @@ PHALLOC *scanInPlace(uintptr_t address, unsigned tries) {
     return nullptr;
 }
 
-// Tries candidates `first` to `end` - 1 in copies. Sets `goOn` to whether the scan may go on behind them.
-PHALLOC *scanCopies(uintptr_t address, unsigned first, unsigned end, bool &goOn) {
-    std::array<uintptr_t, kTries> candidates;
-    std::array<PHALLOC, kTries> copies;
-    const unsigned count = end - first;
-    for (unsigned i = 0; i < count; ++i) {
-        candidates[i] = candidateOf(address, first + i);
-    }
-    const int readable = qxReadForeign(candidates.data(), static_cast<int>(count), sizeof(PHALLOC), copies.data());
-    goOn = readable == static_cast<int>(count);
-    if (readable < 0) { // the system doesn't offer it; the guard around us has to serve
-        return scanInPlace(address, kTries);
-    }
-    for (unsigned i = 0; i < static_cast<unsigned>(readable); ++i) {
-        if (accepted(&copies[i], candidates[i])) {
-            return reinterpret_cast<PHALLOC *>(candidates[i]);
+// Tries the candidates from `first` on that may be there or not.
+PHALLOC *scanUnknown(uintptr_t address, unsigned first) {
+    for (unsigned i = first; i < kTries; ++i) {
+        const uintptr_t candidate = candidateOf(address, i);
+        // A descriptor lies within one page, so the word stands for all of it.
+        switch (qxLookAtForeign(candidate + offsetof(PHALLOC, dwGuard1), kLocalGuard1)) {
+        case ForeignWord::unreadable: return nullptr; // the end of the scan
+        case ForeignWord::differs: break;
+        case ForeignWord::looksEqual:
+            auto *const record = reinterpret_cast<PHALLOC *>(candidate);
+            if (accepted(record, candidate)) {
+                return record;
+            }
         }
     }
     return nullptr;
-}
-
-// The nearest candidate goes alone: it is the one that nearly every pointer needs, and copying costs by the piece.
-PHALLOC *scanUnknown(uintptr_t address) {
-    bool goOn = false;
-    PHALLOC *const nearest = scanCopies(address, 0, 1, goOn);
-    return nearest != nullptr || !goOn ? nearest : scanCopies(address, 1, kTries, goOn);
 }
 
 } // namespace
@@ -124,7 +117,7 @@ QX_READS_FOREIGN_MEMORY bool localGuardsHold(const volatile PHALLOC *record) {
 
 void localRemember(const PHALLOC *descriptor) {
     const uint64_t piece = dataPieceOf(descriptor);
-    const uint64_t length = (descriptor->qwSize + kDataAlignment - 1) / kDataAlignment;
+    const uint64_t length = (descriptor->qwSize + kDataUnit - 1) / kDataUnit;
     const uint64_t note = piece << kLengthBits | length;
     Bucket &bucket = bucketOf(piece);
     for (std::atomic<uint64_t> &place : bucket) {
@@ -157,7 +150,7 @@ PHALLOC *LHEAP_Find(uintptr_t address) {
         const unsigned tries = candidatesInBlock(address);
         found = tries != 0 ? scanInPlace(address, tries) : nullptr;
         if (found == nullptr) {
-            found = scanUnknown(address);
+            found = scanUnknown(address, tries);
         }
     });
     return found;

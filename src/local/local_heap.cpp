@@ -16,8 +16,6 @@ std::atomic<uint32_t> localBytes = 0;
 
 namespace {
 
-// A data size is rounded up to this many bytes.
-constexpr uint32_t kDataUnit = 8192;
 // What a block has beyond its data: room for the alignment and the descriptor area.
 constexpr uint32_t kBlockExtra = kDataAlignment + kDescriptorArea;
 // The largest request whose block size still fits the allocator's 32 bits.
@@ -26,11 +24,27 @@ constexpr uint32_t kLargestRequest = (UINT32_MAX - kBlockExtra) / kDataUnit * kD
 constexpr uint32_t kCacheThreshold = 688802;
 
 // The cached block, as QXAlloc returned it, and its effective size. Both change under dfmemLock; the pointer is
-// also read without it, as a first test. Invariant: the size is 0 exactly while the pointer is null.
+// also read without it, as a first test. The size is 0 while the pointer is null.
 std::atomic<char *> lastBigAlloc = nullptr;
 uint32_t lastBigAllocSize = 0;
 
 void warn(const char *text) { ErrFmtOut(QX_WARNING, 0, 0, "WARNING(dfmem): %s\n", text); }
+
+// The warning of a recovery, which a sink must not keep from its end.
+void warnOfFault(const char *text) {
+    qxGuarded([text] { warn(text); });
+}
+
+// The lock around guarded work: `locked` tells the recovery whether it is to be given back.
+template <class Work> void enter(Work &work) {
+    qxOSEnterCriticalSection(&dfmemLock);
+    work.locked = true;
+}
+
+template <class Work> void leave(Work &work) {
+    work.locked = false;
+    qxOSLeaveCriticalSection(&dfmemLock);
+}
 
 uint32_t blockSizeOf(uint32_t size) { return (size + kDataUnit - 1) / kDataUnit * kDataUnit + kBlockExtra; }
 
@@ -60,7 +74,8 @@ void giveBack(char *block) {
 // What the guarded work shares with the recovery from a fault.
 struct Making {
     PDFRAME pDF;
-    uint32_t size;                  // the effective size
+    uint32_t size; // the effective size
+    volatile bool locked = false;
     char *volatile block = nullptr; // obtained and not yet handed out
     uint8_t *volatile result = nullptr;
 };
@@ -71,6 +86,7 @@ void takeCached(Making &making) {
         return;
     }
     const QXHold hold(dfmemLock);
+    assert(lastBigAlloc.load(std::memory_order_relaxed) != nullptr || lastBigAllocSize == 0);
     if (making.size <= lastBigAllocSize) { // 0 in an empty cache: a block that has gone meanwhile isn't taken
         uncount(lastBigAllocSize);
         making.size = lastBigAllocSize;
@@ -83,6 +99,9 @@ void takeCached(Making &making) {
 // Step 6. Nothing else of the block is written: a block from the cache keeps its old data.
 PHALLOC *writeDescriptor(const Making &making) {
     PHALLOC *const descriptor = new (descriptorOf(making.block)) PHALLOC;
+    assert(reinterpret_cast<char *>(descriptor) >= making.block);
+    assert(dataOf(making.block) + making.size <=
+           reinterpret_cast<uint8_t *>(making.block) + blockSizeOf(making.size));
     descriptor->qwOffset = 0;
     descriptor->dwGuard1 = kLocalGuard1;
     descriptor->lpAddr = reinterpret_cast<uint64_t>(making.block);
@@ -101,7 +120,7 @@ PHALLOC *writeDescriptor(const Making &making) {
 
 // Step 7: the frame gets its data. The store stands first, since it alone can fault: then nothing was counted.
 void handOut(Making &making) {
-    qxOSEnterCriticalSection(&dfmemLock);
+    enter(making);
     const bool whole = qxGuarded([&] {
         const_cast<volatile DFRAME *>(making.pDF)->lpData = dataOf(making.block);
         std::atomic_signal_fence(std::memory_order_seq_cst); // what follows must not come before it
@@ -112,7 +131,7 @@ void handOut(Making &making) {
     if (!whole) {
         warn("Exception settinging local audio video memory");
     }
-    qxOSLeaveCriticalSection(&dfmemLock);
+    leave(making);
     making.result = making.pDF->lpData; // step 8
 }
 
@@ -148,20 +167,11 @@ struct Releasing {
     volatile int32_t count = -1; // references left, as read under the lock; valid if counted
 };
 
-void enter(Releasing &releasing) {
-    qxOSEnterCriticalSection(&dfmemLock);
-    releasing.locked = true;
-}
-
-void leave(Releasing &releasing) {
-    releasing.locked = false;
-    qxOSLeaveCriticalSection(&dfmemLock);
-}
-
 // Step 6, lock held. The new block is in place before the old one goes, so that a fault in QXFree loses neither.
 void replaceCached(char *block, uint32_t size) {
     char *const old = lastBigAlloc.load(std::memory_order_relaxed);
     if (old != nullptr) {
+        assert(old != block && size > lastBigAllocSize);
         uncount(lastBigAllocSize);
     }
     lastBigAlloc.store(block, std::memory_order_relaxed);
@@ -235,7 +245,10 @@ uint8_t *LHEAP_Alloc(uint32_t size, PDFRAME pDF, [[maybe_unused]] const char *ms
     Making making{pDF, size};
     takeCached(making); // 3
     if (!qxGuarded([&] { makeBlock(making); })) {
-        warn("Exception allocating local audio video memory");
+        warnOfFault("Exception allocating local audio video memory");
+        if (making.locked) {
+            leave(making);
+        }
         qxGuarded([&] { making.result = pDF->lpData; });
     }
     if (making.block != nullptr) {
@@ -252,7 +265,7 @@ int32_t LHEAP_Free(PHALLOC *pHA, [[maybe_unused]] const char *msgarea, [[maybe_u
     Releasing releasing{pHA};
     volatile int32_t result = -1;
     if (!qxGuarded([&] { result = release(releasing); })) {
-        warn("Exception freeing audio video memory");
+        warnOfFault("Exception freeing audio video memory");
         if (releasing.locked) {
             leave(releasing);
         }

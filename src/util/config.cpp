@@ -30,6 +30,7 @@ constexpr uint32_t kTooLong = 234;
 struct Store {
     std::string path;
     QXFileStamp stamp;
+    std::string content;
     IniEntries entries;
 };
 Store *store = nullptr; // made at the first question, never deleted: threads may ask until the process ends
@@ -44,27 +45,29 @@ std::string storePath() {
     return *directory != 0 ? std::string(directory) + "qxutil.ini" : std::string();
 }
 
-// Lock held. Reads the file anew if it is another one, or has changed, since the last time.
+// Lock held. Reads the file anew if it is another one, or has changed, since the last time. What it replaces goes
+// when all of the new is there, so that want of memory in between loses nothing.
 void refresh(std::string &complaints) {
-    const std::string path = storePath();
-    const QXFileStamp stamp = path.empty() ? QXFileStamp{} : qxFileStamp(path.c_str());
+    Store fresh;
+    fresh.path = storePath();
+    fresh.stamp = fresh.path.empty() ? QXFileStamp{} : qxFileStamp(fresh.path.c_str());
     if (store == nullptr) {
         store = new Store;
-    } else if (store->path == path && store->stamp == stamp) {
+    } else if (store->path == fresh.path && store->stamp == fresh.stamp && fresh.stamp.bSettled) {
         return;
     }
-    store->path = path;
-    store->stamp = stamp;
-    store->entries.clear();
-    std::string content;
-    if (!stamp.bExists) {
-        return;
+    if (fresh.stamp.bExists && !qxReadFile(fresh.path.c_str(), kLargestStore, fresh.content)) {
+        complaints = fresh.path + ": can't be read as a configuration";
     }
-    if (qxReadFile(path.c_str(), kLargestStore, content)) {
-        store->entries = iniParse(content, path, complaints);
+    if (store->path == fresh.path && store->content == fresh.content) {
+        fresh.entries = store->entries; // nothing to be told twice
+        if (store->stamp == fresh.stamp) {
+            complaints.clear();
+        }
     } else {
-        complaints += path + ": can't be read as a configuration";
+        fresh.entries = iniParse(fresh.content, fresh.path, complaints);
     }
+    *store = std::move(fresh);
 }
 
 // The text of an entry, and the message that reading the store has left.

@@ -58,11 +58,8 @@ void qxOSGetConfigDir(char *buffer, int32_t create) {
     *buffer = 0;
     try {
         const std::string path = configDirectory();
-        if (path.empty() || path.size() + 1 >= QX_PATH_CAPACITY) {
-            return;
-        }
-        if (create == 0 || makeDirectory(path)) {
-            copyOut(path, buffer, QX_PATH_CAPACITY);
+        if (!path.empty() && copyOut(path, buffer, QX_PATH_CAPACITY) && create != 0 && !makeDirectory(path)) {
+            *buffer = 0;
         }
     } catch (const std::bad_alloc &) { // then there is no directory either
     }

@@ -2,6 +2,7 @@
 #include "platform.h"
 
 #include <cerrno>
+#include <ctime>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,26 +10,39 @@
 
 namespace {
 
+constexpr int64_t kNsPerSecond = 1'000'000'000;
+// The system's file times move in steps of up to 10 ms.
+constexpr int64_t kSettledAfterNs = 50'000'000;
+
+int64_t nanoseconds(const timespec &time) { return int64_t{time.tv_sec} * kNsPerSecond + time.tv_nsec; }
+
 QXFileStamp stampOf(const struct stat &status) {
-    constexpr int64_t kNsPerSecond = 1'000'000'000;
-    return {static_cast<uint64_t>(status.st_dev), static_cast<uint64_t>(status.st_ino),
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const int64_t changed = nanoseconds(status.st_ctim);
+    return {static_cast<uint64_t>(status.st_dev),
+            static_cast<uint64_t>(status.st_ino),
             static_cast<uint64_t>(status.st_size),
-            static_cast<int64_t>(status.st_mtim.tv_sec) * kNsPerSecond + status.st_mtim.tv_nsec, true};
+            nanoseconds(status.st_mtim),
+            changed,
+            true,
+            nanoseconds(now) - changed > kSettledAfterNs};
 }
 
+// Fills `content`, and cuts it to what there is: a file may have become shorter. False if the system fails.
 bool readAll(int file, std::string &content) {
     std::size_t done = 0;
-    while (done < content.size()) {
-        const ssize_t count = read(file, content.data() + done, content.size() - done);
+    ssize_t count = 1;
+    while (done < content.size() && count != 0) {
+        count = read(file, content.data() + done, content.size() - done);
         if (count > 0) {
             done += static_cast<std::size_t>(count);
-        } else if (count == 0 || errno != EINTR) {
-            break;
+        } else if (count < 0 && errno != EINTR) {
+            return false;
         }
     }
-    const bool whole = done == content.size(); // shorter: cut while we read; the next stamp will differ
     content.resize(done);
-    return whole;
+    return true;
 }
 
 } // namespace
@@ -46,12 +60,15 @@ bool qxReadFile(const char *path, std::size_t limit, std::string &content) {
         return false;
     }
     struct stat status {};
-    bool read =
+    const bool fits =
         fstat(file, &status) == 0 && S_ISREG(status.st_mode) && static_cast<uint64_t>(status.st_size) <= limit;
-    if (read) {
+    if (fits) {
         content.resize(static_cast<std::size_t>(status.st_size));
-        readAll(file, content);
     }
+    const bool whole = fits && readAll(file, content);
     close(file);
-    return read;
+    if (!whole) {
+        content.clear();
+    }
+    return whole;
 }

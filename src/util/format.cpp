@@ -164,45 +164,45 @@ void putInteger(Output &out, const Conversion &conversion, std::string_view pref
         std::transform(digits, end, digits, [](char c) { return c >= 'a' ? static_cast<char>(c - 32) : c; });
     }
     const auto count = static_cast<std::size_t>(end - digits);
-    const int zeros = conversion.precision >= 0 ? std::max(0, conversion.precision - static_cast<int>(count))
-                                                : zeroPadding(conversion, prefix.size(), count);
+    int zeros = conversion.precision >= 0 ? std::max(0, conversion.precision - static_cast<int>(count))
+                                          : zeroPadding(conversion, prefix.size(), count);
+    if (conversion.alternate && base == 8 && zeros == 0 && (count == 0 || digits[0] != '0')) {
+        zeros = 1; // an octal number begins with a zero then
+    }
     putField(out, conversion, prefix, zeros, {digits, count});
 }
 
-void putSigned(Output &out, const Conversion &conversion, Arguments &arguments) {
-    int64_t value = 0;
+// The next argument in the width that the conversion asks, brought to 64 bits.
+int64_t takeSigned(const Conversion &conversion, Arguments &arguments) {
     if (conversion.size == Width::wide) {
-        value = va_arg(arguments.list, int64_t);
-    } else {
-        value = va_arg(arguments.list, int32_t);
-        if (conversion.size == Width::small) {
-            value = static_cast<int16_t>(value);
-        } else if (conversion.size == Width::tiny) {
-            value = static_cast<int8_t>(value); // NOLINT(bugprone-signed-char-misuse): the sign is meant
-        }
+        return va_arg(arguments.list, int64_t);
     }
+    const int32_t value = va_arg(arguments.list, int32_t);
+    return conversion.size == Width::small  ? static_cast<int16_t>(value)
+           : conversion.size == Width::tiny ? static_cast<int8_t>(value)
+                                            : value;
+}
+
+uint64_t takeUnsigned(const Conversion &conversion, Arguments &arguments) {
+    const auto bits = static_cast<uint64_t>(takeSigned(conversion, arguments));
+    return conversion.size == Width::wide    ? bits
+           : conversion.size == Width::small ? static_cast<uint16_t>(bits)
+           : conversion.size == Width::tiny  ? static_cast<uint8_t>(bits)
+                                             : static_cast<uint32_t>(bits);
+}
+
+void putSigned(Output &out, const Conversion &conversion, Arguments &arguments) {
+    const int64_t value = takeSigned(conversion, arguments);
     const auto bits = static_cast<uint64_t>(value);
     putInteger(out, conversion, signOf(conversion, value < 0), value < 0 ? 0 - bits : bits, 10, false);
 }
 
 void putUnsigned(Output &out, const Conversion &conversion, Arguments &arguments) {
-    uint64_t value = 0;
-    if (conversion.size == Width::wide) {
-        value = va_arg(arguments.list, uint64_t);
-    } else {
-        value = va_arg(arguments.list, uint32_t);
-        if (conversion.size == Width::small) {
-            value = static_cast<uint16_t>(value);
-        } else if (conversion.size == Width::tiny) {
-            value = static_cast<uint8_t>(value);
-        }
-    }
-    const bool hex = conversion.kind == 'x' || conversion.kind == 'X';
-    std::string_view prefix;
-    if (conversion.alternate && value != 0) {
-        prefix = conversion.kind == 'x' ? "0x" : conversion.kind == 'X' ? "0X" : conversion.kind == 'o' ? "0" : "";
-    }
-    putInteger(out, conversion, prefix, value, hex ? 16 : conversion.kind == 'o' ? 8 : 10, conversion.kind == 'X');
+    const uint64_t value = takeUnsigned(conversion, arguments);
+    const char kind = conversion.kind;
+    const int base = kind == 'o' ? 8 : kind == 'u' ? 10 : 16;
+    const bool prefixed = conversion.alternate && value != 0 && base == 16;
+    putInteger(out, conversion, !prefixed ? "" : kind == 'x' ? "0x" : "0X", value, base, kind == 'X');
 }
 
 void putPointer(Output &out, Conversion conversion, Arguments &arguments) {

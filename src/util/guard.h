@@ -10,7 +10,7 @@
  *  The first section of the process takes over the system's fault handling for good: a fault of a thread that
  *  is in no section goes on to whoever handled it before. A handler that the host installs later gets every
  *  fault first, as the host wants it; those of guarded sections among them reach us only if it calls the one it
- *  replaced. So a read that must never end the process asks qxReadForeign first. Who does call the one it
+ *  replaced. So a read that must never end the process asks qxLookAtForeign first. Who does call the one it
  *  replaced has to be gone before the library is unloaded: ours goes with it. */
 #ifndef QXUTIL_GUARD_H
 #define QXUTIL_GUARD_H
@@ -27,11 +27,17 @@ template <class Body> bool qxGuarded(Body &&body) {
     return qxGuardRun([](void *context) { (*static_cast<Body *>(context))(); }, &body);
 }
 
-/** Reads `count` pieces of `size` bytes each, at `from[0]`, `from[1]`, ..., that may lie anywhere, mapped or
- *  not, into `to`, one behind the other, and stops at the first that can't be read. No fault is raised.
- *  @return pieces read; -1 if the system refuses the service, then nothing is known
+/** What a look at a word of memory that nobody vouches for has shown. */
+enum class ForeignWord {
+    unreadable, // or not mapped at all
+    differs,
+    looksEqual, // or the system refuses to look: the reader has to see for itself, in a guarded section
+};
+
+/** Compares the word at `address`, which may be any multiple of 4, with `expected`. The system reads it for us, so
+ *  no fault is raised, whatever signals the thread blocks and whoever handles them.
  *  @note One system call. */
-int qxReadForeign(const std::uintptr_t *from, int count, std::size_t size, void *to);
+ForeignWord qxLookAtForeign(std::uintptr_t address, std::uint32_t expected);
 
 /** Marks a function that reads memory which nobody vouches for. The sanitizers would report what is its
  *  purpose: to look where released blocks, other threads' blocks and red zones may lie. It reads through

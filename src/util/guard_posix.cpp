@@ -10,15 +10,15 @@
 #include "guard.h"
 
 #include <atomic>
+#include <cerrno>
 #include <csetjmp>
 #include <csignal>
-#include <cstdlib>
 #include <mutex>
 
-#include <cerrno>
 #include <cxxabi.h>
+#include <linux/futex.h>
 #include <pthread.h>
-#include <sys/uio.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
@@ -35,13 +35,16 @@ thread_local Section *volatile section __attribute__((tls_model("initial-exec"))
 constexpr int kFaults[] = {SIGSEGV, SIGBUS};
 constexpr int kFaultCount = 2;
 
-struct sigaction before[kFaultCount]; // what handled each fault before us; written once, before `armed`
+// What handled a fault before us; the action is written once, before `armed`.
+struct Earlier {
+    struct sigaction action;
+    mutable std::atomic<bool> used; // a one-shot handler has had its shot
+};
+Earlier earlierActions[kFaultCount];
 std::atomic<bool> armed = false;
 std::once_flag armOnce;
 
-struct sigaction &beforeOf(int fault) {
-    return before[fault == kFaults[0] ? 0 : 1];
-}
+Earlier &earlierOf(int fault) { return earlierActions[fault == kFaults[0] ? 0 : 1]; }
 
 // The default action, in the way that leaves the core dump and the exit status of the true cause.
 void dieOf(int fault, bool raisedBySystem) {
@@ -56,19 +59,18 @@ void dieOf(int fault, bool raisedBySystem) {
 // Runs the earlier handler as the system would have: its mask, its one-shot flag, its form.
 void passOn(int fault, siginfo_t *info, void *context) {
     const bool raisedBySystem = info->si_code > 0;
-    struct sigaction &earlier = beforeOf(fault);
-    const bool withInfo = (earlier.sa_flags & SA_SIGINFO) != 0;
-    if (!withInfo && earlier.sa_handler == SIG_IGN && !raisedBySystem) {
+    const Earlier &earlier = earlierOf(fault);
+    const struct sigaction &action = earlier.action;
+    const bool withInfo = (action.sa_flags & SA_SIGINFO) != 0;
+    const bool oneShot = (action.sa_flags & static_cast<int>(SA_RESETHAND)) != 0;
+    if (!withInfo && action.sa_handler == SIG_IGN && !raisedBySystem) {
         return;
     }
-    if (!withInfo && (earlier.sa_handler == SIG_DFL || earlier.sa_handler == SIG_IGN)) {
-        dieOf(fault, raisedBySystem); // the system doesn't let a fault of its own be ignored either
+    // The system doesn't let a fault of its own be ignored.
+    const bool defaultAction = !withInfo && (action.sa_handler == SIG_DFL || action.sa_handler == SIG_IGN);
+    if (defaultAction || (oneShot && earlier.used.exchange(true))) {
+        dieOf(fault, raisedBySystem);
         return;
-    }
-    const struct sigaction action = earlier;
-    if ((action.sa_flags & static_cast<int>(SA_RESETHAND)) != 0) {
-        earlier.sa_handler = SIG_DFL;
-        earlier.sa_flags &= ~(SA_SIGINFO | static_cast<int>(SA_RESETHAND));
     }
     sigset_t mask = action.sa_mask;
     sigset_t unmasked;
@@ -100,14 +102,18 @@ void onFault(int fault, siginfo_t *info, void *context) {
 }
 
 void arm() {
-    struct sigaction action {};
-    action.sa_sigaction = onFault;
-    // ONSTACK: a host's stack overflow must reach its handler. NODEFER: leaving by a jump leaves no mask behind.
-    action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
     for (int fault : kFaults) {
-        sigaction(fault, nullptr, &beforeOf(fault));
+        sigaction(fault, nullptr, &earlierOf(fault).action);
     }
     for (int fault : kFaults) {
+        const struct sigaction &earlier = earlierOf(fault).action;
+        struct sigaction action {};
+        action.sa_sigaction = onFault;
+        // ONSTACK: a host's stack overflow must reach its handler. NODEFER: a jump out leaves no mask behind.
+        action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER | (earlier.sa_flags & SA_RESTART);
+        if ((earlier.sa_flags & SA_SIGINFO) == 0 && earlier.sa_handler == SIG_IGN) {
+            action.sa_flags |= SA_RESTART; // an ignored signal interrupts nothing
+        }
         sigaction(fault, &action, nullptr);
     }
     armed.store(true, std::memory_order_release);
@@ -122,7 +128,7 @@ __attribute__((destructor(101))) void disarm() {
     for (int fault : kFaults) {
         struct sigaction now {};
         if (sigaction(fault, nullptr, &now) == 0 && (now.sa_flags & SA_SIGINFO) != 0 && now.sa_sigaction == onFault) {
-            sigaction(fault, &beforeOf(fault), nullptr);
+            sigaction(fault, &earlierOf(fault).action, nullptr);
         }
     }
 }
@@ -160,22 +166,16 @@ __attribute__((noinline)) bool qxGuardRun(void (*body)(void *), void *context) {
     return whole;
 }
 
-int qxReadForeign(const std::uintptr_t *from, int count, std::size_t size, void *to) {
-    constexpr int kMost = 32; // pieces of one call; more than any caller has
-    if (count <= 0 || count > kMost) {
-        return count == 0 ? 0 : -1;
-    }
-    struct iovec pieces[kMost];
-    for (int i = 0; i < count; ++i) {
-        pieces[i] = {reinterpret_cast<void *>(from[i]), size};
-    }
-    struct iovec whole = {to, static_cast<std::size_t>(count) * size};
+// The system's compare-and-requeue of sleepers looks at a word before it does anything, tells apart a word that
+// differs from one that can't be read, and has nothing to do for 0 sleepers. It needs no right that any program
+// lacks: every lock is made of such calls.
+ForeignWord qxLookAtForeign(std::uintptr_t address, std::uint32_t expected) {
+    static std::uint32_t nobodySleepsHere = 0;
     const int error = errno;
-    const ssize_t done = process_vm_readv(getpid(), &whole, 1, pieces, static_cast<unsigned long>(count), 0);
-    const bool unreadable = done < 0 && errno == EFAULT;
+    const long none = syscall(SYS_futex, address, FUTEX_CMP_REQUEUE_PRIVATE, 0, nullptr, &nobodySleepsHere, expected);
+    const int refusal = none < 0 ? errno : 0;
     errno = error;
-    if (done < 0) {
-        return unreadable ? 0 : -1;
-    }
-    return static_cast<int>(static_cast<std::size_t>(done) / size);
+    return refusal == EFAULT   ? ForeignWord::unreadable
+           : refusal == EAGAIN ? ForeignWord::differs
+                               : ForeignWord::looksEqual;
 }

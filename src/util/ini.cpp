@@ -15,9 +15,12 @@ std::string_view trim(std::string_view text) {
     return text.substr(start, text.find_last_not_of(kBlanks) - start + 1);
 }
 
+bool isComment(std::string_view text) { return text.empty() || text.front() == ';' || text.front() == '#'; }
+
+// Takes the quotes off, and a comment behind them. Without quotes a text goes to the end of its line.
 std::string_view unquote(std::string_view text) {
-    const bool quoted = text.size() >= 2 && text.front() == '"' && text.back() == '"';
-    return quoted ? text.substr(1, text.size() - 2) : text;
+    const std::size_t end = text.starts_with('"') ? text.find('"', 1) : std::string_view::npos;
+    return end != std::string_view::npos && isComment(trim(text.substr(end + 1))) ? text.substr(1, end - 1) : text;
 }
 
 void appendLower(std::string &to, std::string_view text) {
@@ -33,15 +36,16 @@ struct Parser {
 
     // False for a line that can't be understood.
     bool take(std::string_view line) {
-        if (line.empty() || line.front() == ';' || line.front() == '#') {
+        if (isComment(line)) {
             return true;
         }
         if (line.find('\0') != std::string_view::npos) {
             return false;
         }
         if (line.front() == '[') {
-            inSection = line.size() > 2 && line.back() == ']';
-            section = inSection ? trim(line.substr(1, line.size() - 2)) : std::string_view();
+            const std::size_t end = line.find(']');
+            inSection = end != std::string_view::npos && isComment(trim(line.substr(end + 1)));
+            section = inSection ? trim(line.substr(1, end - 1)) : std::string_view();
             return inSection;
         }
         const std::size_t equals = line.find('=');

@@ -14,14 +14,19 @@ const char *qxEnvironment(const char *name) noexcept;
 /** Appends `length` bytes to the log, through to the system, as one piece. */
 void qxLogWrite(const char *text, std::size_t length) noexcept;
 
-/** What tells one state of a file from another. Two equal stamps: nothing has changed. */
+/** What tells one state of a file from another. Two equal stamps: nothing has changed, if they are settled. */
 struct QXFileStamp {
     uint64_t qwDevice = 0;
     uint64_t qwFile = 0;
     uint64_t qwSize = 0;
-    int64_t qwTimeNs = 0;
-    bool bExists = false; // a regular file; all else counts as missing
-    bool operator==(const QXFileStamp &) const = default;
+    int64_t qwTimeNs = 0;   // of its content
+    int64_t qwChangeNs = 0; // of its content or of anything about it
+    bool bExists = false;   // a regular file; all else counts as missing
+    bool bSettled = true;   // false: so young that another change may still get the same times
+    bool operator==(const QXFileStamp &other) const {
+        return qwDevice == other.qwDevice && qwFile == other.qwFile && qwSize == other.qwSize &&
+               qwTimeNs == other.qwTimeNs && qwChangeNs == other.qwChangeNs && bExists == other.bExists;
+    }
 };
 
 QXFileStamp qxFileStamp(const char *path) noexcept;

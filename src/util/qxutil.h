@@ -24,7 +24,8 @@ extern "C" {
  *  Formats are printf's, with these fixed widths on every platform: %d %u %x %X %c and every form with `l`
  *  32 bits, `ll` and `I64` 64 bits, `I32` 32 bits, `h` and `hh` 16 and 8 bits of a 32-bit argument, `z` and
  *  `I` pointer-sized, %p a pointer as sixteen upper-case digits without a prefix, %s a string or null
- *  ("(null)"), %f %e %g a double. %n and anything unknown is printed as it stands and takes no argument.
+ *  ("(null)"), %f %e %g a double with at most 60 digits of precision and no `#` form. %n and anything unknown is
+ * printed as it stands and takes no argument.
  *  @{ */
 #define QX_STATUS 0x00000000u
 #define QX_CAUTION 0x40000000u
@@ -41,8 +42,8 @@ QXUTIL_API uint32_t ErrMsgOut(uint32_t status, const char *text, uintptr_t, uint
 
 /** Takes every message, already formatted, as its format has it (with or without a line feed at its end).
  *  Runs on the thread that logs, under no lock of QXUtil's, from several threads at once if they log at once.
- *  It may call the library and QXUtil. It may run while the library holds a lock, so it must not wait for
- *  another thread that is inside the library. */
+ *  It may call the library and QXUtil, and throws nothing. It may run while the library holds a lock, so it must not
+ * wait for another thread that is inside the library. */
 typedef void (*QXLogSink)(uint32_t severity, const char *message, void *context);
 /** Puts `sink` in place of the log; null restores the log. Calls of the old sink that have begun go on. */
 QXUTIL_API void qxSetLogSink(QXLogSink sink, void *context);
@@ -111,7 +112,8 @@ QXUTIL_API void qxOSGetConfigDir(char *buffer, int32_t create);
  *  A list lies in its user's record and has a lock of its own, which every operation on a list takes; who needs
  *  several operations as one holds it over them by d_ListLock. A node is the first three pointer words of a
  *  record, which may be aligned to 4 bytes only; lpList names the list that the node is on, null for none.
- *  d_ListNext and d_ListPrev take no lock: who walks keeps others from changing the list.
+ *  d_ListNext and d_ListPrev take no lock: who walks keeps others from changing the list. A list's lock guards its
+ *  nodes; which list a node is on may be asked and changed by one thread at a time, or under one list's lock.
  *  @{ */
 struct d_List;
 #pragma pack(push, 4)

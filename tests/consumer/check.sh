@@ -12,7 +12,7 @@ export PKG_CONFIG_PATH="$libraries/pkgconfig"
 cmake -S "$source" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
 cmake --build "$work/cmake" >/dev/null
 for program in cmake_c cmake_cpp cmake_c_static cmake_cpp_static; do
-  "$work/cmake/$program" | grep -qx 'consumer ok'
+  "$work/cmake/$program" 2>&1 | grep -qx 'consumer ok'
 done
 
 # shellcheck disable=SC2046  # the flags are words
@@ -23,7 +23,7 @@ c++ -std=c++20 -Wall -Wextra -Wpedantic -Werror "$source/consumer.cpp" -o "$work
 cc -std=c11 "$source/consumer.c" -o "$work/static" $(pkg-config --cflags brenvole) \
   "$libraries/libbrenvole.a" "$libraries/libqxutil.a" -lstdc++ -pthread
 for program in c cpp static; do
-  LD_LIBRARY_PATH=$libraries "$work/$program" | grep -qx 'consumer ok'
+  LD_LIBRARY_PATH=$libraries "$work/$program" 2>&1 | grep -qx 'consumer ok'
 done
 ldd "$work/static" | grep -q brenvole && exit 1
 echo "installed copy: 7 consumers ok"
