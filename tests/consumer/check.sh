@@ -9,7 +9,7 @@ cmake --install "$build" --prefix "$work/prefix" >/dev/null
 libraries=$(dirname "$(find "$work/prefix" -name libbrenvole.so)")
 export PKG_CONFIG_PATH="$libraries/pkgconfig"
 
-cmake -S "$source" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
+cmake -G Ninja -S "$source" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
 cmake --build "$work/cmake" >/dev/null
 for program in cmake_c cmake_cpp cmake_c_static cmake_cpp_static; do
   "$work/cmake/$program" 2>&1 | grep -qx 'consumer ok'
