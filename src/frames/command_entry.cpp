@@ -2,7 +2,6 @@
 #include "frames.h"
 
 #include "local/dfmem_lock.h"
-#include "util/unload.h"
 
 namespace brenvole {
 
@@ -25,7 +24,6 @@ uint64_t DFrameMemTrace(uint32_t command, int64_t param1, uintptr_t param2, PDFR
                         uint32_t line) {
     constexpr uint32_t kCommandBits = 0xFF;
     dfmemLockCreate(); // first, whatever the command
-    qxHookUnload();
     // The trace hooks in here, before the command runs.
     switch (command & kCommandBits) {
     case DFRAME_ALLOC: return commandAlloc(command, param1, param2, ppDF, msgarea, line);

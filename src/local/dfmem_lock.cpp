@@ -1,5 +1,7 @@
 #include "dfmem_lock.h"
 
+#include "util/unload.h"
+
 #include <atomic>
 #include <mutex>
 
@@ -20,6 +22,7 @@ void dfmemLockCreate() {
     }
     std::call_once(lockOnce, [] {
         qxOSInitializeCriticalSection(&dfmemLock);
+        qxHookUnload(); // there is something to be given back from now on
         lockReady.store(true, std::memory_order_release);
     });
 }

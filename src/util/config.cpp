@@ -53,7 +53,7 @@ void refresh(std::string &complaints) {
     fresh.stamp = fresh.path.empty() ? QXFileStamp{} : qxFileStamp(fresh.path.c_str());
     if (store == nullptr) {
         store = new Store;
-    } else if (store->path == fresh.path && store->stamp == fresh.stamp && fresh.stamp.bSettled) {
+    } else if (store->path == fresh.path && store->stamp == fresh.stamp && store->stamp.bSettled) {
         return;
     }
     if (fresh.stamp.bExists && !qxReadFile(fresh.path.c_str(), kLargestStore, fresh.content)) {

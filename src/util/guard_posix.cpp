@@ -38,7 +38,7 @@ constexpr int kFaultCount = 2;
 // What handled a fault before us; the action is written once, before `armed`.
 struct Earlier {
     struct sigaction action;
-    mutable std::atomic<bool> used; // a one-shot handler has had its shot
+    std::atomic<bool> used; // a one-shot handler has had its shot
 };
 Earlier earlierActions[kFaultCount];
 std::atomic<bool> armed = false;
@@ -59,7 +59,7 @@ void dieOf(int fault, bool raisedBySystem) {
 // Runs the earlier handler as the system would have: its mask, its one-shot flag, its form.
 void passOn(int fault, siginfo_t *info, void *context) {
     const bool raisedBySystem = info->si_code > 0;
-    const Earlier &earlier = earlierOf(fault);
+    Earlier &earlier = earlierOf(fault);
     const struct sigaction &action = earlier.action;
     const bool withInfo = (action.sa_flags & SA_SIGINFO) != 0;
     const bool oneShot = (action.sa_flags & static_cast<int>(SA_RESETHAND)) != 0;
