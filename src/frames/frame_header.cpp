@@ -2,6 +2,7 @@
 #include "frames.h"
 
 #include "local/dfmem_lock.h"
+#include "local/live_frames.h"
 #include "util/guard.h"
 #include "util/hold.h"
 
@@ -9,9 +10,6 @@
 #include <cstring>
 
 namespace brenvole {
-
-std::atomic<uint64_t> dframes = 0;
-std::atomic<uint64_t> dframe_bytes = 0;
 
 namespace {
 
@@ -42,6 +40,7 @@ void makeHeader(uint32_t recordSize, FrameBlock *volatile &block, PDFRAME volati
     dfmemCount<uint64_t>(dframe_bytes, recordSize);
     frame = &made->frame;
     qxOSLeaveCriticalSection(&dfmemLock);
+    liveFrameEnter(reinterpret_cast<uintptr_t>(&made->frame));
 }
 
 } // namespace
@@ -70,6 +69,7 @@ int32_t freePDFRAME(PDFRAME *ppDF, [[maybe_unused]] const char *msgarea, [[maybe
     }
     if (left == 0) {
         const uint32_t recordSize = block->frame.dwSize;
+        liveFrameLeave(reinterpret_cast<uintptr_t>(&block->frame));
         QXFree(block);
         const QXHold hold(dfmemLock);
         dfmemUncount<uint64_t>(dframes, 1);

@@ -4,9 +4,10 @@
 #ifndef BRENVOLE_FRAMES_H
 #define BRENVOLE_FRAMES_H
 
+#include "local/counters.h"
+
 #include <brenvole/dframe.h>
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -31,10 +32,6 @@ static_assert(offsetof(DFRAME, lpData) == 8428 && offsetof(DFRAME, dwBufferLengt
 static_assert(offsetof(DFRAME, dwBytesUsed) == 8440 && offsetof(DFRAME, qwTrailC) == 8444);
 static_assert(offsetof(DFRAME, dwTrailD) == 8452 && offsetof(DFRAME, wTrailJ) == 8476);
 static_assert(offsetof(FrameBlock, frame) == 4 && sizeof(FrameBlock) == 4 + DFRAME_SIZE);
-
-/** Live headers, and the sum of their record sizes. Changed under dfmemLock, read without it. */
-extern std::atomic<uint64_t> dframes;
-extern std::atomic<uint64_t> dframe_bytes;
 
 /** The heap over the pool; null as long as there is no pool. */
 extern ::DFHEAP *mainHeap;

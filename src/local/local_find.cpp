@@ -11,6 +11,7 @@
 #include "local_block.h"
 #include "local_heap.h"
 #include "util/guard.h"
+#include "util/spread.h"
 
 #include <array>
 
@@ -32,13 +33,7 @@ constexpr unsigned kLengthBits = 20; // more units than 32 bits of bytes hold; 4
 using Bucket = std::array<std::atomic<uint64_t>, kPlaces>;
 alignas(64) std::array<Bucket, std::size_t{1} << kBucketBits> notes; // two buckets to a cache line
 
-// Two rounds of multiplying and folding: blocks of one size stand at even distances, which one round doesn't spread.
-Bucket &bucketOf(uint64_t dataPiece) {
-    constexpr uint64_t kSpread = 0x9E3779B97F4A7C15; // 2^64 over the golden ratio
-    uint64_t hash = dataPiece * kSpread;
-    hash = (hash ^ (hash >> 32)) * kSpread;
-    return notes[hash >> (64 - kBucketBits)];
-}
+Bucket &bucketOf(uint64_t dataPiece) { return notes[qxSpread(dataPiece) >> (64 - kBucketBits)]; }
 
 // Length of the data that starts with this piece, in units of 8192 bytes, if we remember the block; else 0.
 uint64_t rememberedLength(uint64_t dataPiece) {

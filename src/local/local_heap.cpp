@@ -11,9 +11,6 @@
 
 namespace brenvole {
 
-std::atomic<uint64_t> local_allocs = 0;
-std::atomic<uint32_t> localBytes = 0;
-
 namespace {
 
 // What a block has beyond its data: room for the alignment and the descriptor area.

@@ -10,18 +10,12 @@
 #ifndef BRENVOLE_LOCAL_HEAP_H
 #define BRENVOLE_LOCAL_HEAP_H
 
+#include "counters.h"
 #include "phalloc.h"
 
 #include <brenvole/dframe.h>
 
-#include <atomic>
-
 namespace brenvole {
-
-/** Blocks in existence, the cached one included. Changed under dfmemLock, read without it. */
-extern std::atomic<uint64_t> local_allocs;
-/** Sum of their effective sizes, the cached one included; wraps at 32 bits. Changed under dfmemLock. */
-extern std::atomic<uint32_t> localBytes;
 
 /** Makes a block and stores its data pointer in pDF->lpData.
  *  @param size  bytes, not 0; above 0xFFFFA000 it is refused like a failed QXAlloc

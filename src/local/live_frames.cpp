@@ -1,0 +1,80 @@
+#include "live_frames.h"
+
+#include "util/guard.h"
+#include "util/spread.h"
+
+#include <brenvole/dframe.h>
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+
+namespace brenvole {
+
+namespace {
+
+// A place holds a frame's address, or 0. Frames are 4-aligned, so the lowest bit is free: set, somebody is reading
+// the frame, for some nanoseconds, and it must not go.
+constexpr uint64_t kPinned = 1;
+constexpr unsigned kBucketBits = 11; // 8192 places, 64 KiB
+constexpr unsigned kPlaces = 4;
+
+using Bucket = std::array<std::atomic<uint64_t>, kPlaces>;
+alignas(64) std::array<Bucket, std::size_t{1} << kBucketBits> frames;
+
+Bucket &bucketOf(uint64_t frame) { return frames[qxSpread(frame) >> (64 - kBucketBits)]; }
+
+// Bytes 16 to 19 of the frame, which its holder may be changing: whole at least, since they are 4-aligned.
+QX_READS_FOREIGN_MEMORY uint32_t linkWordOf(uint64_t frame) {
+    constexpr std::size_t kThirdWord = offsetof(DFRAME, lpLink) + 2 * sizeof(void *);
+    return *reinterpret_cast<const volatile uint32_t *>(frame + kThirdWord);
+}
+
+} // namespace
+
+void liveFrameEnter(uintptr_t frame) {
+    for (std::atomic<uint64_t> &place : bucketOf(frame)) {
+        uint64_t free = 0;
+        if (place.load(std::memory_order_relaxed) == 0 &&
+            place.compare_exchange_strong(free, frame, std::memory_order_release, std::memory_order_relaxed)) {
+            return;
+        }
+    }
+}
+
+void liveFrameLeave(uintptr_t frame) {
+    for (std::atomic<uint64_t> &place : bucketOf(frame)) {
+        if ((place.load(std::memory_order_relaxed) & ~kPinned) == frame) {
+            uint64_t seen = frame; // a reader puts this back when it is done
+            while (!place.compare_exchange_weak(seen, 0, std::memory_order_acquire, std::memory_order_relaxed)) {
+                seen = frame;
+            }
+            return;
+        }
+    }
+}
+
+uint32_t liveFrameLinkWord(uint64_t owner) {
+    if (owner == 0 || owner % alignof(DFRAME) != 0) {
+        return 0;
+    }
+    for (std::atomic<uint64_t> &place : bucketOf(owner)) {
+        uint64_t seen = owner;
+        // Another reader's pin is as good as none for us: it is gone in a moment.
+        while (!place.compare_exchange_weak(seen, owner | kPinned, std::memory_order_acquire,
+                                            std::memory_order_relaxed)) {
+            if ((seen & ~kPinned) != owner) {
+                break;
+            }
+            seen = owner;
+        }
+        if (seen == owner) {
+            const uint32_t word = linkWordOf(owner);
+            place.store(owner, std::memory_order_release);
+            return word;
+        }
+    }
+    return 0;
+}
+
+} // namespace brenvole

@@ -1,0 +1,186 @@
+// Carving a block out of the free segments.
+//
+// Small requests are served from the top of the region downwards, larger ones from the bottom upwards, so that the
+// two kinds gather at opposite ends with the free space between them: small blocks never stand in the middle of
+// what a picture needs. The search is first fit from the chosen end.
+#include "heap.h"
+
+#include "local/counters.h"
+#include "util/guard.h"
+
+namespace brenvole {
+
+namespace {
+
+// What the guarded work shares with the recovery from a fault. `record` is the new block's; until it stands on
+// AllocList it is ours alone.
+struct Carving {
+    DFHEAP *heap;
+    uint64_t size; // rounded
+    uint64_t owner;
+    PHALLOC *volatile segment = nullptr; // the one that is cut, once its fields have changed
+    PHALLOC *volatile record = nullptr;
+    volatile bool listLocked = false;
+    volatile bool whole = false; // the record is a segment that was taken off FreeList
+    volatile bool done = false;
+
+    bool fromBottom() const { return size > heap->qwSmallest; }
+};
+
+PHALLOC *findSegment(const Carving &carving) {
+    d_List *const list = &carving.heap->FreeList;
+    const bool upwards = carving.fromBottom();
+    d_ListNode *node = upwards ? d_ListHead(list) : d_ListTail(list);
+    while (node != nullptr && physRecord(node)->qwSize < carving.size) {
+        node = upwards ? d_ListNext(node) : d_ListPrev(node);
+    }
+    return physRecord(node);
+}
+
+// The cached figure is no longer sure if the segment was the largest, alone or tied.
+void noteCut(DFHEAP *heap, uint64_t was) {
+    if (heap->bLargestValid != 0 && was >= heap->qwLargestFree) {
+        heap->bLargestValid = 0;
+    }
+}
+
+// The segment's own record becomes the block's.
+bool takeWhole(Carving &carving, PHALLOC *segment) {
+    const uint64_t was = segment->qwSize;
+    d_ListNode *const node = d_ListRemove(&carving.heap->FreeList, &segment->Node);
+    if (node == nullptr) {
+        return false;
+    }
+    carving.whole = true;
+    carving.record = physRecord(node);
+    carving.record->pOwner = carving.owner;
+    carving.record->lRefCount = 1;
+    noteCut(carving.heap, was);
+    return true;
+}
+
+// FreeList locked. Moves one end of the segment into the new record; the segment keeps its place on the list.
+void cut(Carving &carving, PHALLOC *segment, PHALLOC *record) {
+    const uint64_t rest = segment->qwSize - carving.size;
+    const uint64_t skip = carving.fromBottom() ? 0 : rest;
+    record->qwOffset = segment->qwOffset + skip;
+    record->lpAddr = segment->lpAddr + skip;
+    record->qwSize = carving.size;
+    record->lRefCount = 1;
+    record->pOwner = carving.owner;
+    if (carving.fromBottom()) {
+        segment->qwOffset += carving.size;
+        segment->lpAddr += carving.size;
+    }
+    segment->qwSize = rest;
+    carving.segment = segment;
+    _DFHEAP_MarkChunks(carving.heap, record->lpAddr, record->qwSize, record);
+}
+
+bool split(Carving &carving, PHALLOC *segment) {
+    const uint64_t was = segment->qwSize;
+    auto *const record = static_cast<PHALLOC *>(QXAlloc(sizeof(PHALLOC)));
+    if (record == nullptr) {
+        ErrOut("No memory to allocate new PHALLOC (%d)", static_cast<uint32_t>(sizeof(PHALLOC)));
+        return false;
+    }
+    carving.record = record;
+    physInitRecord(record);
+    d_ListLock(&carving.heap->FreeList);
+    carving.listLocked = true;
+    cut(carving, segment, record);
+    noteCut(carving.heap, was);
+    carving.listLocked = false;
+    d_ListUnLock(&carving.heap->FreeList);
+    return true;
+}
+
+// The guarded part: search, cut, list, counter.
+void carve(Carving &carving) {
+    PHALLOC *const segment = findSegment(carving);
+    if (segment == nullptr) {
+        return;
+    }
+    const bool exact = segment->qwSize - carving.size < carving.heap->qwGranularity;
+    if (!(exact ? takeWhole(carving, segment) : split(carving, segment))) {
+        return;
+    }
+    d_ListAddTail(&carving.heap->AllocList, &carving.record->Node);
+    phys_allocs.fetch_add(1, std::memory_order_relaxed);
+    carving.done = true;
+}
+
+// Gives a cut end back to its segment.
+void undoCut(const Carving &carving) {
+    PHALLOC *const segment = carving.segment;
+    PHALLOC *const record = carving.record;
+    if (record->lpAddr < segment->lpAddr) {
+        segment->qwOffset = record->qwOffset;
+        segment->lpAddr = record->lpAddr;
+    }
+    segment->qwSize += record->qwSize;
+    _DFHEAP_MarkChunks(carving.heap, record->lpAddr, record->qwSize, segment);
+}
+
+// After a fault. The caller is told of an ordinary failure, so the block must not stay taken, nor a record be lost.
+void recover(Carving &carving) {
+    if (carving.listLocked) {
+        qxGuarded([&] { d_ListUnLock(&carving.heap->FreeList); });
+    }
+    PHALLOC *const record = carving.record;
+    if (record == nullptr) {
+        return;
+    }
+    if (record->Node.lpList == &carving.heap->AllocList) {
+        qxGuarded([&] { d_ListRemove(&carving.heap->AllocList, &record->Node); });
+    }
+    if (carving.whole) {
+        Placing placing{carving.heap, record};
+        qxGuarded([&] { _DFHEAP_PlaceFree(placing); });
+        physFinishPlacing(placing);
+        return;
+    }
+    if (carving.segment != nullptr) {
+        undoCut(carving);
+    }
+    qxGuarded([&] { QXFree(record); });
+}
+
+} // namespace
+
+uint64_t DFHEAP_AllocTrace(DFHEAP *heap, uint64_t *size, uint64_t owner, uint64_t *physOffset,
+                           [[maybe_unused]] const char *msgarea, [[maybe_unused]] uint32_t line) {
+    const uint64_t wanted = *size;
+    if (heap == nullptr) {
+        return 0;
+    }
+    if (wanted == 0) {
+        ErrOut("DFHEAP_Alloc called with zero size");
+        return 0;
+    }
+    if (!physRoundUp(*size, heap->qwGranularity)) {
+        return 0;
+    }
+    Carving carving{heap, *size, owner};
+    qxOSEnterCriticalSection(&heap->Lock);
+    if (!qxGuarded([&] { carve(carving); }) && !carving.done) {
+        recover(carving);
+    }
+    physAssertSound(heap);
+    qxOSLeaveCriticalSection(&heap->Lock);
+    // The trace writes its row here.
+    if (!carving.done) {
+        return 0;
+    }
+    const PHALLOC *const record = carving.record; // nobody else knows the block yet
+    if (physOffset != nullptr) {
+        *physOffset = record->qwOffset;
+    }
+    return record->lpAddr;
+}
+
+} // namespace brenvole
+
+uintptr_t DFHEAP_Alloc(DFHEAP *heap, uint64_t *size, uint64_t owner, uint64_t *physOffset) {
+    return brenvole::DFHEAP_AllocTrace(heap, size, owner, physOffset, nullptr, 0);
+}

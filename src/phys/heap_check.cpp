@@ -1,0 +1,118 @@
+// The rules of a heap (see heap.h), walked through. For tests and debug builds.
+#include "heap.h"
+
+#include <algorithm>
+#include <cassert>
+#include <vector>
+
+namespace brenvole {
+
+namespace {
+
+using Records = std::vector<const PHALLOC *>;
+
+// Records of a list; empty with a wrong count if it is torn.
+bool collect(d_List *list, Records &records) {
+    uint32_t count = 0;
+    for (d_ListNode *node = d_ListHead(list); node != nullptr; node = d_ListNext(node), ++count) {
+        if (node->lpList != list || count > d_ListCount(list)) {
+            return false;
+        }
+        records.push_back(physRecord(node));
+    }
+    return count == d_ListCount(list);
+}
+
+bool tiles(const DFHEAP *heap, Records all) {
+    std::sort(all.begin(), all.end(), [](const PHALLOC *a, const PHALLOC *b) { return a->lpAddr < b->lpAddr; });
+    uint64_t done = 0; // bytes covered from lpBase on
+    for (const PHALLOC *record : all) {
+        if (record->lpAddr - heap->lpBase != done || record->qwSize > heap->qwLength - done) {
+            return false;
+        }
+        done += record->qwSize;
+    }
+    return done == heap->qwLength;
+}
+
+bool ascends(const Records &segments) {
+    for (std::size_t i = 1; i < segments.size(); ++i) {
+        const PHALLOC *const low = segments[i - 1];
+        if (low->lpAddr >= segments[i]->lpAddr || segments[i]->lpAddr - low->lpAddr <= low->qwSize) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool mapHolds(const DFHEAP *heap, const Records &all) {
+    uint64_t named = 0;
+    for (const PHALLOC *record : all) {
+        const uint64_t first = (record->lpAddr - heap->lpBase) / heap->qwGranularity;
+        for (uint64_t i = first; i < first + record->qwSize / heap->qwGranularity; ++i, ++named) {
+            if (heap->ppChunkMap[i] != record) {
+                return false;
+            }
+        }
+    }
+    return named == heap->qwChunkCount;
+}
+
+uint64_t largest(const Records &segments) {
+    uint64_t size = 0;
+    for (const PHALLOC *segment : segments) {
+        size = std::max(size, segment->qwSize);
+    }
+    return size;
+}
+
+template <class Rule> bool all(const Records &records, const Rule &rule) {
+    return std::all_of(records.begin(), records.end(), rule);
+}
+
+} // namespace
+
+unsigned _DFHEAP_Check(DFHEAP *heap) {
+    Records blocks;
+    Records segments;
+    if (!collect(&heap->AllocList, blocks) || !collect(&heap->FreeList, segments)) {
+        return 1;
+    }
+    Records everything = blocks;
+    everything.insert(everything.end(), segments.begin(), segments.end());
+    if (!tiles(heap, everything)) {
+        return 1;
+    }
+    if (!all(everything, [heap](const PHALLOC *r) {
+            return r->qwOffset - heap->qwPhysOffset == r->lpAddr - heap->lpBase && r->pSelf == r;
+        })) {
+        return 2;
+    }
+    if (!all(everything,
+             [heap](const PHALLOC *r) { return r->qwSize != 0 && r->qwSize % heap->qwGranularity == 0; })) {
+        return 3;
+    }
+    if (!ascends(segments)) {
+        return 4;
+    }
+    if (!all(blocks, [](const PHALLOC *r) { return r->lRefCount >= 1; })) {
+        return 5;
+    }
+    if (heap->ppChunkMap != nullptr && !mapHolds(heap, everything)) {
+        return 6;
+    }
+    return heap->bLargestValid != 0 && heap->qwLargestFree != largest(segments) ? 7 : 0;
+}
+
+#ifndef NDEBUG
+void physAssertSound(DFHEAP *heap) {
+    constexpr uint64_t kQuicklyWalked = 4096; // granules; larger heaps are checked by tests alone
+    constexpr unsigned kCounts = 5;           // a count that a caller has spoilt is reported, in every build
+    if (heap->qwLength / heap->qwGranularity <= kQuicklyWalked) {
+        [[maybe_unused]] const unsigned broken = _DFHEAP_Check(heap);
+        assert(broken == 0 || broken == kCounts);
+    }
+}
+#endif
+
+} // namespace brenvole
