@@ -2,8 +2,6 @@
 
 #include "util/qxutil.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -64,10 +62,4 @@ void onThreads(int count, const std::function<void(int)> &body) {
     std::vector<std::thread> threads;
     for (int i = 0; i < count; ++i) { threads.emplace_back(body, i); }
     for (std::thread &thread : threads) { thread.join(); }
-}
-
-int main(int count, char **arguments) {
-    testing::InitGoogleTest(&count, arguments);
-    GTEST_FLAG_SET(death_test_style, "threadsafe"); // a death test is a process of its own, from its start
-    return RUN_ALL_TESTS();
 }
