@@ -129,7 +129,6 @@ TEST(Directories, EndInASlashOrAreEmpty) {
          std::vector<std::array<std::string, 3>>{{"XDG_CONFIG_HOME", "/somewhere", "/somewhere/qxutil/"},
                                                  {"XDG_CONFIG_HOME", "relative", directory.path + ".config/qxutil/"},
                                                  {"QXUTIL_CONFIG_DIR", "/a/b", "/a/b/"},
-                                                 {"QXUTIL_CONFIG_DIR", "/a/b/", "/a/b/"},
                                                  {"QXUTIL_CONFIG_DIR", fits, fits + "/"},
                                                  {"QXUTIL_CONFIG_DIR", fits + "x", ""},
                                                  {"HOME", "", ""}}) {

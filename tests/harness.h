@@ -6,6 +6,7 @@
 #include "util/qxutil.h"
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -62,6 +63,13 @@ struct LogCapture {
 };
 
 using Texts = std::vector<std::string>;
+
+// As messages print an address.
+inline std::string hex16(uint64_t address) {
+    char text[17];
+    std::snprintf(text, sizeof text, "%016lX", static_cast<unsigned long>(address));
+    return text;
+}
 
 // Runs body(0) to body(count - 1) at once, to their end.
 void onThreads(int count, const std::function<void(int)> &body);

@@ -75,13 +75,9 @@ struct Model {
         }
         segments[addr] = size;
     }
-    uint64_t sum(bool free) const {
+    uint64_t free() const {
         uint64_t all = 0;
-        if (free) {
-            for (const auto &[addr, size] : segments) { all += size; }
-            return all;
-        }
-        for (const auto &[addr, block] : blocks) { all += block.size; }
+        for (const auto &[addr, size] : segments) { all += size; }
         return all;
     }
     uint64_t largest() const {
@@ -185,24 +181,16 @@ struct Run {
         return expect(got == 0, "swap");
     }
     bool step() {
-        switch (input.next() % 8) {
-        case 0:
-        case 1:
-        case 2: return alloc();
-        case 3:
-        case 4: return free();
-        case 5: return share();
-        case 6: return look();
-        default: return swap();
-        }
+        const uint64_t choice = input.next() % 8;
+        return choice < 3 ? alloc() : choice < 5 ? free() : choice == 5 ? share() : choice == 6 ? look() : swap();
     }
     bool agrees() {
         uint32_t blocks = 0, segments = 0;
         DFHEAP_State(heap, &blocks, &segments);
         return expect(blocks == model.blocks.size() && segments == model.segments.size(), "state") &&
                expect(DFHEAP_LargestAvail(heap) == model.largest(), "largest") &&
-               expect(DFHEAP_TotalFree(heap) == model.sum(true), "free bytes") &&
-               expect(DFHEAP_TotalUsed(heap) == model.sum(false), "used bytes") &&
+               expect(DFHEAP_TotalFree(heap) == model.free(), "free bytes") &&
+               expect(DFHEAP_TotalUsed(heap) == model.length - model.free(), "used bytes") &&
                expect(_DFHEAP_Check(heap) == 0, "a rule of the heap is broken");
     }
 };

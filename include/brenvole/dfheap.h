@@ -67,15 +67,16 @@ BRENVOLE_API int32_t DFHEAP_Lock(DFHEAP *heap, int32_t lock);
  *                     alone if the rounding would pass 2^64 - 1. Not null.
  *  @param owner       any value, handed back by DFHEAP_AddRef and DFHEAP_Free
  *  @param physOffset  out, may be null: physical offset of the block; written on success only
- *  @return the block's address, or 0: null heap, zero size (reported), nothing large enough, or no memory for a
- *          record (reported) */
+ *  @return the block's address, or 0: null heap, zero size (reported), nothing large enough, no memory for a
+ *          record (reported), or a fault that was caught on the way: then nothing has been taken */
 BRENVOLE_API uintptr_t DFHEAP_Alloc(DFHEAP *heap, uint64_t *size, uint64_t owner, uint64_t *physOffset);
 
 /** Drops one reference on the block that holds `addr`; the last one releases the block.
  *  @param addr   any address inside the block, not only its first byte
  *  @param owner  out, may be null: owner of the block that was released, else 0; not written for a null heap or addr
- *  @return references left; 0 after a release, or if no block holds addr (owner tells which); -1 for a null heap, a
- *          null addr or a corrupt count (both reported) */
+ *  @return references left; 0 after a release, if no block holds addr (owner tells which), or after a fault that
+ *          was caught; -1 for a null heap, a null addr or a corrupt count (both reported), and if a merge would
+ *          pass 2^64, which can't happen inside one region: then the block is released all the same */
 BRENVOLE_API int32_t DFHEAP_Free(DFHEAP *heap, uintptr_t addr, uint64_t *owner);
 
 /** Adds one reference to the block that holds `addr`.
@@ -84,6 +85,7 @@ BRENVOLE_API int32_t DFHEAP_Free(DFHEAP *heap, uintptr_t addr, uint64_t *owner);
 BRENVOLE_API int32_t DFHEAP_AddRef(DFHEAP *heap, uintptr_t addr, uint64_t *owner);
 
 /** Tells how far an address lies inside its block.
+ *  @param heap   may be null
  *  @param pAddr  in: the address; may be null or hold 0
  *  @return low 32 bits of the distance; 0 for the block's first byte, and if no block holds the address */
 BRENVOLE_API uint32_t DFHEAP_FindAlloc(DFHEAP *heap, const uintptr_t *pAddr);

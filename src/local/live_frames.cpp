@@ -8,6 +8,7 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
+#include <span>
 
 namespace brenvole {
 
@@ -16,13 +17,14 @@ namespace {
 // A place holds a frame's address, or 0. Frames are 4-aligned, so the lowest bit is free: set, somebody is reading
 // the frame, for some nanoseconds, and it must not go.
 constexpr uint64_t kPinned = 1;
-constexpr unsigned kBucketBits = 11; // 8192 places, 64 KiB
-constexpr unsigned kPlaces = 4;
+constexpr unsigned kPlaceBits = 14; // 128 KiB; pages of it that no frame needs are never touched
+constexpr std::size_t kReach = 32;  // places, from a frame's own on, in which it may stand: some 12000 frames
+                                    // before the first finds none
+std::array<std::atomic<uint64_t>, (std::size_t{1} << kPlaceBits) + kReach> places;
 
-using Bucket = std::array<std::atomic<uint64_t>, kPlaces>;
-alignas(64) std::array<Bucket, std::size_t{1} << kBucketBits> frames;
-
-Bucket &bucketOf(uint64_t frame) { return frames[qxSpread(frame) >> (64 - kBucketBits)]; }
+std::span<std::atomic<uint64_t>> placesOf(uint64_t frame) {
+    return std::span(places).subspan(qxSpread(frame) >> (64 - kPlaceBits), kReach);
+}
 
 // Bytes 16 to 19 of the frame, which its holder may be changing: whole at least, since they are 4-aligned.
 QX_READS_FOREIGN_MEMORY uint32_t linkWordOf(uint64_t frame) {
@@ -33,7 +35,7 @@ QX_READS_FOREIGN_MEMORY uint32_t linkWordOf(uint64_t frame) {
 } // namespace
 
 void liveFrameEnter(uintptr_t frame) {
-    for (std::atomic<uint64_t> &place : bucketOf(frame)) {
+    for (std::atomic<uint64_t> &place : placesOf(frame)) {
         uint64_t free = 0;
         if (place.load(std::memory_order_relaxed) == 0 &&
             place.compare_exchange_strong(free, frame, std::memory_order_release, std::memory_order_relaxed)) {
@@ -43,7 +45,7 @@ void liveFrameEnter(uintptr_t frame) {
 }
 
 void liveFrameLeave(uintptr_t frame) {
-    for (std::atomic<uint64_t> &place : bucketOf(frame)) {
+    for (std::atomic<uint64_t> &place : placesOf(frame)) {
         if ((place.load(std::memory_order_relaxed) & ~kPinned) == frame) {
             uint64_t seen = frame; // a reader puts this back when it is done
             while (!place.compare_exchange_weak(seen, 0, std::memory_order_acquire, std::memory_order_relaxed)) {
@@ -58,7 +60,7 @@ uint32_t liveFrameLinkWord(uint64_t owner) {
     if (owner == 0 || owner % alignof(DFRAME) != 0) {
         return 0;
     }
-    for (std::atomic<uint64_t> &place : bucketOf(owner)) {
+    for (std::atomic<uint64_t> &place : placesOf(owner)) {
         uint64_t seen = owner;
         // Another reader's pin is as good as none for us: it is gone in a moment.
         while (!place.compare_exchange_weak(seen, owner | kPinned, std::memory_order_acquire,

@@ -7,6 +7,7 @@
 
 #include "local/counters.h"
 #include "util/guard.h"
+#include "util/hold.h"
 
 namespace brenvole {
 
@@ -47,14 +48,15 @@ void noteCut(DFHEAP *heap, uint64_t was) {
 // The segment's own record becomes the block's.
 bool takeWhole(Carving &carving, PHALLOC *segment) {
     const uint64_t was = segment->qwSize;
-    d_ListNode *const node = d_ListRemove(&carving.heap->FreeList, &segment->Node);
-    if (node == nullptr) {
+    physTouchAround(&segment->Node);
+    carving.whole = true;
+    carving.record = segment; // from here on, should the list let it go and fault
+    if (d_ListRemove(&carving.heap->FreeList, &segment->Node) == nullptr) {
+        carving.record = nullptr;
         return false;
     }
-    carving.whole = true;
-    carving.record = physRecord(node);
-    carving.record->pOwner = carving.owner;
-    carving.record->lRefCount = 1;
+    segment->pOwner = carving.owner;
+    segment->lRefCount = 1;
     noteCut(carving.heap, was);
     return true;
 }
@@ -105,7 +107,11 @@ void carve(Carving &carving) {
     if (!(exact ? takeWhole(carving, segment) : split(carving, segment))) {
         return;
     }
+    physTouchTail(&carving.heap->AllocList);
     d_ListAddTail(&carving.heap->AllocList, &carving.record->Node);
+    if (!physStandsOn(carving.record, &carving.heap->AllocList)) {
+        return;
+    }
     phys_allocs.fetch_add(1, std::memory_order_relaxed);
     carving.done = true;
 }
@@ -122,7 +128,8 @@ void undoCut(const Carving &carving) {
     _DFHEAP_MarkChunks(carving.heap, record->lpAddr, record->qwSize, segment);
 }
 
-// After a fault. The caller is told of an ordinary failure, so the block must not stay taken, nor a record be lost.
+// After a fault, or where AllocList hasn't taken the record. The caller is told of an ordinary failure, so the block
+// must not stay taken, nor a record be lost.
 void recover(Carving &carving) {
     if (carving.listLocked) {
         qxGuarded([&] { d_ListUnLock(&carving.heap->FreeList); });
@@ -131,8 +138,11 @@ void recover(Carving &carving) {
     if (record == nullptr) {
         return;
     }
-    if (record->Node.lpList == &carving.heap->AllocList) {
+    if (physStandsOn(record, &carving.heap->AllocList)) {
         qxGuarded([&] { d_ListRemove(&carving.heap->AllocList, &record->Node); });
+    }
+    if (carving.whole && physStandsOn(record, &carving.heap->FreeList)) { // it hasn't left
+        return;
     }
     if (carving.whole) {
         Placing placing{carving.heap, record};
@@ -162,12 +172,14 @@ uint64_t DFHEAP_AllocTrace(DFHEAP *heap, uint64_t *size, uint64_t owner, uint64_
         return 0;
     }
     Carving carving{heap, *size, owner};
-    qxOSEnterCriticalSection(&heap->Lock);
-    if (!qxGuarded([&] { carve(carving); }) && !carving.done) {
-        recover(carving);
+    {
+        const QXHold hold(heap->Lock);
+        if (qxGuarded([&] { carve(carving); }) && (carving.done || carving.record == nullptr)) {
+            physAssertSound(heap);
+        } else if (!carving.done) {
+            recover(carving);
+        }
     }
-    physAssertSound(heap);
-    qxOSLeaveCriticalSection(&heap->Lock);
     // The trace writes its row here.
     if (!carving.done) {
         return 0;

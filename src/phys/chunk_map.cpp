@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include <strings.h>
 
@@ -60,9 +61,8 @@ void _DFHEAP_RebuildChunkMap(DFHEAP *heap, PHALLOC *desc) {
     const uint64_t wanted = _DFHEAP_UseListSearch() == 1 ? 0 : chunks;
     if (heap->ppChunkMap == nullptr || heap->qwChunkCount != wanted) {
         if (heap->ppChunkMap != nullptr) {
-            QXFree(heap->ppChunkMap);
-            heap->ppChunkMap = nullptr;
             heap->qwChunkCount = 0;
+            QXFree(std::exchange(heap->ppChunkMap, nullptr));
         }
         if (wanted != 0) {
             const auto bytes = static_cast<uint32_t>(wanted * sizeof(PHALLOC *));

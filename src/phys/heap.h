@@ -5,11 +5,11 @@
  *    H1  The two lists cover lpBase to lpBase + qwLength, each byte once.
  *    H2  Offset and address move together: qwOffset - qwPhysOffset is lpAddr - lpBase in every record.
  *    H3  Every qwSize is a multiple of the granule, and not 0.
- *    H4  FreeList ascends by address, and its neighbours don't touch (but for a merge that was refused, which
- *        can't happen inside one region).
+ *    H4  FreeList ascends by address (but for a merge that was refused, which can't happen inside one region).
  *    H5  A record on AllocList has at least one reference.
  *    H6  Each entry of the chunk map names the record that covers its granule.
  *    H7  If bLargestValid is set, qwLargestFree is the size of the largest segment.
+ *    H8  Neighbours on FreeList don't touch (but for one that its list wouldn't let go).
  *
  *  Locks: Lock first, then a list's lock, never the other way round, and never both list locks. A worker with a
  *  leading underscore runs with Lock held unless it says otherwise. */
@@ -100,6 +100,9 @@ struct Placing {
     DFHEAP *heap;
     PHALLOC *volatile loose = nullptr;   // the record, as long as it is on no list and not part of a segment
     PHALLOC *volatile segment = nullptr; // then: itself on FreeList, or the segment that it has become part of
+    PHALLOC *volatile low = nullptr;     // two neighbours that are being joined, the upper one leaving its list
+    PHALLOC *volatile high = nullptr;
+    PHALLOC *volatile spent = nullptr; // a record whose range is a segment's now, to be stamped and given back
     volatile bool listLocked = false;
 };
 
@@ -108,8 +111,17 @@ struct Placing {
  *  @return 0, or -1 if a merge was refused: then it stands on FreeList all the same */
 int32_t _DFHEAP_PlaceFree(Placing &placing);
 
-/** After a fault: gives the list's lock back, and brings the record to its place after all. Lock held. */
+/** After a fault, or where a list hasn't taken the record: gives the list's lock back, and brings the record to its
+ *  place after all. Lock held. */
 void physFinishPlacing(Placing &placing);
+
+/** Reads the records on both sides of a node, or at the end of a list. What can't be read faults here, where no list
+ *  is locked, and not inside the list operation that follows. In guarded sections only. */
+void physTouchAround(d_ListNode *node);
+void physTouchTail(d_List *list);
+
+/** True if the record stands on the list. Lists tell so in the node; not all of their operations have a result. */
+inline bool physStandsOn(const PHALLOC *record, const d_List *list) { return record->Node.lpList == list; }
 
 /** @name Chunk map and lookup
  *  @{ */

@@ -179,6 +179,7 @@ void DFHEAP_Destroy(DFHEAP *heap) {
         return;
     }
     qxOSDeleteCriticalSection(&heap->Lock); // nobody else is in the family for this heap
+    // The trace lists what is outstanding here.
     releaseAll(&heap->FreeList, [](const PHALLOC *) {});
     releaseAll(&heap->AllocList, [](const PHALLOC *leak) {
         ErrOut("\nMemory found not free'ed size %d", static_cast<uint32_t>(leak->qwSize));

@@ -25,6 +25,18 @@ constexpr char kFreeTitle[] = "\nFreeList: ";
 
 std::atomic<uint32_t> lastDumpMs = 0; // one for all heaps
 
+// Holds a list's lock for a scope.
+class ListHold {
+  public:
+    explicit ListHold(d_List *list) : list_(list) { d_ListLock(list_); }
+    ~ListHold() { d_ListUnLock(list_); }
+    ListHold(const ListHold &) = delete;
+    ListHold &operator=(const ListHold &) = delete;
+
+  private:
+    d_List *list_;
+};
+
 struct Dump {
     DFHEAP *heap;
     d_List *list;
@@ -65,9 +77,8 @@ void _DFHEAP_DumpOne(DFHEAP *heap, d_List *list, const char *title) {
     Dump dump{heap, list, {}};
     std::strcpy(dump.line, title);
     const QXHold hold(heap->Lock);
-    d_ListLock(list);
+    const ListHold listHold(list);
     qxGuarded([&] { walk(dump); });
-    d_ListUnLock(list);
 }
 
 } // namespace

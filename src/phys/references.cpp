@@ -54,6 +54,7 @@ int32_t DFHEAP_AddRefTrace(DFHEAP *heap, uint64_t addr, uint64_t *owner, [[maybe
                reinterpret_cast<void *>(record->lpAddr));
         return -1;
     }
+    // The trace writes its row here, as the others below do on their ways out.
     qxOSInterlockedIncrement(&record->lRefCount);
     if (owner != nullptr) {
         *owner = record->pOwner; // who allocated it, still

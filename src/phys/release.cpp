@@ -3,6 +3,7 @@
 
 #include "local/counters.h"
 #include "util/guard.h"
+#include "util/hold.h"
 
 namespace brenvole {
 
@@ -25,7 +26,15 @@ bool touches(uint64_t lowAddr, uint64_t lowSize, uint64_t highAddr) {
 
 bool wouldOverflow(const PHALLOC *one, const PHALLOC *other) { return one->qwSize > UINT64_MAX - other->qwSize; }
 
-enum class Walk { placed, refused };
+enum class Walk { placed, refused, notTaken };
+
+// Stamps the range of a record that has become part of `segment`, and gives the record back.
+void giveBackSpent(Placing &placing, PHALLOC *segment) {
+    PHALLOC *const record = placing.spent;
+    _DFHEAP_MarkChunks(placing.heap, record->lpAddr, record->qwSize, segment);
+    placing.spent = nullptr; // not twice, should QXFree fault
+    QXFree(record);
+}
 
 // Adds the loose record to the segment on the list that it touches, above it or below it. The record goes.
 Walk join(Placing &placing, PHALLOC *segment, bool recordIsBelow) {
@@ -40,15 +49,18 @@ Walk join(Placing &placing, PHALLOC *segment, bool recordIsBelow) {
     }
     segment->qwSize += record->qwSize;
     placing.segment = segment;
+    placing.spent = record;
     placing.loose = nullptr;
     unlockFreeList(placing);
-    _DFHEAP_MarkChunks(placing.heap, record->lpAddr, record->qwSize, segment);
-    QXFree(record);
+    giveBackSpent(placing, segment);
     return Walk::placed;
 }
 
-// The loose record stands on the list now.
+// The loose record should stand on the list now.
 Walk stands(Placing &placing) {
+    if (!physStandsOn(placing.loose, &placing.heap->FreeList)) {
+        return Walk::notTaken;
+    }
     placing.segment = placing.loose;
     placing.loose = nullptr;
     return Walk::placed;
@@ -75,11 +87,13 @@ Walk mergeWalk(Placing &placing) {
             return join(placing, cur, false);
         }
         if (prev->lpAddr < addr && cur->lpAddr > addr) { // never at the head, where prev is cur
+            physTouchAround(&prev->Node);
             d_ListInsert(list, &prev->Node, &record->Node);
             return stands(placing);
         }
         prev = cur;
     }
+    physTouchTail(list);
     if (addr >= prev->lpAddr) {
         d_ListAddTail(list, &record->Node);
     } else {
@@ -88,18 +102,25 @@ Walk mergeWalk(Placing &placing) {
     return stands(placing);
 }
 
-// Adds `high` to `low`, its neighbour on FreeList that it touches; `high` goes. It leaves the list before its range
-// is counted elsewhere: a list that won't let it go keeps both as they are.
+// Adds `high` to `low`, its neighbour on FreeList that it touches; `high` goes. A list that won't let it go keeps
+// both as they were.
 Walk joinNeighbours(Placing &placing, PHALLOC *low, PHALLOC *high) {
     if (wouldOverflow(low, high)) {
         return Walk::refused;
     }
+    physTouchAround(&high->Node);
     lockFreeList(placing);
-    if (d_ListRemove(&placing.heap->FreeList, &high->Node) != nullptr) {
-        low->qwSize += high->qwSize;
+    placing.low = low;
+    placing.high = high;
+    low->qwSize += high->qwSize;
+    const bool left = d_ListRemove(&placing.heap->FreeList, &high->Node) != nullptr;
+    placing.high = nullptr;
+    if (left) {
         placing.segment = low;
-        _DFHEAP_MarkChunks(placing.heap, high->lpAddr, high->qwSize, low);
-        QXFree(high);
+        placing.spent = high;
+        giveBackSpent(placing, low);
+    } else {
+        low->qwSize -= high->qwSize;
     }
     unlockFreeList(placing);
     return Walk::placed;
@@ -131,11 +152,15 @@ void physUncountAlloc() {
 
 int32_t _DFHEAP_PlaceFree(Placing &placing) {
     DFHEAP *const heap = placing.heap;
-    if (placing.loose != nullptr && mergeWalk(placing) == Walk::refused) {
+    const Walk walked = placing.loose != nullptr ? mergeWalk(placing) : Walk::placed;
+    if (walked == Walk::refused) {
         heap->bLargestValid = 0;
         d_ListAddTail(&heap->FreeList, &placing.loose->Node); // whatever its address
         stands(placing);
         return -1;
+    }
+    if (walked == Walk::notTaken) {
+        return 0;
     }
     if (neighbourStep(placing) == Walk::refused) {
         heap->bLargestValid = 0;
@@ -147,12 +172,34 @@ int32_t _DFHEAP_PlaceFree(Placing &placing) {
     return 0;
 }
 
+namespace {
+
+// Two neighbours whose joining a fault has stopped: undone if the upper one is still listed, else brought to its end.
+void finishJoining(Placing &placing) {
+    PHALLOC *const high = placing.high;
+    placing.high = nullptr;
+    if (physStandsOn(high, &placing.heap->FreeList)) {
+        placing.low->qwSize -= high->qwSize;
+        return;
+    }
+    placing.segment = placing.low;
+    placing.spent = high;
+}
+
+} // namespace
+
 void physFinishPlacing(Placing &placing) {
+    if (placing.high != nullptr) {
+        finishJoining(placing);
+    }
     if (placing.listLocked) {
         qxGuarded([&] { unlockFreeList(placing); });
     }
-    if (placing.loose != nullptr && placing.loose->Node.lpList == &placing.heap->FreeList) {
-        stands(placing); // the fault came behind the linking
+    if (placing.spent != nullptr) {
+        qxGuarded([&] { giveBackSpent(placing, placing.segment); });
+    }
+    if (placing.loose != nullptr) {
+        stands(placing); // if the fault came behind the linking
     }
     if (placing.loose != nullptr || placing.segment != nullptr) {
         qxGuarded([&] { _DFHEAP_PlaceFree(placing); });
@@ -162,16 +209,41 @@ void physFinishPlacing(Placing &placing) {
     }
 }
 
+void physTouchAround(d_ListNode *node) {
+    d_ListPrev(d_ListNext(node));
+    d_ListNext(d_ListPrev(node));
+}
+
+void physTouchTail(d_List *list) { d_ListPrev(d_ListTail(list)); }
+
 namespace {
 
+struct Freeing {
+    Placing placing;
+    uint64_t *owner;
+    PHALLOC *volatile record = nullptr; // leaving AllocList, or gone from it
+    volatile int32_t result = 0;
+};
+
+// The block has left AllocList: its owner is told, and it no longer counts. The trace writes its row here.
+void noteReleased(Freeing &freeing) {
+    if (freeing.owner != nullptr) {
+        *freeing.owner = freeing.record->pOwner;
+    }
+    physUncountAlloc();
+    freeing.placing.loose = freeing.record;
+    freeing.record = nullptr;
+}
+
 // Lock held. Drops one reference; the last one releases the block.
-int32_t _DFHEAP_ActualFree(Placing &placing, uint64_t addr, uint64_t *owner) {
-    DFHEAP *const heap = placing.heap;
-    if (owner != nullptr) {
-        *owner = 0;
+int32_t _DFHEAP_ActualFree(Freeing &freeing, uint64_t addr, [[maybe_unused]] const char *msgarea,
+                           [[maybe_unused]] uint32_t line) {
+    DFHEAP *const heap = freeing.placing.heap;
+    if (freeing.owner != nullptr) {
+        *freeing.owner = 0;
     }
     PHALLOC *const record = _DFHEAP_FindAlloc(heap, addr);
-    if (record == nullptr) {
+    if (record == nullptr) { // The trace tells it here, as it does each way out below.
         return 0;
     }
     if (record->lRefCount < 1) {
@@ -183,21 +255,27 @@ int32_t _DFHEAP_ActualFree(Placing &placing, uint64_t addr, uint64_t *owner) {
         qxOSInterlockedDecrement(&record->lRefCount);
         return record->lRefCount;
     }
+    physTouchAround(&record->Node);
+    freeing.record = record;
     if (d_ListRemove(&heap->AllocList, &record->Node) == nullptr) {
+        freeing.record = nullptr;
         return 0;
     }
-    placing.loose = record;
-    if (owner != nullptr) {
-        *owner = record->pOwner;
+    noteReleased(freeing);
+    return _DFHEAP_PlaceFree(freeing.placing);
+}
+
+// After a fault: a block that had left AllocList is released to its end, one that hadn't stays a block.
+void recover(Freeing &freeing) {
+    if (freeing.record != nullptr && !physStandsOn(freeing.record, &freeing.placing.heap->AllocList)) {
+        noteReleased(freeing);
     }
-    physUncountAlloc();
-    return _DFHEAP_PlaceFree(placing);
+    physFinishPlacing(freeing.placing);
 }
 
 } // namespace
 
-int32_t DFHEAP_FreeTrace(DFHEAP *heap, uint64_t addr, uint64_t *owner, [[maybe_unused]] const char *msgarea,
-                         [[maybe_unused]] uint32_t line) {
+int32_t DFHEAP_FreeTrace(DFHEAP *heap, uint64_t addr, uint64_t *owner, const char *msgarea, uint32_t line) {
     if (heap == nullptr) {
         return -1;
     }
@@ -205,17 +283,19 @@ int32_t DFHEAP_FreeTrace(DFHEAP *heap, uint64_t addr, uint64_t *owner, [[maybe_u
         ErrOut("DFHEAP_Free called with NULL memory pointer");
         return -1;
     }
-    Placing placing{heap};
-    volatile int32_t result = 0;
-    qxOSEnterCriticalSection(&heap->Lock);
-    if (!qxGuarded([&] { result = _DFHEAP_ActualFree(placing, addr, owner); })) {
-        physFinishPlacing(placing);
-        result = 0;
+    Freeing freeing{{heap}, owner};
+    const QXHold hold(heap->Lock);
+    const bool whole = qxGuarded([&] { freeing.result = _DFHEAP_ActualFree(freeing, addr, msgarea, line); });
+    if (!whole) { // The trace tells of the exception here.
+        recover(freeing);
+        return 0;
     }
-    physAssertSound(heap);
-    qxOSLeaveCriticalSection(&heap->Lock);
-    // The trace writes its row here.
-    return result;
+    if (freeing.placing.loose != nullptr) {
+        physFinishPlacing(freeing.placing);
+    } else if (freeing.result >= 0) {
+        physAssertSound(heap);
+    }
+    return freeing.result;
 }
 
 } // namespace brenvole
