@@ -102,7 +102,7 @@ TEST(Config, HostileStores) {
         ASSERT_EQ(number("end", "key"), static_cast<uint32_t>(run)) << content;
     }
     const std::string large = "[end]\nkey=1\n" + std::string(2u << 20, '\n');
-    for (const std::string &path : {directory.path, directory.write("large", large), std::string("/dev/zero")}) {
+    for (const std::string &path : {directory.path, directory.write("large", large)}) {
         const Environment store("QXUTIL_CONFIG", path.c_str());
         EXPECT_EQ(number("end", "key"), std::nullopt);
     }

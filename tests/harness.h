@@ -22,12 +22,6 @@ inline constexpr bool kSanitized = true;
 #else
 inline constexpr bool kSanitized = false;
 #endif
-#if defined(__SANITIZE_THREAD__)
-inline constexpr bool kThreadSanitized = true;
-#else
-inline constexpr bool kThreadSanitized = false;
-#endif
-
 // The n-th QXAlloc from now on gives null, and all behind it if `andAllBehind`; 0: none does.
 void failNth(uint32_t nth, bool andAllBehind = false);
 bool anyFailed();
