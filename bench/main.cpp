@@ -4,6 +4,8 @@
 // machine hits them alike. Nothing here is judged: figures go to a table and, with --json FILE, to a file.
 #include "table.h"
 
+#include "util/qxutil.h"
+
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -138,6 +140,7 @@ int main(int argc, char **argv) {
         std::cerr << "brenvole_bench: --json needs a file name\n";
         return EXIT_FAILURE;
     }
+    qxSetLogSink([](uint32_t, const char *, void *) {}, nullptr); // the closing words of each heap
     if (!initializeBenchmark(options)) {
         return EXIT_FAILURE;
     }

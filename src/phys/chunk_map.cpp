@@ -18,8 +18,9 @@ namespace brenvole {
 
 namespace {
 
+constexpr uint64_t kEntryBytes = sizeof(void *);
 // QXAlloc takes 32 bits of bytes, so a larger heap has no map.
-constexpr uint64_t kMostChunks = UINT32_MAX / sizeof(PHALLOC *);
+constexpr uint64_t kMostChunks = UINT32_MAX / kEntryBytes;
 
 // The list-search mode: -1 not read yet, 0 off, 1 on. All threads that read it first come to the same value.
 std::atomic<int32_t> listSearch = -1;
@@ -65,7 +66,7 @@ void _DFHEAP_RebuildChunkMap(DFHEAP *heap, PHALLOC *desc) {
             QXFree(std::exchange(heap->ppChunkMap, nullptr));
         }
         if (wanted != 0) {
-            const auto bytes = static_cast<uint32_t>(wanted * sizeof(PHALLOC *));
+            const auto bytes = static_cast<uint32_t>(wanted * kEntryBytes);
             heap->ppChunkMap = wanted <= kMostChunks ? static_cast<PHALLOC **>(QXAlloc(bytes)) : nullptr;
             if (heap->ppChunkMap != nullptr) {
                 heap->qwChunkCount = wanted;

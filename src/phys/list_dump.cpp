@@ -7,7 +7,6 @@
 #include "util/hold.h"
 
 #include <atomic>
-#include <cstring>
 
 namespace brenvole {
 
@@ -41,10 +40,15 @@ struct Dump {
     DFHEAP *heap;
     d_List *list;
     char line[sizeof kAllocTitle + kLineItems]; // the title or a line feed, then items
+    std::size_t length = 0;                     // of the line
     uint32_t used = 0;                          // characters of items since the line was begun
     uint32_t videoChunks = 0;
     uint32_t audioChunks = 0;
 };
+
+void append(Dump &dump, const char *text) {
+    dump.length += qxFormat(dump.line + dump.length, sizeof dump.line - dump.length, "%s", text);
+}
 
 void addItem(Dump &dump, const PHALLOC *record) {
     ++(record->qwSize >= kVideoBytes ? dump.videoChunks : dump.audioChunks);
@@ -55,11 +59,12 @@ void addItem(Dump &dump, const PHALLOC *record) {
         static_cast<uint32_t>(record->qwSize / granule), record->lRefCount, liveFrameLinkWord(record->pOwner)));
     if (length + dump.used > kLineItems) {
         ErrOut(dump.line); // holds no percent sign
-        std::strcpy(dump.line, "\n");
+        dump.length = 0;
+        append(dump, "\n");
         dump.used = 0;
     }
     dump.used += length;
-    std::strcat(dump.line, item);
+    append(dump, item);
 }
 
 // A record that can't be read is passed over; its neighbours are still told.
@@ -75,7 +80,7 @@ void _DFHEAP_DumpOne(DFHEAP *heap, d_List *list, const char *title) {
         return;
     }
     Dump dump{heap, list, {}};
-    std::strcpy(dump.line, title);
+    append(dump, title);
     const QXHold hold(heap->Lock);
     const ListHold listHold(list);
     qxGuarded([&] { walk(dump); });
