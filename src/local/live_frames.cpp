@@ -17,9 +17,9 @@ namespace {
 // A place holds a frame's address, or 0. Frames are 4-aligned, so the lowest bit is free: set, somebody is reading
 // the frame, for some nanoseconds, and it must not go.
 constexpr uint64_t kPinned = 1;
-constexpr unsigned kPlaceBits = 14; // 128 KiB; pages of it that no frame needs are never touched
-constexpr std::size_t kReach = 32;  // places, from a frame's own on, in which it may stand: some 12000 frames
-                                    // before the first finds none
+constexpr unsigned kPlaceBits = 16; // 512 KiB; pages of it that no frame needs are never touched
+constexpr std::size_t kReach = 32;  // places, from a frame's own on, in which it may stand: tens of thousands of
+                                    // frames before the first finds none
 std::array<std::atomic<uint64_t>, (std::size_t{1} << kPlaceBits) + kReach> places;
 
 std::span<std::atomic<uint64_t>> placesOf(uint64_t frame) {

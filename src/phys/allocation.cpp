@@ -141,6 +141,11 @@ void recover(Carving &carving) {
     if (physStandsOn(record, &carving.heap->AllocList)) {
         qxGuarded([&] { d_ListRemove(&carving.heap->AllocList, &record->Node); });
     }
+    if (physStandsOn(record, &carving.heap->AllocList)) { // it won't leave: then it is a block
+        phys_allocs.fetch_add(1, std::memory_order_relaxed);
+        carving.done = true;
+        return;
+    }
     if (carving.whole && physStandsOn(record, &carving.heap->FreeList)) { // it hasn't left
         return;
     }
@@ -150,10 +155,12 @@ void recover(Carving &carving) {
         physFinishPlacing(placing);
         return;
     }
-    if (carving.segment != nullptr) {
-        undoCut(carving);
-    }
-    qxGuarded([&] { QXFree(record); });
+    qxGuarded([&] {
+        if (carving.segment != nullptr) {
+            undoCut(carving);
+        }
+        QXFree(record); // not if the map may still name it
+    });
 }
 
 } // namespace

@@ -114,12 +114,13 @@ unsigned _DFHEAP_Check(DFHEAP *heap) {
 void physAssertSound(DFHEAP *heap) {
     constexpr uint64_t kQuicklyWalked = 4096; // granules; larger heaps are checked by tests alone
     constexpr unsigned kCounts = 5;           // a count that somebody has spoilt is reported, in every build
-    constexpr unsigned kApart = 8;            // costs fragmentation only
+    constexpr unsigned kOrder = 4;            // these two cost fragmentation only
+    constexpr unsigned kApart = 8;
     const bool wraps = heap->qwLength - 1 > UINT64_MAX - heap->lpBase; // its order by address is no order
     if (heap->qwLength / heap->qwGranularity <= kQuicklyWalked && !wraps) {
         volatile unsigned broken = 0;
         qxGuarded([&] { broken = _DFHEAP_Check(heap); }); // a list that faults here would have done so before
-        assert(broken == 0 || broken == kCounts || broken == kApart);
+        assert(broken == 0 || broken == kCounts || broken == kOrder || broken == kApart);
     }
 }
 #endif

@@ -155,6 +155,7 @@ int32_t _DFHEAP_PlaceFree(Placing &placing) {
     const Walk walked = placing.loose != nullptr ? mergeWalk(placing) : Walk::placed;
     if (walked == Walk::refused) {
         heap->bLargestValid = 0;
+        physTouchTail(&heap->FreeList);
         d_ListAddTail(&heap->FreeList, &placing.loose->Node); // whatever its address
         stands(placing);
         return -1;
@@ -186,9 +187,8 @@ void finishJoining(Placing &placing) {
     placing.spent = high;
 }
 
-} // namespace
-
-void physFinishPlacing(Placing &placing) {
+// Brings what a fault has stopped half-way to a state in which the lists are true.
+void settle(Placing &placing) {
     if (placing.high != nullptr) {
         finishJoining(placing);
     }
@@ -201,11 +201,27 @@ void physFinishPlacing(Placing &placing) {
     if (placing.loose != nullptr) {
         stands(placing); // if the fault came behind the linking
     }
-    if (placing.loose != nullptr || placing.segment != nullptr) {
-        qxGuarded([&] { _DFHEAP_PlaceFree(placing); });
+}
+
+} // namespace
+
+void physFinishPlacing(Placing &placing) {
+    DFHEAP *const heap = placing.heap;
+    settle(placing);
+    if (placing.loose == nullptr && placing.segment == nullptr) {
+        return;
     }
-    if (placing.listLocked) {
-        qxGuarded([&] { unlockFreeList(placing); });
+    if (!qxGuarded([&] { _DFHEAP_PlaceFree(placing); })) {
+        heap->bLargestValid = 0;
+        settle(placing);
+    }
+    if (placing.loose != nullptr) { // the list can't be walked: at its end, out of order, but not lost
+        heap->bLargestValid = 0;
+        qxGuarded([&] {
+            physTouchTail(&heap->FreeList);
+            d_ListAddTail(&heap->FreeList, &placing.loose->Node);
+        });
+        stands(placing);
     }
 }
 
