@@ -151,7 +151,6 @@ void recover(Carving &carving) {
     }
     if (carving.whole) {
         Placing placing{carving.heap, record};
-        qxGuarded([&] { _DFHEAP_PlaceFree(placing); });
         physFinishPlacing(placing);
         return;
     }

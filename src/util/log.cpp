@@ -76,21 +76,10 @@ void ErrFmtOut(uint32_t severity, uint32_t, uint32_t, const char *format, ...) {
     va_end(arguments);
 }
 
-namespace {
-
-void logWith(uint32_t severity, const char *format, ...) {
-    std::va_list arguments;
-    va_start(arguments, format);
-    logV(severity, format, arguments);
-    va_end(arguments);
-}
-
-} // namespace
-
 uint32_t ErrMsgOut(uint32_t status, const char *text, uintptr_t, uintptr_t, uintptr_t, uintptr_t) {
     constexpr uint32_t kSeverityBits = 0xC0000000u;
     if (text != nullptr) {
-        logWith(status & kSeverityBits, "%s", text);
+        ErrFmtOut(status & kSeverityBits, 0, 0, "%s", text);
     }
     return status;
 }
