@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <numeric>
 #include <optional>
 #include <random>
 
@@ -22,19 +23,22 @@ const std::string kHeaderFailed = "ERROR(dfmem): Unable to allocate dframe struc
 const std::string kHelpFailed = "heapHelpAllocDFrame(pDF==NULL)(0xE8108020)";
 const std::string kLocalFailed = "Local Alloc Failed, Brenvole Failed";
 
-void dropCache() { DllMain(nullptr, 0, nullptr); }
-
 struct Frames : testing::Test {
     LogCapture log;
     PDFRAME frame = nullptr;
-    int64_t outBefore = (dropCache(), blocksOut());
+    int64_t outBefore = (close(), blocksOut());
 
     ~Frames() override {
         failNth(0);
         replaceAlloc = nullptr;
-        dropCache();
+        close();
         EXPECT_EQ(blocksOut(), outBefore);
+    }
+    // Ends the pool, if there is one, and drops the cached block.
+    void close() {
         EXPECT_EQ(log.take(), Texts{});
+        DFrameMem(DFRAME_CLOSE, 0, 0, nullptr);
+        log.take();
     }
     uint64_t alloc(int64_t size, uintptr_t record = DFRAME_SIZE) {
         return DFrameMem(DFRAME_ALLOC, size, record, &frame);
@@ -128,15 +132,17 @@ TEST_F(Frames, Sizes) {
             EXPECT_EQ(+frame->lpData != nullptr, c.block != 0);
             EXPECT_EQ(frame->dwSize, 9000u);
             EXPECT_EQ(free(frame), 0u);
-            dropCache();
+            close();
         }
     }
-    // -1 becomes 4294967295 bytes, more than a local block can have; the header is made twice and goes twice.
+    // -1 becomes 4294967295 bytes, more than a local block can have; the header is made twice and goes twice. The
+    // pool, made for it, rounds the request to 2^32 bytes, of which the local heap then sees the low half.
     const Texts twice = {"LocalHeap:  DFrame failed request size = -1.", kLocalFailed,
-                         "LocalHeap:  DFrame failed request size = -1."};
+                         "LHEAP_Alloc called with zero size", "LocalHeap:  DFrame failed request size = 0."};
     EXPECT_EQ(alloc(-1), kWidenedOutOfMemory);
     EXPECT_EQ(log.take(), twice);
     EXPECT_EQ(frame, nullptr);
+    close();
     // A record whose block doesn't fit 32 bits is refused like a failed QXAlloc; of a larger one the low bits count.
     const uint64_t before = requests();
     EXPECT_EQ(alloc(1000, 0xFFFFFFFC), kWidenedOutOfMemory);
@@ -224,7 +230,7 @@ TEST_F(Frames, EachAllocationFails) {
                 EXPECT_EQ(free(frame), 0u);
             }
             EXPECT_EQ(log.take().empty(), !failedOnce);
-            dropCache();
+            close();
             ASSERT_EQ(blocksOut(), outBefore);
         }
     }
@@ -243,7 +249,7 @@ struct Model {
     PDFRAME frame;
     uint32_t references;
     uint32_t length;
-    uint32_t effective; // the block's size, larger than the request if it came from the cache
+    uint32_t effective; // a local block's size, larger than the request if it came from the cache; 0 in the pool
     uint8_t pattern;
 };
 
@@ -257,30 +263,43 @@ struct CacheModel {
     void release(uint32_t block) { size = std::max(size, block); }
 };
 
-class FrameModel : public Frames {
+// The parameter is the size of the pool; 0: none.
+class FrameModel : public Frames, public testing::WithParamInterface<uint64_t> {
   protected:
     std::mt19937 random;
     std::vector<Model> live;
     CacheModel cache;
+    uint64_t usable = GetParam() / 4096 * 4096;
 
     int64_t randomSize() {
         static constexpr int64_t kLargest[] = {100, 5000, 300000, 1200000};
         return 1 + static_cast<int64_t>(random()) % kLargest[random() % 4];
     }
+    static uint64_t figure(uint32_t command) { return DFrameMem(command, 0, 0, nullptr); }
     void place(Model &model, int64_t wanted) {
+        const bool local = usable == 0 || random() % 8 == 0;
         model.length = static_cast<uint32_t>(static_cast<double>(wanted) * 1.4);
-        ASSERT_EQ(DFrameMem(DFRAME_ALLOC, wanted, DFRAME_SIZE, &model.frame), 0u);
-        model.effective = cache.take(std::max(4096u, model.length));
+        if (!local) { model.length = (model.length + 4095) / 4096 * 4096; } // so also where the pool is full
+        release(model); // replaced data goes before the new one is made
+        const bool fits = !local && model.length <= largestGap();
+        ASSERT_EQ(DFrameMem(DFRAME_ALLOC | (local ? DFRAME_FLAG_SYSHEAP : 0), wanted, DFRAME_SIZE, &model.frame), 0u);
+        model.effective = fits ? 0 : cache.take(std::max(4096u, model.length));
         model.pattern = static_cast<uint8_t>(random());
         model.frame->dwBytesUsed = model.length;
         std::memset(model.frame->lpData, model.pattern, model.length);
+    }
+    // The model's side of a release of data; a frame that isn't there yet has none.
+    void release(Model &model) {
+        if (model.frame == nullptr) { return; }
+        if (model.effective != 0) { cache.release(model.effective); }
+        model.effective = 1; // not in the pool from here on
     }
     void dropOne(std::size_t at) {
         PDFRAME handle = live[at].frame;
         ASSERT_EQ(free(handle), 0u);
         ASSERT_EQ(handle, nullptr);
         if (--live[at].references == 0) {
-            cache.release(live[at].effective);
+            release(live[at]);
             live.erase(live.begin() + static_cast<std::ptrdiff_t>(at));
         }
     }
@@ -290,15 +309,62 @@ class FrameModel : public Frames {
         std::memcpy(&count, reinterpret_cast<const char *>(&header) - 4, 4);
         ASSERT_EQ(count, model.references);
         ASSERT_EQ(header.dwBufferLength, model.length);
-        ASSERT_EQ(reinterpret_cast<uintptr_t>(header.lpData) % 16384, 0u);
+        ASSERT_EQ(reinterpret_cast<uintptr_t>(header.lpData) % (model.effective != 0 ? 16384 : 4096), 0u);
         ASSERT_TRUE(header.lpData[0] == model.pattern && header.lpData[model.length - 1] == model.pattern &&
                     header.lpData[random() % model.length] == model.pattern);
     }
+    // What lies free between the frames of the pool, in the order of their addresses.
+    std::vector<uint64_t> gaps() {
+        std::vector<std::pair<uint64_t, uint64_t>> blocks;
+        for (const Model &model : live) {
+            if (model.frame != nullptr && model.effective == 0) {
+                blocks.emplace_back(reinterpret_cast<uint64_t>(+model.frame->lpData), model.length);
+            }
+        }
+        std::sort(blocks.begin(), blocks.end());
+        std::vector<uint64_t> free;
+        uint64_t from = base;
+        for (const auto &[address, length] : blocks) {
+            if (address != from) { free.push_back(address - from); }
+            from = address + length;
+        }
+        if (from != base + usable) { free.push_back(base + usable - from); }
+        return free;
+    }
+    uint64_t largestGap() {
+        const std::vector<uint64_t> free = gaps();
+        return free.empty() ? 0 : *std::max_element(free.begin(), free.end());
+    }
+    void makePool() {
+        if (usable == 0) { return; }
+        ASSERT_EQ(DFrameMem(DFRAME_RESET, static_cast<int64_t>(GetParam()), 0, nullptr), 0u);
+        log.take();
+        ASSERT_EQ(alloc(10000), 0u); // the first block from the bottom lies where the pool begins
+        base = reinterpret_cast<uint64_t>(+frame->lpData);
+        ASSERT_EQ(free(frame), 0u);
+    }
+    void checkFigures() {
+        const std::vector<uint64_t> free = gaps();
+        const uint64_t available = std::accumulate(free.begin(), free.end(), uint64_t{0});
+        const auto inPool =
+            std::count_if(live.begin(), live.end(), [](const Model &model) { return model.effective == 0; });
+        if (usable != 0) {
+            ASSERT_EQ(figure(DFRAME_TOTAL), GetParam());
+            ASSERT_EQ(figure(DFRAME_TOTALAVAIL), available);
+            ASSERT_EQ(figure(DFRAME_TOTALUSED), usable - available);
+            ASSERT_EQ(figure(DFRAME_LARGEST), largestGap());
+        }
+        const auto localBlocks = static_cast<int64_t>(live.size()) - inPool + (cache.size != 0 ? 1 : 0);
+        const int64_t heapRecords = usable != 0 ? 2 + inPool + static_cast<int64_t>(free.size()) : 0;
+        ASSERT_EQ(blocksOut(), outBefore + static_cast<int64_t>(live.size()) + localBlocks + heapRecords);
+    }
+    uint64_t base = 0; // of the pool
 };
 
-TEST_F(FrameModel, RandomCommands) {
+TEST_P(FrameModel, RandomCommands) {
     const unsigned seed = 11;
     random.seed(seed);
+    makePool();
     for (int step = 0; step < 6000; ++step) {
         SCOPED_TRACE(testing::Message() << "seed " << seed << " step " << step);
         const std::size_t at = live.empty() ? 0 : random() % live.size();
@@ -306,8 +372,7 @@ TEST_F(FrameModel, RandomCommands) {
         if (live.empty() || (dice < 2 && live.size() < 24)) {
             live.push_back({nullptr, 1, 0, 0, 0});
             place(live.back(), randomSize());
-        } else if (dice == 2 && live[at].references == 1) { // replaced data goes before the new one is made
-            cache.release(live[at].effective);
+        } else if (dice == 2 && live[at].references == 1) {
             place(live[at], randomSize());
         } else if (dice == 3) {
             ASSERT_EQ(addRef(live[at].frame), 0u);
@@ -316,11 +381,14 @@ TEST_F(FrameModel, RandomCommands) {
             dropOne(at);
         }
         for (const Model &model : live) { check(model); }
-        ASSERT_EQ(blocksOut(), outBefore + 2 * static_cast<int64_t>(live.size()) + (cache.size != 0 ? 1 : 0));
+        checkFigures();
         if (HasFatalFailure()) { return; }
     }
     while (!live.empty()) { dropOne(0); }
+    checkFigures();
 }
+// No pool; one that holds a handful of frames, so that it is full most of the time; one that holds nearly all.
+INSTANTIATE_TEST_SUITE_P(Pools, FrameModel, testing::Values(0, 2000000, 9000000));
 
 // ---- threads ------------------------------------------------------------------------------------------------------
 
@@ -343,7 +411,7 @@ TEST_F(Frames, ThreadsShareAndFree) {
         });
         ASSERT_EQ(bad, 0);
         frame = nullptr;
-        dropCache();
+        close();
         ASSERT_EQ(blocksOut(), outBefore);
     }
 }
@@ -355,11 +423,12 @@ TEST(FramesDeathTest, CachedRoundTripMakesNoSystemCall) {
         {
             const auto roundTrips = [] {
                 int failures = 0;
-                for (int i = 0; i < 1000; ++i) {
+                for (uint32_t i = 0; i < 2000; ++i) {
+                    const uint32_t side = i % 2 * DFRAME_FLAG_SYSHEAP; // both heaps
                     PDFRAME small = nullptr;
                     PDFRAME big = nullptr;
-                    failures += DFrameMem(DFRAME_ALLOC, 3110400, 1, &big) != 0;
-                    failures += DFrameMem(DFRAME_ALLOC, 4096, 1, &small) != 0;
+                    failures += DFrameMem(DFRAME_ALLOC | side, 3110400, 1, &big) != 0;
+                    failures += DFrameMem(DFRAME_ALLOC | side, 4096, 1, &small) != 0;
                     failures += DFrameMem(DFRAME_ADDREF, 0, 0, &big) != 0;
                     PDFRAME second = big;
                     failures += DFrameMem(DFRAME_FREE, 0, 0, &second) != 0;
@@ -368,6 +437,7 @@ TEST(FramesDeathTest, CachedRoundTripMakesNoSystemCall) {
                 }
                 return failures;
             };
+            DFrameMem(DFRAME_RESET, 20000000, 0, nullptr);
             roundTrips(); // fills the cache, and the allocator's own
             if (prctl(PR_SET_SECCOMP, 1) != 0) { _exit(2); }
             syscall(SYS_exit, roundTrips() == 0 ? 0 : 1);

@@ -5,7 +5,10 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <thread>
+
+#include <dlfcn.h>
 
 namespace {
 
@@ -15,8 +18,52 @@ std::atomic<uint32_t> last = 0;
 std::atomic<uint64_t> failAt = 0; // number of the request that fails; 0: none
 std::atomic<bool> failBehind = false;
 std::atomic<bool> failed = false;
+FakeSystem *fakeSystem = nullptr;
+
+// QXUtil's own function, whose place one of ours has taken.
+template <class Function> Function *replaced(Function *ours, const char *name) {
+    return reinterpret_cast<decltype(ours)>(dlsym(RTLD_NEXT, name));
+}
 
 } // namespace
+
+FakeSystem::FakeSystem() { fakeSystem = this; }
+FakeSystem::~FakeSystem() { fakeSystem = nullptr; }
+
+extern "C" __attribute__((visibility("default"))) void *qxOSVirtualAlloc(uint64_t size) {
+    if (fakeSystem == nullptr) { return replaced(qxOSVirtualAlloc, "qxOSVirtualAlloc")(size); }
+    ++fakeSystem->tries;
+    if (size == 0 || size > fakeSystem->largest) { return nullptr; }
+    const uint64_t base = fakeSystem->nextBase;
+    fakeSystem->nextBase += (size + 65535) / 65536 * 65536;
+    fakeSystem->regions[base] = size;
+    return reinterpret_cast<void *>(base);
+}
+
+extern "C" __attribute__((visibility("default"))) void qxOSVirtualFree(void *base) {
+    if (fakeSystem == nullptr || fakeSystem->regions.erase(reinterpret_cast<uint64_t>(base)) == 0) {
+        replaced(qxOSVirtualFree, "qxOSVirtualFree")(base);
+    }
+}
+
+extern "C" __attribute__((visibility("default"))) void qxOSMemoryStatus(uint64_t *total, uint64_t *available) {
+    if (fakeSystem == nullptr) { return replaced(qxOSMemoryStatus, "qxOSMemoryStatus")(total, available); }
+    *total = fakeSystem->total;
+    *available = fakeSystem->available;
+}
+
+int mappingsAt(const void *address) {
+    std::ifstream maps("/proc/self/maps");
+    int count = 0;
+    for (std::string line; std::getline(maps, line);) {
+        char *end = nullptr;
+        const uint64_t from = std::strtoull(line.c_str(), &end, 16);
+        const uint64_t to = std::strtoull(end + 1, nullptr, 16);
+        const auto at = reinterpret_cast<uint64_t>(address);
+        count += at >= from && at < to ? 1 : 0;
+    }
+    return count;
+}
 
 void *(*replaceAlloc)(uint32_t size) = nullptr;
 void (*replaceFree)(void *block) = nullptr;

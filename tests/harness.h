@@ -1,5 +1,5 @@
-// What the tests share: an allocator in the place of QXAlloc that fails on request, fills and counts, and a sink
-// that collects the messages.
+// What the tests share: an allocator in the place of QXAlloc that fails on request, fills and counts, a system with
+// as much memory as a test wants, and a sink that collects the messages.
 #ifndef BRENVOLE_TESTS_HARNESS_H
 #define BRENVOLE_TESTS_HARNESS_H
 
@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -32,6 +33,23 @@ uint32_t lastRequest();
 // Called in the place of QXAlloc or QXFree while set.
 extern void *(*replaceAlloc)(uint32_t size);
 extern void (*replaceFree)(void *block);
+
+// The system's memory as the library sees it while this lives. The regions are addresses without memory behind them,
+// none given out twice.
+struct FakeSystem {
+    uint64_t total = 16000000000;
+    uint64_t available = 8000000000;
+    uint64_t largest = UINT64_MAX; // a larger region is refused
+    uint64_t tries = 0;
+    uint64_t nextBase = uint64_t{1} << 50; // where no program can have memory
+    std::map<uint64_t, uint64_t> regions;  // base and size of those that are out
+
+    FakeSystem();
+    ~FakeSystem();
+};
+
+// Mappings of this process that hold the address.
+int mappingsAt(const void *address);
 
 // Collects messages while it lives.
 struct LogCapture {

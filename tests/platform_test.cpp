@@ -5,24 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
 #include <sstream>
 
 namespace {
-
-// Mappings of this process that hold the address.
-int mappingsAt(const void *address) {
-    std::ifstream maps("/proc/self/maps");
-    int count = 0;
-    for (std::string line; std::getline(maps, line);) {
-        char *end = nullptr;
-        const uint64_t from = std::strtoull(line.c_str(), &end, 16);
-        const uint64_t to = std::strtoull(end + 1, nullptr, 16);
-        const auto at = reinterpret_cast<uint64_t>(address);
-        count += at >= from && at < to ? 1 : 0;
-    }
-    return count;
-}
 
 TEST(Region, CommittedWholeAndGivenBackWhole) {
     constexpr uint64_t kMiB = 1u << 20;

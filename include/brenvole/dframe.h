@@ -6,8 +6,13 @@
  *  library unless DFRAME_FLAG_CUSTOM is set. DFRAME_ADDREF raises both counts, DFRAME_FREE lowers both, and
  *  each goes when its own count reaches 0.
  *
- *  Threads: every command may run on any thread at any time. The library guards its counts and its own state;
- *  the other fields of a frame are under no lock, so a caller keeps threads that change one frame apart.
+ *  Data buffers come from the *pool*, one large region of the system's that DFRAME_RESET makes, or from the *local
+ *  heap*. As long as there is no pool, the local heap serves, and a frame that it can't serve makes the pool at its
+ *  default size of 524255000 bytes. With a pool, the local heap serves when the pool is full.
+ *
+ *  Threads: every command may run on any thread at any time, but for DFRAME_RESET and DFRAME_CLOSE, beside which no
+ *  other may run. The library guards its counts and its own state; the other fields of a frame are under no lock,
+ *  so a caller keeps threads that change one frame apart.
  *
  *  Sizes are in bytes. The header compiles as C11 and as C++20. */
 #ifndef BRENVOLE_DFRAME_H
@@ -43,7 +48,31 @@ extern "C" {
 /** @} */
 
 /** @name Commands that this release runs; every other number is refused with DFMEM_E_FAILED
+ *  The figures answer for the pool if there is one and DFRAME_FLAG_SYSHEAP is clear, else for the local side. There,
+ *  "local free" is the pool's size (or the size to be tried next) minus what local blocks take, the cached one
+ *  included, and 0 if they take as much; "local used" is what they take, and 0 if that is as much. A figure that is
+ *  held has at most 32 bits as the result, and goes whole through `ppDF`, which is then a pointer to a uint64_t
+ *  (cast), may be null, and stays unwritten on the local side.
  *  @{ */
+/** @return size of the pool in bytes, as it was had from the system; or local free */
+#define DFRAME_TOTAL 0u
+/** @return size of the pool's largest free segment, held; or local free */
+#define DFRAME_LARGEST 1u
+/** @return the unit in bytes, 4096, in which the pool hands out data */
+#define DFRAME_GRANULARITY 2u
+/** @return the largest size in bytes, 8192, that the pool places at its top end; larger ones go to the bottom */
+#define DFRAME_SMALLEST 3u
+/** Makes the pool, or a larger one. A pool that is large enough stays as it is, and one with a block in it is never
+ *  touched.
+ *  @par param1  wanted size in bytes. It is cut to 80 percent of the memory that the machine, or the container, has
+ *       available, and to 0xFFFFFF000. A negative one asks for as much as that; with a pool it is enough already.
+ *       0 gives an idle pool back, with DFMEM_E_OUTOFMEMORY as the result. A size that the system refuses is
+ *       lowered in steps of 32768 bytes; DFRAME_TOTAL tells what was had.
+ *  @return 0, also for a large enough pool and always with DFRAME_FLAG_SYSHEAP, which does nothing; plain
+ *       DFMEM_E_POINTER (blocks live in the pool, or its free space isn't in one piece) or DFMEM_E_BUSY: then
+ *       nothing has changed; DFMEM_E_OUTOFMEMORY widened if no pool can be had: then the old one is gone
+ *  @note If the pool's own records can't be had, the result is 0 and the local heap serves. */
+#define DFRAME_RESET 5u
 /** Makes a frame, or gives an existing one new data.
  *  @par param1  wanted data size, not 0; the buffer gets 40 percent more: param1 * 1.4, cut to an integer, of
  *       which the low 32 bits count. If these are 0, the result is a frame without data.
@@ -51,11 +80,13 @@ extern "C" {
  *       frame's dwSize takes the low 32 bits of it as they are.
  *  @par ppDF    in and out: null at *ppDF for a new frame, else the frame whose data is replaced. Its old buffer
  *       loses one reference; a custom buffer is only forgotten. Flags and dwBytesUsed stay. A frame with lpData
- *       set and a dwBufferLength of 0 keeps both and gets no new data.
+ *       set and a dwBufferLength of 0 loses no reference: the local heap gives it no new data, the pool does.
+ *  @par DFRAME_FLAG_SYSHEAP  the local heap goes first, and the pool when that fails
  *  @return 0; a plain DFMEM_E_POINTER (null ppDF, zero param2) or DFMEM_E_INVALIDARG (zero param1); or
  *       DFMEM_E_OUTOFMEMORY widened: then the frame's reference is gone and *ppDF is null
  *  @note A failed first attempt costs an existing frame its reference as well; the second attempt then makes a
- *       new frame, so with 0 as the result *ppDF may be another frame than before. */
+ *       new frame, so with 0 as the result *ppDF may be another frame than before.
+ *  @note dwBufferLength is rounded up to DFRAME_GRANULARITY for data in the pool. */
 #define DFRAME_ALLOC 10u
 /** Drops one reference to the frame and one to its data; each goes with its last reference.
  *  @par ppDF    in and out: the frame; *ppDF is null afterwards unless the command is refused
@@ -65,9 +96,23 @@ extern "C" {
 /** Adds one reference to the frame and one to its data.
  *  @par ppDF    in: the frame
  *  @return 0; plain DFMEM_E_POINTER (null ppDF or frame), DFMEM_E_INVALIDARG (custom frame),
- *       DFMEM_E_OUTOFMEMORY (frame without data) or DFMEM_E_FAILED (data in no heap; the header's count stays
- *       raised) */
+ *       DFMEM_E_OUTOFMEMORY (frame without data) or DFMEM_E_FAILED (data in no heap); 0xFFFFFFFF if lpData lies in
+ *       the pool's region but in no block. In the last two cases the header's count stays raised. */
 #define DFRAME_ADDREF 12u
+/** Ends the pool and drops the cached local block. The pool's figures return to their defaults, and commands may
+ *  follow. Blocks that still live in the pool are logged as leaks; their data is gone, and their frames are good for
+ *  DFRAME_FREE only, which reports the lost data.
+ *  @par DFRAME_FLAG_SYSHEAP  the region goes, but its blocks live on as numbers, so that frames can still be freed
+ *       without a report. The next frame makes a new pool, and forgets the old blocks.
+ *  @return 0 */
+#define DFRAME_CLOSE 19u
+/** @return free bytes of the pool, held; or local free */
+#define DFRAME_TOTALAVAIL 20u
+/** @return bytes of the pool's blocks, held; or local used */
+#define DFRAME_TOTALUSED 22u
+/** Logs the lists of the pool's blocks and free segments, at most once in 1000 ms; nothing on the local side.
+ *  @return 0 */
+#define DFRAME_DUMP 128u
 /** @} */
 
 /** @name Status codes
@@ -88,8 +133,8 @@ extern "C" {
  *  abBodyRest, 8376 bytes; the library carries it and doesn't know what it holds.
  *
  *  Rules: dwBytesUsed is at most dwBufferLength (a breach is reported and never fatal); a null lpData means no
- *  data, whatever dwBufferLength says; lpData may be moved up inside its buffer, by at most 278527 bytes in a
- *  local block, beyond which the block is no longer found. */
+ *  data, whatever dwBufferLength says; lpData may be moved up inside its buffer, in a local block by at most
+ *  278527 bytes, beyond which the block is no longer found. */
 #pragma pack(push, 4)
 typedef struct DFRAME {
     void *lpLink[3];          /**< list node, for a list of the caller's; the library never links a frame */
@@ -134,8 +179,9 @@ BRENVOLE_API uint64_t DFrameMem(uint32_t command, int64_t param1, uintptr_t para
 BRENVOLE_API uint64_t DFrameMemTrace(uint32_t command, int64_t param1, uintptr_t param2, PDFRAME *ppDF,
                                      const char *msgarea, uint32_t line);
 
-/** The system's hook at load and unload. Reason 0, process detach, gives the cached local block back; no other
- *  reason does any work. The platform calls it when the library leaves the process.
+/** The system's hook at load and unload. Reason 0, process detach, ends the pool and gives the cached local block
+ *  back; no other reason does any work. The platform calls it when the library leaves the process. Ending a pool is
+ *  logged, so a sink of the host's has to be callable up to then, or be taken off.
  *  @return 1 for every reason */
 BRENVOLE_API int DllMain(void *instance, uint32_t reason, void *reserved);
 

@@ -5,8 +5,6 @@
 
 namespace brenvole {
 
-::DFHEAP *mainHeap = nullptr;
-
 uint64_t frameRefuse(uint32_t status, const char *text) {
     ErrOut(text, status);
     return status;
@@ -26,9 +24,18 @@ uint64_t DFrameMemTrace(uint32_t command, int64_t param1, uintptr_t param2, PDFR
     dfmemLockCreate(); // first, whatever the command
     // The trace hooks in here, before the command runs.
     switch (command & kCommandBits) {
+    case DFRAME_TOTAL: return commandTotal(command);
+    case DFRAME_LARGEST: return commandLargest(command, ppDF);
+    case DFRAME_GRANULARITY: return mainGranularity;
+    case DFRAME_SMALLEST: return mainSmallest;
+    case DFRAME_RESET: return commandReset(command, param1);
     case DFRAME_ALLOC: return commandAlloc(command, param1, param2, ppDF, msgarea, line);
     case DFRAME_FREE: return commandFree(ppDF, msgarea, line);
     case DFRAME_ADDREF: return commandAddRef(ppDF, msgarea, line);
+    case DFRAME_CLOSE: return commandClose(command);
+    case DFRAME_TOTALAVAIL: return commandTotalAvail(command, ppDF);
+    case DFRAME_TOTALUSED: return commandTotalUsed(command, ppDF);
+    case DFRAME_DUMP: return commandDump(command);
     default: return frameRefuse(DFMEM_E_FAILED, "Unknown DFrameMem Command(0x%lX)");
     }
 }

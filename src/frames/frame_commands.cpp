@@ -21,9 +21,6 @@ uint32_t sizeWithHeadroom(int64_t wanted) {
     return std::fabs(product) < kBeyondInt64 ? static_cast<uint32_t>(static_cast<int64_t>(product)) : 0;
 }
 
-// The widened form of a status: sign-extended to 64 bits.
-uint64_t widened(uint32_t status) { return static_cast<uint64_t>(static_cast<int32_t>(status)); }
-
 } // namespace
 
 uint64_t commandAlloc(uint32_t command, int64_t param1, uintptr_t param2, PDFRAME *ppDF, const char *msgarea,
@@ -39,14 +36,14 @@ uint64_t commandAlloc(uint32_t command, int64_t param1, uintptr_t param2, PDFRAM
     }
     const uint32_t size = sizeWithHeadroom(param1);
     // The local heap goes first where the caller asks for it, and as long as there is no pool.
-    if ((command & DFRAME_FLAG_SYSHEAP) != 0 || mainHeap == nullptr) {
+    if ((command & DFRAME_FLAG_SYSHEAP) != 0 || mainHeap.load() == nullptr) {
         if (heapHelpAllocDFrame(ppDF, param2, size, 1, msgarea, line) == 0) {
             return 0;
         }
         ErrOut("Local Alloc Failed, Brenvole %s", "Failed");
-        // The pool's lists are dumped here, once there is one.
+        _DFHEAP_DumpList(mainHeap);
     }
-    return widened(heapHelpAllocDFrame(ppDF, param2, size, 0, msgarea, line));
+    return frameWiden(heapHelpAllocDFrame(ppDF, param2, size, 0, msgarea, line));
 }
 
 uint64_t commandFree(PDFRAME *ppDF, const char *msgarea, uint32_t line) {
@@ -66,7 +63,7 @@ uint64_t commandFree(PDFRAME *ppDF, const char *msgarea, uint32_t line) {
     return static_cast<uint32_t>(heapHelpFreeDFrame(ppDF, msgarea, line)); // 32 bits, so -2 has a zero high half
 }
 
-uint64_t commandAddRef(PDFRAME *ppDF, [[maybe_unused]] const char *msgarea, [[maybe_unused]] uint32_t line) {
+uint64_t commandAddRef(PDFRAME *ppDF, const char *msgarea, uint32_t line) {
     PDFRAME const frame = ppDF != nullptr ? *ppDF : nullptr;
     if (frame == nullptr) {
         return frameRefuse(DFMEM_E_POINTER, "DFRAME_ADDREF|pDF==NULL(0x%lX)");
@@ -81,8 +78,12 @@ uint64_t commandAddRef(PDFRAME *ppDF, [[maybe_unused]] const char *msgarea, [[ma
         ErrFmtOut(QX_ERROR, 0, 0, "ERROR(dfmem): %s\n", "DFrameAddRef memory overwrite");
     }
     addRefPDFRAME(frame);
-    // The pool is asked first, once there is one.
-    PHALLOC *const descriptor = LHEAP_Find(reinterpret_cast<uintptr_t>(frame->lpData));
+    const auto data = reinterpret_cast<uintptr_t>(frame->lpData);
+    ::DFHEAP *const heap = mainHeap;
+    if (DFHEAP_Contains(heap, data) != 0) {
+        return static_cast<uint32_t>(DFHEAP_AddRefTrace(heap, data, nullptr, msgarea, line)); // -1 in 32 bits
+    }
+    PHALLOC *const descriptor = LHEAP_Find(data);
     if (descriptor == nullptr) {
         return frameRefuse(DFMEM_E_FAILED, "Unable to AddRef(0x%lX)");
     }

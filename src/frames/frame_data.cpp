@@ -17,9 +17,14 @@ constexpr uint64_t kLocalFloor = 4096;
 
 uintptr_t dataAddress(const DFRAME *frame) { return reinterpret_cast<uintptr_t>(frame->lpData); }
 
-// Drops one reference on the frame's data. False if no heap knows the pointer.
+// Drops one reference on the frame's data. False if neither heap has it. The pool's heap answers for its whole
+// region, also for an address in no block.
 bool releaseData(const DFRAME *frame, const char *msgarea, uint32_t line) {
-    // The pool is asked first, once there is one.
+    ::DFHEAP *const heap = mainHeap;
+    if (DFHEAP_Contains(heap, dataAddress(frame)) != 0) {
+        DFHEAP_FreeTrace(heap, dataAddress(frame), nullptr, msgarea, line);
+        return true;
+    }
     PHALLOC *const descriptor = LHEAP_Find(dataAddress(frame));
     if (descriptor == nullptr) {
         return false;
@@ -39,6 +44,21 @@ void forgetOldData(PDFRAME frame, const char *msgarea, uint32_t line) {
     frame->lpData = nullptr;
 }
 
+// Step 4 of heapHelpAllocDFrame. The heap rounds dataSize up, also if it has no room: the local heap is then asked for
+// the rounded size.
+void placeInPool(PDFRAME frame, uint64_t &dataSize, const char *msgarea, uint32_t line) {
+    mainPoolNeed();
+    if (mainPool.load() == nullptr) {
+        return;
+    }
+    const uintptr_t data =
+        DFHEAP_AllocTrace(mainHeap, &dataSize, reinterpret_cast<uintptr_t>(frame), nullptr, msgarea, line);
+    frame->lpData = reinterpret_cast<uint8_t *>(data);
+    if (data != 0) {
+        frame->dwBufferLength = static_cast<uint32_t>(dataSize);
+    }
+}
+
 // Step 5 of heapHelpAllocDFrame. The capacity told is the request, not the floor. The floor comes before the cut
 // to 32 bits, so a request of exactly 2^32 bytes is one of 0.
 bool placeLocally(PDFRAME frame, uint64_t dataSize, const char *msgarea, uint32_t line) {
@@ -54,8 +74,8 @@ bool placeLocally(PDFRAME frame, uint64_t dataSize, const char *msgarea, uint32_
 
 // Steps: 1 a header, if there is none; 2 the old data goes; 3 a frame may be asked for without data; 4 the pool;
 // 5 the local heap; 6 the stamps of a frame with data; 7 it is handed out.
-uint32_t heapHelpAllocDFrame(PDFRAME *ppDF, uint64_t recordSize, uint64_t dataSize,
-                             [[maybe_unused]] uint32_t localOnly, const char *msgarea, uint32_t line) {
+uint32_t heapHelpAllocDFrame(PDFRAME *ppDF, uint64_t recordSize, uint64_t dataSize, uint32_t localOnly,
+                             const char *msgarea, uint32_t line) {
     PDFRAME frame = *ppDF;
     if (frame == nullptr) { // 1
         recordSize = std::max(recordSize, uint64_t{DFRAME_SIZE});
@@ -68,7 +88,9 @@ uint32_t heapHelpAllocDFrame(PDFRAME *ppDF, uint64_t recordSize, uint64_t dataSi
     }
     forgetOldData(frame, msgarea, line); // 2
     if (dataSize != 0) {                 // 3
-        // 4. The pool's stage, unless localOnly: it may place the data and round dataSize.
+        if (localOnly == 0) {            // 4
+            placeInPool(frame, dataSize, msgarea, line);
+        }
         if (frame->lpData == nullptr && !placeLocally(frame, dataSize, msgarea, line)) { // 5
             ErrOut("LocalHeap:  DFrame failed request size = %ld.", static_cast<uint32_t>(dataSize));
             freePDFRAME(&frame, msgarea, line);

@@ -1,17 +1,17 @@
 /** @file
- *  What the units of the front end share: the life of headers and of their data. `msgarea` and `line` name the
+ *  What the units of the front end share: the life of headers and of their data, and the pool. `msgarea` and `line` name the
  *  call site; they are handed on everywhere and decide nothing. */
 #ifndef BRENVOLE_FRAMES_H
 #define BRENVOLE_FRAMES_H
 
 #include "local/counters.h"
+#include "phys/heap.h"
 
 #include <brenvole/dframe.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
-
-struct DFHEAP;
 
 namespace brenvole {
 
@@ -33,8 +33,28 @@ static_assert(offsetof(DFRAME, dwBytesUsed) == 8440 && offsetof(DFRAME, qwTrailC
 static_assert(offsetof(DFRAME, dwTrailD) == 8452 && offsetof(DFRAME, wTrailJ) == 8476);
 static_assert(offsetof(FrameBlock, frame) == 4 && sizeof(FrameBlock) == 4 + DFRAME_SIZE);
 
-/** The heap over the pool; null as long as there is no pool. */
-extern ::DFHEAP *mainHeap;
+/** @name The main pool
+ *  Under no lock: DFRAME_RESET and DFRAME_CLOSE don't run beside other commands. The three that change without
+ *  them, when several frames at once need the pool first, are atomics. The four states stand in main_pool.cpp.
+ *  @{ */
+extern std::atomic<::DFHEAP *> mainHeap;   // the heap over the pool, or null
+extern std::atomic<void *> mainPool;       // base of the region, or null
+extern std::atomic<uint64_t> mainPoolSize; // of the region; without one, what is tried next. In bytes.
+extern uint32_t mainGranularity;           // for DFHEAP_Create, as is mainSmallest
+extern uint32_t mainSmallest;
+
+/** Takes a region from the system. A size that is refused is lowered in steps.
+ *  @param size  in and out: bytes, at most 0xFFFFFF000; the last size tried
+ *  @return the region's base, or null
+ *  @note One call of the system for each step, so a refused pool of n bytes costs up to n / 32768 of them. */
+void *mainPoolAlloc(uint64_t *size);
+
+/** Makes pool and heap unless there is a pool. What can't be had is reported; then the local heap serves. */
+void mainPoolNeed();
+
+/** Ends heap and pool when the library leaves the process. Takes no lock, and resets no figure. */
+void mainPoolDetach();
+/** @} */
 
 /** The block around a frame. */
 inline FrameBlock *frameBlockOf(PDFRAME frame) {
@@ -55,6 +75,9 @@ inline void frameStampAttach(PDFRAME frame) {
 /** The refusal of a command: logs `text`, which takes the status as its one argument.
  *  @return the status in its plain form */
 uint64_t frameRefuse(uint32_t status, const char *text);
+
+/** The widened form of a status: sign-extended to 64 bits. */
+inline uint64_t frameWiden(uint32_t status) { return static_cast<uint64_t>(static_cast<int32_t>(status)); }
 
 /** Makes a header without data.
  *  @param size  record size, raised to DFRAME_SIZE; above 0xFFFFFFFB it is refused like a failed QXAlloc
@@ -88,6 +111,13 @@ uint64_t commandAlloc(uint32_t command, int64_t param1, uintptr_t param2, PDFRAM
                       uint32_t line);
 uint64_t commandFree(PDFRAME *ppDF, const char *msgarea, uint32_t line);
 uint64_t commandAddRef(PDFRAME *ppDF, const char *msgarea, uint32_t line);
+uint64_t commandReset(uint32_t command, int64_t param1);
+uint64_t commandClose(uint32_t command);
+uint64_t commandTotal(uint32_t command);
+uint64_t commandLargest(uint32_t command, PDFRAME *ppDF);
+uint64_t commandTotalAvail(uint32_t command, PDFRAME *ppDF);
+uint64_t commandTotalUsed(uint32_t command, PDFRAME *ppDF);
+uint64_t commandDump(uint32_t command);
 /** @} */
 
 } // namespace brenvole

@@ -24,25 +24,30 @@ std::mutex regionLock;
 
 uint64_t roundUp(uint64_t size, uint64_t unit) { return (size + unit - 1) / unit * unit; }
 
-void *map(uint64_t size) {
-    void *base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    return base == MAP_FAILED ? nullptr : base;
+// Maps at `at` if that place is free, or anywhere if it is null.
+char *map(char *at, uint64_t size) {
+    const int flags = MAP_PRIVATE | MAP_ANONYMOUS | (at != nullptr ? MAP_FIXED_NOREPLACE : 0);
+    void *const base = mmap(at, size, PROT_READ | PROT_WRITE, flags, -1, 0);
+    if (base == MAP_FAILED) {
+        return nullptr;
+    }
+    if (at != nullptr && base != at) { // a system that doesn't know the flag takes the place for a hint
+        munmap(base, size);
+        return nullptr;
+    }
+    return static_cast<char *>(base);
 }
 
-// Maps a little more than asked and gives back what lies in front of the aligned base and behind the end.
-void *mapAligned(uint64_t size) {
-    auto *const whole = static_cast<char *>(map(size + kHugePage));
-    if (whole == nullptr) {
-        return map(size); // so near to the limit that only the bare size fits
+// A refused region costs one call of the system: a pool that can't be had is asked for in millions of sizes. One
+// that was had is moved down to the boundary, if there is room below.
+char *mapAligned(uint64_t size) {
+    char *const base = map(nullptr, size);
+    const uint64_t above = reinterpret_cast<uint64_t>(base) % kHugePage;
+    if (above == 0 || map(base - above, above) == nullptr) {
+        return base;
     }
-    const uint64_t front = roundUp(reinterpret_cast<uint64_t>(whole), kHugePage) - reinterpret_cast<uint64_t>(whole);
-    if (front != 0) {
-        munmap(whole, front);
-    }
-    if (front != kHugePage) {
-        munmap(whole + front + size, kHugePage - front);
-    }
-    return whole + front;
+    munmap(base - above + size, above);
+    return base - above;
 }
 
 } // namespace
@@ -58,7 +63,7 @@ void *qxOSVirtualAlloc(uint64_t size) {
         return nullptr;
     }
     const uint64_t mapped = roundUp(size, page);
-    void *const base = mapped >= kHugePage ? mapAligned(mapped) : map(mapped);
+    void *const base = mapped >= kHugePage ? mapAligned(mapped) : map(nullptr, mapped);
     if (base == nullptr) {
         std::free(region);
         return nullptr;

@@ -1,0 +1,220 @@
+// The main pool: one region of the system's for the data of all frames, and the heap that carves it.
+//
+//   state              mainPool  mainHeap  entered by
+//   no pool            null      null      load; DFRAME_CLOSE; a region that couldn't be had
+//   running            set       set       DFRAME_RESET; the first frame that needs it
+//   pool without heap  set       null      no memory for the heap's records: data goes to the local heap
+//   heap without pool  null      set       DFRAME_CLOSE of the local side; the next frame makes both anew
+#include "frames.h"
+
+#include "local/local_heap.h"
+#include "util/hold.h"
+
+#include <algorithm>
+#include <mutex>
+
+namespace brenvole {
+
+namespace {
+
+// What is tried as long as nobody has said otherwise, in bytes.
+constexpr uint64_t kDefaultPool = 524255000;
+constexpr uint32_t kDefaultGranularity = 4096;
+constexpr uint32_t kDefaultSmallest = 8192;
+
+// The largest size ever asked of the system: a page less than 64 GiB.
+constexpr uint64_t kLargestPool = 0xFFFFFF000;
+// A refused size is lowered by the step as long as it is above the end.
+constexpr uint64_t kStepDown = 32768;
+constexpr uint64_t kStepDownEnd = 0x1000000;
+
+// One thread at a time makes the pool for all that need it. The holder may enter again: a message sink that hears
+// of it may run commands, and these find the state as it then is.
+std::recursive_mutex poolLock;
+
+void warn(const char *text) { ErrFmtOut(QX_WARNING, 0, 0, "WARNING(dfmem): %s\n", text); }
+
+// ---- DFRAME_RESET ----------------------------------------------------------------------------------------------
+
+// Step 3. A heap is idle only if no block lives and the free space is one segment.
+uint32_t heapInUse(::DFHEAP *heap) {
+    const QXHold hold(heap->Lock);
+    uint32_t blocks = 0;
+    uint32_t segments = 0;
+    if (DFHEAP_State(heap, &blocks, &segments) != 0) {
+        return DFMEM_E_BUSY;
+    }
+    return blocks != 0 || segments > 1 ? DFMEM_E_POINTER : 0;
+}
+
+// Steps 7 and 8: the size for what is wanted and what the system has; all of it unsigned, so that a negative wish is
+// a huge one. With 2 bytes or more available, that is the wish, cut to the limit.
+uint64_t poolSizeFor(uint64_t wish, uint64_t available) {
+    constexpr double kShare = 0.8;    // of the available memory: the process needs some for itself
+    constexpr uint64_t kFactor = 10;  // shows through the wrap of its product alone
+    constexpr uint64_t kThresholds[] = {0x4100000, 0x3000000, 0x2000000};
+    const auto limit = static_cast<uint64_t>(static_cast<double>(available) * kShare);
+    uint64_t wanted = wish * kFactor;
+    if (limit != 0 && wanted > limit) {
+        wanted = limit;
+    }
+    uint64_t size = wanted;
+    if (available >= wanted) {
+        size = wanted != 0 ? wanted : available;
+    } else {
+        for (const uint64_t threshold : kThresholds) {
+            if (wanted >= threshold) {
+                size = threshold;
+                break;
+            }
+        }
+    }
+    return std::min(size, wish);
+}
+
+double mebibytes(double bytes) { return bytes / 1024 / 1024; }
+
+// Step 10: what the step-down has left is lowered in tenths. Ends with a size of 0 if there is no region.
+void *allocInTenths(uint64_t *size) {
+    constexpr uint64_t kTenths = 10;
+    const auto step = static_cast<uint32_t>(*size / kTenths);
+    void *base = nullptr;
+    while (base == nullptr) {
+        if (*size <= step || step == 0) { // a step of 0 would never end
+            *size = 0;
+            break;
+        }
+        *size -= step;
+        base = mainPoolAlloc(size);
+    }
+    return base;
+}
+
+// ---- the ends of heap and pool ---------------------------------------------------------------------------------
+
+void dropHeap() {
+    if (::DFHEAP *const heap = mainHeap.exchange(nullptr)) {
+        DFHEAP_Destroy(heap); // reports what is still out
+    }
+}
+
+void dropPool() {
+    if (void *const pool = mainPool.exchange(nullptr)) {
+        qxOSVirtualFree(pool);
+    }
+}
+
+::DFHEAP *createHeap(void *pool) {
+    return DFHEAP_Create(0, reinterpret_cast<uintptr_t>(pool), mainPoolSize, mainGranularity, mainSmallest);
+}
+
+} // namespace
+
+std::atomic<::DFHEAP *> mainHeap = nullptr;
+std::atomic<void *> mainPool = nullptr;
+std::atomic<uint64_t> mainPoolSize = kDefaultPool;
+uint32_t mainGranularity = kDefaultGranularity;
+uint32_t mainSmallest = kDefaultSmallest;
+
+void *mainPoolAlloc(uint64_t *size) {
+    *size = std::min(*size, kLargestPool);
+    void *base = qxOSVirtualAlloc(*size);
+    while (base == nullptr && *size > kStepDownEnd) {
+        *size -= kStepDown;
+        base = qxOSVirtualAlloc(*size);
+    }
+    return base;
+}
+
+// Steps 1 to 3 of the pool's stage: 1 there is one; 2 the region; 3 its heap.
+void mainPoolNeed() {
+    if (mainPool.load() != nullptr && mainHeap.load() != nullptr) {
+        return;
+    }
+    const std::scoped_lock hold(poolLock);
+    if (mainPool.load() != nullptr) { // 1
+        return;
+    }
+    uint64_t size = mainPoolSize; // 2
+    void *const pool = mainPoolAlloc(&size);
+    mainPoolSize = size; // what the next try begins with, if this one has failed
+    if (pool == nullptr) {
+        warn("Unable to allocate main memory pool");
+        return;
+    }
+    // A heap that has lost its pool is only forgotten. It goes before the new pool can be seen, so that no other
+    // thread takes a block of the old one.
+    mainHeap = nullptr;
+    mainPool = pool;
+    mainHeap = createHeap(pool); // 3
+    if (mainHeap.load() == nullptr) {
+        warn("Unable to create main heap");
+    }
+}
+
+// Steps: 1 nothing on the local side; 2 enough already; 3 in use; 4, 5 heap and region go; 6 what the system has;
+// 7, 8 the size; 9 the region; 10 a smaller one; 11 none; 12 the heap.
+uint64_t commandReset(uint32_t command, int64_t param1) {
+    if ((command & DFRAME_FLAG_SYSHEAP) != 0) { // 1
+        return 0;
+    }
+    ::DFHEAP *const heap = mainHeap;
+    void *const pool = mainPool;
+    if (heap != nullptr) { // a pool without a heap is made anew, be it large enough or not
+        if (pool != nullptr && param1 != 0 && param1 <= static_cast<int64_t>(mainPoolSize.load())) { // 2, signed
+            return 0;
+        }
+        const uint32_t inUse = heapInUse(heap); // 3
+        if (inUse != 0) {
+            return frameRefuse(inUse, "Brenvole in use, no re-alloc(0x%lX)");
+        }
+        dropHeap(); // 4
+    }
+    if (pool != nullptr) { // 5; mainPool keeps its value up to step 9, so that no command of a sink makes another one
+        qxOSVirtualFree(pool);
+    }
+    uint64_t total = 0; // 6
+    uint64_t available = 0;
+    qxOSMemoryStatus(&total, &available);
+    uint64_t size = poolSizeFor(static_cast<uint64_t>(param1), available); // 7, 8
+    mainPoolSize = size;
+    ErrOut("Resizing AV Mem (MB) (Total=%2.2f , Available=%2.2f , Requested=%2.2f , Allocating=%2.2f ) ", // 9
+           mebibytes(static_cast<double>(total)), mebibytes(static_cast<double>(available)),
+           mebibytes(static_cast<double>(param1)), mebibytes(static_cast<double>(size)));
+    void *base = mainPoolAlloc(&size);
+    if (base == nullptr) {
+        base = allocInTenths(&size); // 10
+    }
+    mainPoolSize = size;
+    mainPool = base;
+    if (base == nullptr) { // 11
+        return frameWiden(ErrMsgOut(DFMEM_E_OUTOFMEMORY, "Brenvole re-allocation failed", 0, 0, 0, 0));
+    }
+    mainHeap = createHeap(base); // 12; without one the local heap serves
+    ErrOut("AV Mem (actual alloc = %.3f Gb) ", mebibytes(static_cast<double>(size)) / 1024);
+    return 0;
+}
+
+// Steps: 1 it is told; 2 the cached block; 3 the heap; 4 the region; 5 the defaults; 6 the trace.
+uint64_t commandClose(uint32_t command) {
+    const bool system = (command & DFRAME_FLAG_SYSHEAP) == 0;
+    ErrFmtOut(QX_STATUS, 0, 0, "STATUS(dfmem): %s\n", // 1
+              system ? "dfmem:  Closing system heap" : "dfmem:  Closing NON-system heap");
+    LHEAP_DropCache(); // 2
+    if (system) {      // 3
+        dropHeap();
+    }
+    dropPool();                  // 4
+    mainPoolSize = kDefaultPool; // 5
+    mainGranularity = kDefaultGranularity;
+    mainSmallest = kDefaultSmallest;
+    // 6. The trace writes a snapshot here.
+    return 0;
+}
+
+void mainPoolDetach() {
+    dropHeap();
+    dropPool();
+}
+
+} // namespace brenvole
