@@ -1,4 +1,4 @@
-// Frames in the local heap: made and released, and shared.
+// Frames: made and released, in the pool and in the local heap, and shared.
 #include "util/qxutil.h"
 
 #include <brenvole/dframe.h>
@@ -17,20 +17,25 @@ constexpr int64_t kSmallData = 4096;      // a packet of sound; its block comes 
 constexpr int64_t kPictureData = 3110400; // 1920 x 1080, 4:2:0; large enough for the cached block
 constexpr std::size_t kHeaderBytes = DFRAME_SIZE + sizeof(uint32_t); // the record and the count in front of it
 
-uint64_t makeFrame(PDFRAME &frame, int64_t data) {
+constexpr int64_t kPool = 64 << 20;
+
+uint64_t makeFrame(PDFRAME &frame, int64_t data, uint32_t side) {
     frame = nullptr;
-    return DFrameMem(DFRAME_ALLOC | DFRAME_FLAG_SYSHEAP, data, DFRAME_SIZE, &frame);
+    return DFrameMem(DFRAME_ALLOC | side, data, DFRAME_SIZE, &frame);
 }
 
 uint64_t dropFrame(PDFRAME &frame) { return DFrameMem(DFRAME_FREE, 0, 0, &frame); }
 
-void roundTripOurs(benchmark::State &state) {
+void roundTripOurs(benchmark::State &state, uint32_t side) {
     PDFRAME frame = nullptr;
-    uint64_t refused = makeFrame(frame, state.range(0)) | dropFrame(frame); // from here on there is a cached block
+    uint64_t refused = DFrameMem(DFRAME_RESET, kPool, 0, nullptr);
+    refused |=
+        makeFrame(frame, state.range(0), side) | dropFrame(frame); // the local heap caches a block from here on
     for ([[maybe_unused]] auto _ : state) {
-        refused |= makeFrame(frame, state.range(0));
+        refused |= makeFrame(frame, state.range(0), side);
         refused |= dropFrame(frame);
     }
+    DFrameMem(DFRAME_CLOSE, 0, 0, nullptr);
     if (refused != 0) {
         state.SkipWithError("a command was refused");
     }
@@ -64,13 +69,17 @@ void roundTripFloor(benchmark::State &state) {
     qxOSDeleteCriticalSection(&lock);
 }
 
-BENCHMARK(roundTripOurs)->Name("frame_round_trip/ours")->Arg(kSmallData)->Arg(kPictureData);
+BENCHMARK_CAPTURE(roundTripOurs, pool, 0)->Name("frame_round_trip/ours")->Arg(kSmallData)->Arg(kPictureData);
+BENCHMARK_CAPTURE(roundTripOurs, local, DFRAME_FLAG_SYSHEAP)
+    ->Name("frame_round_trip/our_local_heap")
+    ->Arg(kSmallData)
+    ->Arg(kPictureData);
 BENCHMARK(roundTripHeap)->Name("frame_round_trip/calloc_malloc")->Arg(kSmallData)->Arg(kPictureData);
 BENCHMARK(roundTripFloor)->Name("frame_round_trip/floor_clear_2locks")->Arg(kSmallData)->Arg(kPictureData);
 
 void shareOurs(benchmark::State &state) {
     PDFRAME frame = nullptr;
-    uint64_t refused = makeFrame(frame, kSmallData);
+    uint64_t refused = makeFrame(frame, kSmallData, DFRAME_FLAG_SYSHEAP);
     for ([[maybe_unused]] auto _ : state) {
         PDFRAME second = frame;
         refused |= DFrameMem(DFRAME_ADDREF, 0, 0, &second);

@@ -116,8 +116,11 @@ std::vector<Row> rowsOf(std::vector<benchmark::BenchmarkReporter::Run> runs) {
         std::from_chars(argument.data(), argument.data() + argument.size(), n);
         // Processor time: on a shared machine real time counts other programs' turns as well.
         const double seconds = run.cpu_accumulated_time / static_cast<double>(run.iterations);
-        tableAdd(rows, name.substr(0, slash), name.substr(slash + 1), n, static_cast<int>(run.threads),
-                 seconds * 1e9);
+        Side &side = tableSide(rows, name.substr(0, slash), name.substr(slash + 1), n, static_cast<int>(run.threads));
+        side.ns.push_back(seconds * 1e9);
+        if (const auto faults = run.counters.find("faults"); faults != run.counters.end()) {
+            side.faults.push_back(faults->second.value);
+        }
     }
     return rows;
 }

@@ -37,6 +37,17 @@ std::string ratio(const Side *own, const Side *peer, double (*of)(const Side &))
 
 double middle(const Side &side) { return median(side.ns); }
 
+bool countsFaults(const Row &row) { return !row.sides.empty() && !row.sides.front().faults.empty(); }
+
+// The medians of a row with page faults.
+void printFaults(std::ostream &out, const Row &row, const char *quote, const char *separator) {
+    const char *between = "";
+    for (const Side &side : row.sides) {
+        out << between << quote << side.name << quote << separator << text("%.0f", median(side.faults));
+        between = ", ";
+    }
+}
+
 void printLine(std::ostream &out, const Row &row, const Side *own, const Side *peer) {
     const std::string n = row.n != 0 ? std::to_string(row.n) : "";
     out << text("%-18s %8s  %-20s %9s %9s  %9s %9s  %7s %7s\n", row.work.c_str(), n.c_str(),
@@ -58,8 +69,7 @@ double noiseOf(const std::vector<Row> &rows) {
 
 } // namespace
 
-void tableAdd(std::vector<Row> &rows, const std::string &work, const std::string &side, int64_t n, int threads,
-              double ns) {
+Side &tableSide(std::vector<Row> &rows, const std::string &work, const std::string &side, int64_t n, int threads) {
     auto row = std::find_if(rows.begin(), rows.end(),
                             [&](const Row &r) { return r.work == work && r.n == n && r.threads == threads; });
     if (row == rows.end()) {
@@ -67,9 +77,9 @@ void tableAdd(std::vector<Row> &rows, const std::string &work, const std::string
     }
     auto at = std::find_if(row->sides.begin(), row->sides.end(), [&](const Side &s) { return s.name == side; });
     if (at == row->sides.end()) {
-        at = row->sides.insert(at, Side{side, {}});
+        at = row->sides.insert(at, Side{side, {}, {}});
     }
-    at->ns.push_back(ns);
+    return *at;
 }
 
 void tablePrint(std::ostream &out, const std::vector<Row> &rows) {
@@ -91,9 +101,16 @@ void tablePrint(std::ostream &out, const std::vector<Row> &rows) {
             printLine(out, row, own, nullptr);
         }
     }
-    out << text("\nTimes in ns. Noise: a median lies %.1f %% above its minimum here, as a rule; a ratio closer to 1 "
-                "than that says nothing.\n",
-                100 * noiseOf(rows));
+    for (const Row &row : rows) {
+        if (countsFaults(row)) {
+            out << "\nPage faults, " << row.work << ": ";
+            printFaults(out, row, "", " ");
+        }
+    }
+    out << text(
+        "\n\nTimes in ns. Noise: a median lies %.1f %% above its minimum here, as a rule; a ratio closer to 1 "
+        "than that says nothing.\n",
+        100 * noiseOf(rows));
 }
 
 void tableWriteJson(std::ostream &out, const std::vector<Row> &rows) {
@@ -110,7 +127,13 @@ void tableWriteJson(std::ostream &out, const std::vector<Row> &rows) {
                 peerComma = ",";
             }
         }
-        out << "}}";
+        out << '}';
+        if (countsFaults(row)) {
+            out << ",\"faults\":{";
+            printFaults(out, row, "\"", ":");
+            out << '}';
+        }
+        out << '}';
         comma = ",";
     }
     out << "\n]}\n";

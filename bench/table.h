@@ -9,10 +9,12 @@
 #include <string>
 #include <vector>
 
-/** One side of a row. `ns` holds the time of one round of the work, in nanoseconds, per repetition. */
+/** One side of a row: of one round of the work, per repetition, the time in nanoseconds and the page faults, which
+ *  only some works count. */
 struct Side {
     std::string name;
     std::vector<double> ns;
+    std::vector<double> faults;
 };
 
 struct Row {
@@ -22,15 +24,15 @@ struct Row {
     std::vector<Side> sides;
 };
 
-/** Adds one repetition to its row, which is made if there is none. */
-void tableAdd(std::vector<Row> &rows, const std::string &work, const std::string &side, int64_t n, int threads,
-              double ns);
+/** A side of a row; row and side are made if there are none. Valid up to the next call. */
+Side &tableSide(std::vector<Row> &rows, const std::string &work, const std::string &side, int64_t n, int threads);
 
-/** Prints a line for each peer, and one for each row without peers; then what the noise of the run was. */
+/** Prints a line for each peer, and one for each row without peers; then page faults, where they were counted, and
+ *  what the noise of the run was. */
 void tablePrint(std::ostream &out, const std::vector<Row> &rows);
 
 /** Writes the medians as JSON: {"rows":[{"work":,"n":,"threads":,"ours_ns":,"peers":{}}]}. A side that wasn't
- *  measured is missing; `ours_ns` is null then. */
+ *  measured is missing; `ours_ns` is null then. Rows with page faults have "faults" with the sides' names. */
 void tableWriteJson(std::ostream &out, const std::vector<Row> &rows);
 
 #endif

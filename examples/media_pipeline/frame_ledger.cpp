@@ -28,6 +28,7 @@ void noteFailure(FrameLedger &ledger) {
 
 // Opens the account of a new frame. False if there is no memory for it: no exception may pass through a decoder.
 bool enter(FrameLedger &ledger, const DFRAME *frame) {
+    const PoolFigures pool = framePoolFigures();
     const std::lock_guard hold(ledger.lock);
     try {
         ledger.references.emplace(frame, 1);
@@ -38,6 +39,9 @@ bool enter(FrameLedger &ledger, const DFRAME *frame) {
     ++figures.allocated;
     figures.bytesUsed += frame->dwBytesUsed;
     figures.peak = std::max(figures.peak, ledger.references.size());
+    if (pool.used + pool.localUsed > figures.fullest.used + figures.fullest.localUsed) {
+        figures.fullest = pool;
+    }
     return true;
 }
 
@@ -46,7 +50,7 @@ bool enter(FrameLedger &ledger, const DFRAME *frame) {
 PDFRAME ledgerAlloc(FrameLedger &ledger, uint64_t size) {
     PDFRAME frame = nullptr;
     if (size <= kLargestRequest) {
-        DFrameMem(DFRAME_ALLOC, static_cast<int64_t>(size), DFRAME_SIZE, &frame); // null if it fails
+        DFrameMem(DFRAME_ALLOC | ledger.side, static_cast<int64_t>(size), DFRAME_SIZE, &frame); // null if it fails
     }
     if (frame != nullptr) {
         frame->dwBytesUsed = static_cast<uint32_t>(size);

@@ -4,6 +4,8 @@
 #ifndef MEDIA_PIPELINE_FRAME_LEDGER_H
 #define MEDIA_PIPELINE_FRAME_LEDGER_H
 
+#include "frame_pool.h"
+
 #include <brenvole/dframe.h>
 
 #include <cstddef>
@@ -19,11 +21,13 @@ struct LedgerFigures {
     uint64_t bytesUsed = 0; ///< sum of dwBytesUsed over all frames allocated
     std::size_t peak = 0;   ///< most frames alive at once
     std::size_t alive = 0;
+    PoolFigures fullest; ///< after the allocation that left the most bytes in use, in pool and local heap
 };
 
 /** The account. It outlives its frames. `lock` guards all of it and is never held over a command, so that the
  *  library gets its calls from all threads as they come. */
 struct FrameLedger {
+    uint32_t side = 0; ///< DFRAME_FLAG_SYSHEAP: all frames to the local heap
     std::mutex lock;
     std::unordered_map<const DFRAME *, uint32_t> references; ///< of each live frame
     LedgerFigures figures;

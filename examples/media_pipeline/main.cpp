@@ -19,9 +19,11 @@ namespace {
 constexpr int kFailure = 1;
 constexpr int kUsage = 2;
 
-// What the library has to say; in a good run that is nothing. One per process, as the library's log is.
+// What the library has to say while frames come and go; in a good run that is nothing. One per process, as the
+// library's log is. The making and the end of the pool are told as well, and don't count.
 struct LibraryMessages {
     std::mutex lock;
+    bool counting = false;
     uint64_t count = 0;
     std::array<char, 256> first{}; // in place: no exception may pass through the library
 };
@@ -32,9 +34,14 @@ int lineLength(const char *message) { return static_cast<int>(std::strcspn(messa
 
 void takeLibraryMessage(uint32_t, const char *message, void *) {
     const std::lock_guard hold(messages.lock);
-    if (messages.count++ == 0) {
+    if (messages.counting && messages.count++ == 0) {
         std::snprintf(messages.first.data(), messages.first.size(), "%.*s", lineLength(message), message);
     }
+}
+
+void countMessages(bool counting) {
+    const std::lock_guard hold(messages.lock);
+    messages.counting = counting;
 }
 
 void complain(const std::string &subject, const std::string &problem) {
@@ -59,6 +66,9 @@ std::string problemsOf(const PipelineResult &result) {
     if (frames.alive != 0) {
         add(problems, "frames still alive at the end: " + std::to_string(frames.alive));
     }
+    if (result.pool.used != 0) {
+        add(problems, "bytes still used in the pool at the end: " + std::to_string(result.pool.used));
+    }
     if (messages.count != 0) {
         add(problems,
             "messages of the library: " + std::to_string(messages.count) + ", first: " + messages.first.data());
@@ -67,9 +77,16 @@ std::string problemsOf(const PipelineResult &result) {
 }
 
 int run(const Options &options, Progress &progress) {
-    qxSetLogSink(takeLibraryMessage, nullptr);
-    const PipelineResult result = runPipeline(options.file, options.threads, progress);
-    qxSetLogSink(nullptr, nullptr);
+    qxSetLogSink(takeLibraryMessage, nullptr); // for good: the library may log until the process ends
+    const bool local = options.poolBytes == 0;
+    if (!local && !framePoolOpen(options.poolBytes)) {
+        complain("", "no memory for a pool, not even for a smaller one");
+        return kFailure;
+    }
+    countMessages(true);
+    const PipelineResult result = runPipeline(options.file, options.threads, local, progress);
+    countMessages(false);
+    framePoolClose();
 
     if (result.opened && !options.quiet) {
         printReport(options.file, result, messages.count);

@@ -11,6 +11,8 @@ Without a file it takes the clip that comes with the program.
 
   --verify      decode once more into the decoders' own buffers, and compare
   --threads N   threads of each decoder, 1 to 16 (2)
+  --pool N      megabytes of the pool that the frames lie in, 1 to 60000 (524)
+  --local       no pool: every frame goes to the local heap
   --quiet       print errors only
   --help        print this
 
@@ -21,11 +23,18 @@ Exit status: 0 if all went well, 1 if the file is damaged or a check failed,
 namespace {
 
 constexpr int kMostThreads = 16;
+constexpr int kMostMegabytes = 60000;
+constexpr uint64_t kMegabyte = 1000000;
 
-bool parseThreads(int &threads, const char *text) {
-    const char *const end = text + std::strlen(text);
-    const auto [stop, error] = std::from_chars(text, end, threads);
-    return error == std::errc() && stop == end && threads >= 1 && threads <= kMostThreads;
+// The number behind an option, from 1 to `most`.
+bool parseNumber(int &number, const char *text, int most, const std::string &option, std::string &error) {
+    const char *const end = text != nullptr ? text + std::strlen(text) : nullptr;
+    const auto [stop, problem] = std::from_chars(text, end, number);
+    if (problem == std::errc() && stop == end && number >= 1 && number <= most) {
+        return true;
+    }
+    error = option + " wants a number from 1 to " + std::to_string(most);
+    return false;
 }
 
 } // namespace
@@ -51,10 +60,17 @@ bool parseOptions(Options &options, int count, char **arguments, std::string &er
         } else if (word == "--help") {
             options.help = true;
         } else if (word == "--threads") {
-            if (++i == count || !parseThreads(options.threads, arguments[i])) {
-                error = "--threads wants a number from 1 to " + std::to_string(kMostThreads);
+            if (!parseNumber(options.threads, arguments[++i], kMostThreads, word, error)) { // null at the end
                 return false;
             }
+        } else if (word == "--pool") {
+            int megabytes = 0;
+            if (!parseNumber(megabytes, arguments[++i], kMostMegabytes, word, error)) {
+                return false;
+            }
+            options.poolBytes = static_cast<uint64_t>(megabytes) * kMegabyte;
+        } else if (word == "--local") {
+            options.poolBytes = 0;
         } else {
             error = "unknown option " + word + "; --help lists them";
             return false;

@@ -3,11 +3,13 @@
 #ifndef MEDIA_PIPELINE_OPTIONS_H
 #define MEDIA_PIPELINE_OPTIONS_H
 
+#include <cstdint>
 #include <string>
 
 struct Options {
-    std::string file; ///< the shipped clip if none is named
-    int threads = 2;  ///< of each decoder
+    std::string file;               ///< the shipped clip if none is named
+    int threads = 2;                ///< of each decoder
+    uint64_t poolBytes = 524255000; ///< what the library makes when nobody says otherwise; 0: no pool
     bool verify = false;
     bool quiet = false;
     bool help = false;

@@ -123,14 +123,15 @@ void describeStreams(Pipeline &pipeline) {
 
 std::string progressText(Pipeline &pipeline) {
     const auto duration = static_cast<double>(pipeline.file.demuxer->duration) / AV_TIME_BASE; // not above 0: unknown
-    char text[100];
+    const PoolFigures pool = framePoolFigures();
+    char text[160];
     char length[30] = "";
     if (duration > 0) {
         std::snprintf(length, sizeof length, " of %.1f", duration);
     }
-    std::snprintf(text, sizeof text, "decoding  %.1f%s s  %llu pictures and blocks  %zu frames alive",
+    std::snprintf(text, sizeof text, "decoding  %.1f%s s  %llu pictures and blocks  %zu frames alive, %.1f MB",
                   pipeline.position.load(), length, static_cast<unsigned long long>(pipeline.delivered.load()),
-                  ledgerFigures(pipeline.ledger).alive);
+                  ledgerFigures(pipeline.ledger).alive, static_cast<double>(pool.used + pool.localUsed) / 1e6);
     return text;
 }
 
@@ -161,8 +162,9 @@ void runStages(Pipeline &pipeline, Progress &progress) {
 
 } // namespace
 
-PipelineResult runPipeline(const std::string &path, int threads, Progress &progress) {
+PipelineResult runPipeline(const std::string &path, int threads, bool local, Progress &progress) {
     Pipeline pipeline;
+    pipeline.ledger.side = local ? DFRAME_FLAG_SYSHEAP : 0;
     pipeline.file = openMedia(path, threads, &pipeline.ledger, pipeline.result.error);
     if (pipeline.file.demuxer == nullptr) {
         pipeline.result.frames = ledgerFigures(pipeline.ledger);
@@ -175,6 +177,7 @@ PipelineResult runPipeline(const std::string &path, int threads, Progress &progr
     pipeline.result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     pipeline.file = {}; // the decoders let go of the pictures that they refer to
     pipeline.result.frames = ledgerFigures(pipeline.ledger);
+    pipeline.result.pool = framePoolFigures();
     progressErase(progress);
     return std::move(pipeline.result);
 }

@@ -35,10 +35,12 @@ struct PipelineResult {
     std::string error; ///< empty if nothing went wrong
     std::vector<StreamResult> streams;
     LedgerFigures frames; ///< after the end of all threads and decoders
+    PoolFigures pool;     ///< then, too
     double seconds = 0;
 };
 
-PipelineResult runPipeline(const std::string &path, int threads, Progress &progress);
+/** @param local  all frames to the local heap, be there a pool or not */
+PipelineResult runPipeline(const std::string &path, int threads, bool local, Progress &progress);
 
 /** All records of pictures, or of blocks of samples. */
 uint64_t countRecords(const PipelineResult &result, bool pictures);

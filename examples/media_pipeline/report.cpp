@@ -37,6 +37,23 @@ std::string megabytes(uint64_t bytes) {
     return text;
 }
 
+void printPoolLine(const char *name, const PoolFigures &figures) {
+    std::printf("%-26s%-13s%-15s%s\n", name, megabytes(figures.total).c_str(), megabytes(figures.largestFree).c_str(),
+                megabytes(figures.used).c_str());
+}
+
+void printPool(const PipelineResult &result) {
+    const PoolFigures &fullest = result.frames.fullest;
+    std::printf("\n%-26s%-13s%-15s%s\n", "memory", "total", "largest free", "used");
+    if (result.pool.total != 0) {
+        printPoolLine("pool, at its fullest", fullest);
+        printPoolLine("pool, at the end", result.pool);
+    }
+    std::printf("%-26s%-13s%-15s%s\n", "local heap, then", "", "", megabytes(fullest.localUsed).c_str());
+    std::printf("%-26s%-13s%-15s%s%s\n", "local heap, at the end", "", "", megabytes(result.pool.localUsed).c_str(),
+                result.pool.localUsed != 0 ? " (kept for the next frame)" : "");
+}
+
 } // namespace
 
 void printReport(const std::string &path, const PipelineResult &result, uint64_t messages) {
@@ -72,4 +89,5 @@ void printReport(const std::string &path, const PipelineResult &result, uint64_t
         std::snprintf(text, sizeof text, "%.2f s", result.seconds);
     }
     printLine("time", text);
+    printPool(result);
 }

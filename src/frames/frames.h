@@ -1,6 +1,6 @@
 /** @file
- *  What the units of the front end share: the life of headers and of their data, and the pool. `msgarea` and `line` name the
- *  call site; they are handed on everywhere and decide nothing. */
+ *  What the units of the front end share: the life of headers and of their data, and the pool. `msgarea` and `line`
+ * name the call site; they are handed on everywhere and decide nothing. */
 #ifndef BRENVOLE_FRAMES_H
 #define BRENVOLE_FRAMES_H
 

@@ -50,8 +50,8 @@ uint32_t heapInUse(::DFHEAP *heap) {
 // Steps 7 and 8: the size for what is wanted and what the system has; all of it unsigned, so that a negative wish is
 // a huge one. With 2 bytes or more available, that is the wish, cut to the limit.
 uint64_t poolSizeFor(uint64_t wish, uint64_t available) {
-    constexpr double kShare = 0.8;    // of the available memory: the process needs some for itself
-    constexpr uint64_t kFactor = 10;  // shows through the wrap of its product alone
+    constexpr double kShare = 0.8;   // of the available memory: the process needs some for itself
+    constexpr uint64_t kFactor = 10; // shows through the wrap of its product alone
     constexpr uint64_t kThresholds[] = {0x4100000, 0x3000000, 0x2000000};
     const auto limit = static_cast<uint64_t>(static_cast<double>(available) * kShare);
     uint64_t wanted = wish * kFactor;

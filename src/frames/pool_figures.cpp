@@ -10,9 +10,7 @@ namespace brenvole {
 namespace {
 
 // The heap that a command asks about; null for the local side.
-::DFHEAP *askedHeap(uint32_t command) {
-    return (command & DFRAME_FLAG_SYSHEAP) == 0 ? mainHeap.load() : nullptr;
-}
+::DFHEAP *askedHeap(uint32_t command) { return (command & DFRAME_FLAG_SYSHEAP) == 0 ? mainHeap.load() : nullptr; }
 
 uint64_t localFree() {
     const uint64_t size = mainPoolSize;
@@ -34,9 +32,7 @@ uint64_t held(uint64_t figure, PDFRAME *ppDF) {
 
 } // namespace
 
-uint64_t commandTotal(uint32_t command) {
-    return askedHeap(command) != nullptr ? mainPoolSize.load() : localFree();
-}
+uint64_t commandTotal(uint32_t command) { return askedHeap(command) != nullptr ? mainPoolSize.load() : localFree(); }
 
 uint64_t commandLargest(uint32_t command, PDFRAME *ppDF) {
     ::DFHEAP *const heap = askedHeap(command);

@@ -45,7 +45,9 @@ QXUTIL_API uint32_t ErrMsgOut(uint32_t status, const char *text, uintptr_t, uint
  *  It may call the library and QXUtil, and throws nothing. It may run while the library holds a lock, so it must not
  * wait for another thread that is inside the library. */
 typedef void (*QXLogSink)(uint32_t severity, const char *message, void *context);
-/** Puts `sink` in place of the log; null restores the log. Calls of the old sink that have begun go on. */
+/** Puts `sink` in place of the log; null restores the log. Calls of the old sink that have begun go on. The memory
+ *  library logs up to its very end in the process, behind the host's static objects: a sink lasts as long, or is taken
+ *  off. */
 QXUTIL_API void qxSetLogSink(QXLogSink sink, void *context);
 /** @} */
 
@@ -158,8 +160,8 @@ QXUTIL_API uint32_t d_ListCount(d_List *list);
 
 /** @name Platform layer
  *  @{ */
-/** @return a committed, readable, writable, zero-filled region of `size` bytes, page-aligned; null if it can't
- *  be had or `size` is 0 */
+/** @return a committed, readable, writable, zero-filled region of `size` bytes, page-aligned, in huge pages where
+ *  the system has them; null if it can't be had or `size` is 0. A refusal costs one call of the system. */
 QXUTIL_API void *qxOSVirtualAlloc(uint64_t size);
 /** Gives a whole region back, named by its base. Any other address is left alone. */
 QXUTIL_API void qxOSVirtualFree(void *base);
