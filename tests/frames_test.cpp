@@ -354,6 +354,9 @@ class FrameModel : public Frames, public testing::WithParamInterface<uint64_t> {
             ASSERT_EQ(figure(DFRAME_TOTALUSED), usable - available);
             ASSERT_EQ(figure(DFRAME_LARGEST), largestGap());
         }
+        uint64_t local = cache.size;
+        for (const Model &model : live) { local += model.effective; }
+        ASSERT_EQ(figure(DFRAME_TOTALUSED | DFRAME_FLAG_SYSHEAP), usable == 0 || local < GetParam() ? local : 0);
         const auto localBlocks = static_cast<int64_t>(live.size()) - inPool + (cache.size != 0 ? 1 : 0);
         const int64_t heapRecords = usable != 0 ? 2 + inPool + static_cast<int64_t>(free.size()) : 0;
         ASSERT_EQ(blocksOut(), outBefore + static_cast<int64_t>(live.size()) + localBlocks + heapRecords);

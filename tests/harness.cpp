@@ -52,6 +52,15 @@ extern "C" __attribute__((visibility("default"))) void qxOSMemoryStatus(uint64_t
     *available = fakeSystem->available;
 }
 
+uint64_t clockMs = 5000;
+extern "C" __attribute__((visibility("default"))) uint64_t qxOSGetTimeMs() { return clockMs; }
+
+uint64_t mappedPages() {
+    uint64_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    return pages;
+}
+
 int mappingsAt(const void *address) {
     std::ifstream maps("/proc/self/maps");
     int count = 0;

@@ -48,8 +48,12 @@ struct FakeSystem {
     ~FakeSystem();
 };
 
-// Mappings of this process that hold the address.
+// Mappings of this process that hold the address, and pages of them all.
 int mappingsAt(const void *address);
+uint64_t mappedPages();
+
+// What qxOSGetTimeMs tells.
+extern uint64_t clockMs;
 
 // Collects messages while it lives.
 struct LogCapture {

@@ -15,13 +15,6 @@
 
 using namespace brenvole;
 
-static uint64_t (*replaceClock)() = nullptr;
-
-// The dump's pause is measured by this clock.
-extern "C" __attribute__((visibility("default"))) uint64_t qxOSGetTimeMs() {
-    return replaceClock != nullptr ? replaceClock() : 5000;
-}
-
 // Strikes at a call of the list operations that move records.
 enum class ListFault { refuse, throwBefore, throwBehind };
 static ListFault listFault;
@@ -272,9 +265,7 @@ TEST_F(Heap, ThreadsOnOneHeap) {
 }
 
 TEST_F(Heap, DumpTellsBothLists) {
-    static uint64_t now;
-    now = 100000;
-    replaceClock = [] { return now; };
+    clockMs += 100000;
     PDFRAME frame = nullptr;
     ASSERT_EQ(DFrameMem(DFRAME_ALLOC | DFRAME_FLAG_SYSHEAP, 10, 1, &frame), 0u);
     frame->lpLink[2] = reinterpret_cast<void *>(0x12345678ABCD);
@@ -286,17 +277,17 @@ TEST_F(Heap, DumpTellsBothLists) {
                          "\nFreeList: (64>s196{r0})Owner(0x00000000) VideoChunks = 1, AudioChunks = 0"};
     EXPECT_EQ(log.take(), first);
     DFrameMem(DFRAME_FREE, 0, 0, &frame); // gone: its word is not read
-    now += 999;
+    clockMs += 999;
     _DFHEAP_DumpList(heap);
     EXPECT_EQ(log.take(), Texts{});
-    now -= 50000; // backwards
+    clockMs -= 50000; // backwards
     _DFHEAP_DumpList(heap);
     EXPECT_EQ(log.take()[0].find("5678abcd"), std::string::npos);
     DFHEAP_Free(heap, b, nullptr);
     dropAll({a, b, c});
     std::vector<uint64_t> many(40);
     for (uint64_t &block : many) { block = take(4096); }
-    now += 1000;
+    clockMs += 1000;
     _DFHEAP_DumpList(heap);
     const Texts lines = log.take();
     ASSERT_EQ(lines.size(), 6u); // an item has 29 characters: eight to a line, 232 of 254
@@ -306,7 +297,6 @@ TEST_F(Heap, DumpTellsBothLists) {
     for (const uint64_t block : many) { dropAll({block}); }
     DFHEAP_Destroy(std::exchange(heap, nullptr));
     DllMain(nullptr, 0, nullptr);
-    replaceClock = nullptr;
 }
 
 } // namespace

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstring>
 #include <random>
+#include <thread>
 
 #include <sys/resource.h>
 
@@ -84,6 +85,7 @@ TEST_F(Pool, Sizing) {
         {"last step", k8G, 16777216, 16777217, 16744449, 2, {"7629.39", "16.00", "16.00", "0.016"}},
         {"tenths", k8G, 10000000, 20000000, 8377988, 105, {"7629.39", "19.07", "19.07", "0.008"}},
         {"last tenth", k8G, 9999, 16777216, 6, 11, {"7629.39", "16.00", "16.00", "0.000"}},
+        {"ten tenths", k8G, 0, 10000000, 0, 10, {"7629.39", "9.54", "9.54", nullptr}},
         {"nothing", k8G, 0, 20000000, 0, 110, {"7629.39", "19.07", "19.07", nullptr}},
         {"no tenth", k8G, 0, 9, 0, 1, {"7629.39", "0.00", "0.00", nullptr}},
         {"none wanted", k8G, kAll, 0, 0, 1, {"7629.39", "0.00", "0.00", nullptr}},
@@ -238,6 +240,7 @@ TEST_F(Pool, NoRegionForAFrame) {
         PDFRAME frame = nullptr;
         system.tries = 0;
         EXPECT_EQ(alloc(frame, -1), kWidenedOutOfMemory); // too large for a local block
+        EXPECT_EQ(log.messages[2].first, QX_WARNING);
         EXPECT_EQ(log.take()[2], kNoRegion);
         EXPECT_EQ(system.tries, tries);
         EXPECT_EQ(run(DFRAME_TOTAL), 16776984u);
@@ -277,6 +280,22 @@ TEST_F(Pool, EachAllocationFails) {
     }
 }
 
+// A frame whose pointer isn't to be released (its length is 0) doesn't lose it to a pool that comes to nothing.
+TEST_F(Pool, WithoutAHeapThePointerStays) {
+    ::DFHEAP *const old = leaveHeapAlone();
+    PDFRAME frame = nullptr;
+    ASSERT_EQ(alloc(frame, 1000, DFRAME_FLAG_SYSHEAP), 0u);
+    uint8_t *const data = frame->lpData;
+    frame->dwBufferLength = 0;
+    failNth(1);
+    EXPECT_EQ(alloc(frame, 1000), 0u);
+    EXPECT_EQ(log.take(), Texts{kNoHeap});
+    EXPECT_EQ(+frame->lpData, data);
+    EXPECT_EQ(free(frame), 0u);
+    DFHEAP_Destroy(old);
+    log.take();
+}
+
 TEST_F(Pool, ThreadsThatNeedItFirst) {
     for (int round = 0; round < 20; ++round) {
         ::DFHEAP *const old = leaveHeapAlone();
@@ -300,45 +319,89 @@ TEST_F(Pool, ThreadsThatNeedItFirst) {
 // ---- large figures, messages --------------------------------------------------------------------------------------
 
 TEST_F(Pool, MoreThan32Bits) {
-    EXPECT_EQ(run(DFRAME_DUMP), 0u);
-    EXPECT_EQ(log.take(), Texts{});
     ASSERT_EQ(reset(0x140000001), 0u);
+    uint64_t word = 0;
+    const auto figure = [&](uint32_t command) {
+        return DFrameMem(command, 0, 0, reinterpret_cast<PDFRAME *>(&word));
+    };
     for (const uint32_t command : {DFRAME_LARGEST, DFRAME_TOTALAVAIL}) {
-        uint64_t word = 0;
-        EXPECT_EQ(DFrameMem(command, 0, 0, reinterpret_cast<PDFRAME *>(&word)), 0xFFFFFFFFu);
+        EXPECT_EQ(figure(command), 0xFFFFFFFFu);
         EXPECT_EQ(word, 0x140000000u);
     }
     EXPECT_EQ(run(DFRAME_TOTAL), 0x140000001u);
     PDFRAME frame = nullptr;
     ASSERT_EQ(alloc(frame, -1), 0u); // 4294967295 bytes become 2^32, of which the frame can tell the low half
     EXPECT_EQ(frame->dwBufferLength, 0u);
+    EXPECT_EQ(figure(DFRAME_TOTALUSED), 0xFFFFFFFFu);
+    EXPECT_EQ(word, 0x100000000u);
     EXPECT_EQ(addRef(frame), 0u);
-    PDFRAME second = frame;
+    frame->lpData += uint64_t{1} << 32; // in the region and in no block: the header's count is raised all the same
+    EXPECT_EQ(addRef(frame), 0xFFFFFFFFu);
+    EXPECT_EQ(frameBlockOf(frame)->dwRefCount, 3u);
+    frame->lpData -= 1; // anywhere inside will do
+    PDFRAME second = nullptr;
+    ASSERT_EQ(alloc(second, 10000), 0u);
+    for (int i = 0; i < 3; ++i) {
+        PDFRAME held = frame;
+        EXPECT_EQ(free(held), 0u);
+    }
+    // Two segments. A sum that passes 64 bits is held there.
+    uint64_t &largest = physRecord(d_ListHead(&mainHeap.load()->FreeList))->qwSize;
+    const uint64_t before = std::exchange(largest, UINT64_MAX);
+    EXPECT_EQ(figure(DFRAME_TOTALAVAIL), 0xFFFFFFFFu);
+    EXPECT_EQ(word, UINT64_MAX);
+    largest = before;
     EXPECT_EQ(free(second), 0u);
+    // The local side: as much taken as the pool is large, and less.
+    localBytes = 0x40000001;
+    mainPoolSize = 0x40000001;
+    EXPECT_EQ(run(DFRAME_TOTAL | DFRAME_FLAG_SYSHEAP) + run(DFRAME_TOTALUSED | DFRAME_FLAG_SYSHEAP), 0u);
+    localBytes = 1000;
+    EXPECT_EQ(run(DFRAME_TOTAL | DFRAME_FLAG_SYSHEAP), 0x40000001u - 1000);
+    EXPECT_EQ(run(DFRAME_TOTALUSED | DFRAME_FLAG_SYSHEAP), 1000u);
+    localBytes = 0;
     log.take();
+}
+
+TEST_F(Pool, DumpAndEndTellWhatThereIs) {
+    EXPECT_EQ(run(DFRAME_DUMP), 0u);
+    ASSERT_EQ(reset(1000000), 0u);
+    PDFRAME frame = nullptr;
+    PDFRAME local = nullptr;
+    ASSERT_EQ(alloc(frame, 10000) | alloc(local, 10000, DFRAME_FLAG_SYSHEAP), 0u);
+    frame->lpLink[2] = reinterpret_cast<void *>(0xABCD);
+    EXPECT_EQ(reset(2000000), DFMEM_E_POINTER);
+    log.take();
+    const Texts dump = {"\nAllocList:(0>s4{r1})Owner(0x0000abcd) VideoChunks = 0, AudioChunks = 1",
+                        "\nFreeList: (4>s240{r0})Owner(0x00000000) VideoChunks = 1, AudioChunks = 0"};
+    clockMs += 5000;
     EXPECT_EQ(run(DFRAME_DUMP | DFRAME_FLAG_SYSHEAP), 0u);
     EXPECT_EQ(log.take(), Texts{});
     EXPECT_EQ(run(DFRAME_DUMP), 0u);
-    for (const std::string &text : log.take()) {
-        EXPECT_TRUE(text.find("List:") < 12) << text;
-    }                                   // none right after another test's dump
-    frame->lpData += uint64_t{1} << 32; // in the region and in no block: the header's count stays raised
-    EXPECT_EQ(addRef(frame), 0xFFFFFFFFu);
-    frame->lpData -= 1; // anywhere inside will do
-    second = frame;
-    EXPECT_EQ(free(second) | free(frame), 0u);
-    EXPECT_EQ(run(DFRAME_TOTALUSED), 0u);
-}
-
-TEST_F(Pool, CloseTellsWhatIsLost) {
-    ASSERT_EQ(reset(1000000), 0u);
-    PDFRAME frame = nullptr;
-    ASSERT_EQ(alloc(frame, 10000), 0u);
-    log.take();
-    run(DFRAME_CLOSE);
-    EXPECT_EQ(log.take()[1], "\nMemory found not free'ed size 16384");
-    EXPECT_EQ(free(frame), 0xFFFFFFFEu);
-    EXPECT_EQ(log.take().size(), 2u);
+    EXPECT_EQ(log.take(), dump);
+    clockMs += 1000;
+    failNth(1, true);
+    PDFRAME refused = nullptr;
+    EXPECT_EQ(alloc(refused, 1, DFRAME_FLAG_SYSHEAP), kWidenedOutOfMemory);
+    failNth(0);
+    const Texts texts = log.take();
+    EXPECT_EQ(texts[2], "Local Alloc Failed, Brenvole Failed");
+    EXPECT_EQ((Texts{texts[3], texts[4]}), dump);
+    // The cached block goes first when the pool is closed, and last when the library leaves.
+    for (const bool byClose : {false, true}) {
+        EXPECT_EQ(free(local), 0u);
+        byClose ? run(DFRAME_CLOSE) : static_cast<uint64_t>(DllMain(nullptr, 0, nullptr));
+        const Texts end = log.take();
+        EXPECT_EQ(end[end.size() - 2], "\nMemory found not free'ed size 16384");
+        EXPECT_EQ(end.back(), "Net DFrames Allocated in brenvole " + std::to_string(dframes) +
+                                  " (bytes = " + std::to_string(dframe_bytes) + ") phys heap allocations " +
+                                  std::to_string(phys_allocs) + " local heap allocations " + (byClose ? "0" : "1"));
+        EXPECT_EQ(free(frame), 0xFFFFFFFEu);
+        EXPECT_EQ(log.take().size(), 2u);
+        if (!byClose) {
+            ASSERT_EQ(reset(1000000) | alloc(frame, 10000) | alloc(local, 10000, DFRAME_FLAG_SYSHEAP), 0u);
+        }
+    }
 }
 
 // ---- the system itself --------------------------------------------------------------------------------------------
@@ -346,10 +409,12 @@ TEST_F(Pool, CloseTellsWhatIsLost) {
 TEST_F(Pool, TheWholeRegionGoesBack) {
     fake.reset();
     const uint64_t wish = kSanitized ? 64000000 : UINT64_MAX; // else all that there is
+    uint8_t *last = nullptr;
     for (const bool byClose : {true, false}) {
         ASSERT_EQ(reset(wish), 0u);
         auto *const base = static_cast<uint8_t *>(mainPool.load());
         const uint64_t size = mainPoolSize;
+        EXPECT_TRUE(kSanitized || base != std::exchange(last, base)); // never where another one was
         PDFRAME big = nullptr;
         PDFRAME small = nullptr;
         ASSERT_EQ(alloc(big, 3110400) | alloc(small, 4096), 0u);
@@ -364,6 +429,27 @@ TEST_F(Pool, TheWholeRegionGoesBack) {
         EXPECT_EQ(mappingsAt(base) + mappingsAt(base + size - 1), 0);
         log.take();
     }
+}
+
+// The process ends while its threads write into their pictures.
+TEST_F(Pool, ThreadsMayBeAtWorkAtTheEnd) {
+    if (kSanitized) { GTEST_SKIP() << "the sanitizers wait for the threads"; }
+    fake.reset();
+    EXPECT_EXIT(
+        {
+            reset(64000000);
+            std::atomic<int> ready = 0;
+            for (int i = 0; i < 2; ++i) {
+                std::thread([&ready] {
+                    PDFRAME frame = nullptr;
+                    alloc(frame, 10000000);
+                    for (++ready;;) { std::memset(frame->lpData, 1, frame->dwBufferLength); }
+                }).detach();
+            }
+            while (ready < 2) {}
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 // A process that may have less than it asks for: the steps lead to a size that it may have.

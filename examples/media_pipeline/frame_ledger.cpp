@@ -39,8 +39,10 @@ bool enter(FrameLedger &ledger, const DFRAME *frame) {
     ++figures.allocated;
     figures.bytesUsed += frame->dwBytesUsed;
     figures.peak = std::max(figures.peak, ledger.references.size());
-    if (pool.used + pool.localUsed > figures.fullest.used + figures.fullest.localUsed) {
-        figures.fullest = pool;
+    figures.bytesAlive += frame->dwBufferLength;
+    if (figures.bytesAlive > figures.bytesPeak) {
+        figures.bytesPeak = figures.bytesAlive;
+        figures.poolAtPeak = pool;
     }
     return true;
 }
@@ -86,6 +88,7 @@ void ledgerDrop(PDFRAME frame) {
         const auto entry = ledger.references.find(frame);
         if (--entry->second == 0) {
             ledger.references.erase(entry);
+            ledger.figures.bytesAlive -= frame->dwBufferLength;
         }
     }
     if (DFrameMem(DFRAME_FREE, 0, 0, &frame) != 0) {

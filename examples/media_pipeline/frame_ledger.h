@@ -21,7 +21,9 @@ struct LedgerFigures {
     uint64_t bytesUsed = 0; ///< sum of dwBytesUsed over all frames allocated
     std::size_t peak = 0;   ///< most frames alive at once
     std::size_t alive = 0;
-    PoolFigures fullest; ///< after the allocation that left the most bytes in use, in pool and local heap
+    uint64_t bytesAlive = 0; ///< sum of dwBufferLength
+    uint64_t bytesPeak = 0;  ///< most of these at once
+    PoolFigures poolAtPeak;  ///< what of it lay in the pool, and how that then was
 };
 
 /** The account. It outlives its frames. `lock` guards all of it and is never held over a command, so that the

@@ -22,7 +22,6 @@ PoolFigures framePoolFigures() {
     if (figures.largestFree + figures.used != 0) { // without a pool DFRAME_TOTAL tells of one that could be
         figures.total = DFrameMem(DFRAME_TOTAL, 0, 0, nullptr);
     }
-    figures.localUsed = DFrameMem(DFRAME_TOTALUSED | DFRAME_FLAG_SYSHEAP, 0, 0, nullptr);
     return figures;
 }
 

@@ -5,12 +5,11 @@
 
 #include <cstdint>
 
-/** Bytes; of the pool if there is one, and of the local heap, where frames go if it is full. */
+/** Bytes; all 0 without a pool. */
 struct PoolFigures {
-    uint64_t total = 0; ///< 0: no pool
+    uint64_t total = 0;
     uint64_t largestFree = 0;
     uint64_t used = 0;
-    uint64_t localUsed = 0; ///< released blocks that the library keeps for the next frame included
 };
 
 /** Makes the pool; before any frame. @return false if the library can't, it has then logged why */

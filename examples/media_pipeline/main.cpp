@@ -99,7 +99,7 @@ int run(const Options &options, Progress &progress) {
             const char *const excuse = result.error.empty() ? "" : " (the error may be why)";
             add(problems, "verify: " + difference + excuse);
         } else if (!options.quiet) {
-            std::printf("%-26sall %llu pictures and all %llu blocks match the decoders' own%s\n", "verify",
+            std::printf("%-26spictures: %llu, blocks: %llu, all as the decoders' own%s\n", "verify",
                         static_cast<unsigned long long>(countRecords(result, true)),
                         static_cast<unsigned long long>(countRecords(result, false)),
                         result.frames.alive == 0 ? "; no frame is alive" : "");

@@ -12,7 +12,7 @@ Without a file it takes the clip that comes with the program.
   --verify      decode once more into the decoders' own buffers, and compare
   --threads N   threads of each decoder, 1 to 16 (2)
   --pool N      megabytes of the pool that the frames lie in, 1 to 60000 (524)
-  --local       no pool: every frame goes to the local heap
+  --local       no pool: every frame goes to the local heap. Not with --pool.
   --quiet       print errors only
   --help        print this
 
@@ -42,6 +42,8 @@ bool parseNumber(int &number, const char *text, int most, const std::string &opt
 bool parseOptions(Options &options, int count, char **arguments, std::string &error) {
     bool named = false;
     bool onlyFiles = false; // after "--"
+    bool local = false;
+    bool sized = false;
     for (int i = 1; i < count; ++i) {
         const std::string word = arguments[i];
         if (onlyFiles || word.empty() || word[0] != '-') {
@@ -69,12 +71,20 @@ bool parseOptions(Options &options, int count, char **arguments, std::string &er
                 return false;
             }
             options.poolBytes = static_cast<uint64_t>(megabytes) * kMegabyte;
+            sized = true;
         } else if (word == "--local") {
-            options.poolBytes = 0;
+            local = true;
         } else {
             error = "unknown option " + word + "; --help lists them";
             return false;
         }
+    }
+    if (local && sized) {
+        error = "--pool and --local contradict each other";
+        return false;
+    }
+    if (local) {
+        options.poolBytes = 0;
     }
     if (!named) {
         options.file = MEDIA_PIPELINE_CLIP;

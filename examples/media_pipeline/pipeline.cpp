@@ -123,16 +123,24 @@ void describeStreams(Pipeline &pipeline) {
 
 std::string progressText(Pipeline &pipeline) {
     const auto duration = static_cast<double>(pipeline.file.demuxer->duration) / AV_TIME_BASE; // not above 0: unknown
+    const LedgerFigures frames = ledgerFigures(pipeline.ledger);
     const PoolFigures pool = framePoolFigures();
+    const auto megabytes = [](uint64_t bytes) { return static_cast<double>(bytes) / 1e6; };
     char text[160];
     char length[30] = "";
     if (duration > 0) {
         std::snprintf(length, sizeof length, " of %.1f", duration);
     }
-    std::snprintf(text, sizeof text, "decoding  %.1f%s s  %llu pictures and blocks  %zu frames alive, %.1f MB",
-                  pipeline.position.load(), length, static_cast<unsigned long long>(pipeline.delivered.load()),
-                  ledgerFigures(pipeline.ledger).alive, static_cast<double>(pool.used + pool.localUsed) / 1e6);
-    return text;
+    std::snprintf(text, sizeof text, "%.1f%s s  %llu decoded  %zu frames alive, %.1f MB", pipeline.position.load(),
+                  length, static_cast<unsigned long long>(pipeline.delivered.load()), frames.alive,
+                  megabytes(frames.bytesAlive));
+    std::string line = text;
+    if (pool.total != 0) {
+        std::snprintf(text, sizeof text, "  pool %.1f of %.1f MB, %.1f in one piece", megabytes(pool.used),
+                      megabytes(pool.total), megabytes(pool.largestFree));
+        line += text;
+    }
+    return line;
 }
 
 // Lets the threads that have started come to their end, also if the next one could not start.

@@ -1,5 +1,6 @@
 #include "report.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 
@@ -43,15 +44,14 @@ void printPoolLine(const char *name, const PoolFigures &figures) {
 }
 
 void printPool(const PipelineResult &result) {
-    const PoolFigures &fullest = result.frames.fullest;
-    std::printf("\n%-26s%-13s%-15s%s\n", "memory", "total", "largest free", "used");
+    const LedgerFigures &frames = result.frames;
+    std::printf("\n%-26s%-13s%-15s%s\n", "memory of the frames", "total", "largest free", "used");
     if (result.pool.total != 0) {
-        printPoolLine("pool, at its fullest", fullest);
+        printPoolLine("pool, while most was used", frames.poolAtPeak);
         printPoolLine("pool, at the end", result.pool);
     }
-    std::printf("%-26s%-13s%-15s%s\n", "local heap, then", "", "", megabytes(fullest.localUsed).c_str());
-    std::printf("%-26s%-13s%-15s%s%s\n", "local heap, at the end", "", "", megabytes(result.pool.localUsed).c_str(),
-                result.pool.localUsed != 0 ? " (kept for the next frame)" : "");
+    const uint64_t local = frames.bytesPeak - std::min(frames.bytesPeak, frames.poolAtPeak.used);
+    std::printf("%-26s%-13s%-15s%s\n", "local heap, at that time", "", "", megabytes(local).c_str());
 }
 
 } // namespace

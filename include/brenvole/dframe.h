@@ -8,7 +8,8 @@
  *
  *  Data buffers come from the *pool*, one large region of the system's that DFRAME_RESET makes, or from the *local
  *  heap*. As long as there is no pool, the local heap serves, and a frame that it can't serve makes the pool at its
- *  default size of 524255000 bytes. With a pool, the local heap serves when the pool is full.
+ *  default size of 524255000 bytes (after a failure at the last size tried; after a refused DFRAME_RESET at none).
+ *  With a pool, the local heap serves when the pool is full.
  *
  *  Threads: every command may run on any thread at any time, but for DFRAME_RESET and DFRAME_CLOSE, beside which no
  *  other may run. The library guards its counts and its own state; the other fields of a frame are under no lock,
@@ -48,7 +49,8 @@ extern "C" {
 /** @} */
 
 /** @name Commands that this release runs; every other number is refused with DFMEM_E_FAILED
- *  The figures answer for the pool if there is one and DFRAME_FLAG_SYSHEAP is clear, else for the local side. There,
+ *  The figures answer for the pool's heap if there is one and DFRAME_FLAG_SYSHEAP is clear (so also after a
+ *  DFRAME_CLOSE of the local side, when there is no memory behind it), else for the local side. There,
  *  "local free" is the pool's size (or the size to be tried next) minus what local blocks take, the cached one
  *  included, and 0 if they take as much; "local used" is what they take, and 0 if that is as much. A figure that is
  *  held has at most 32 bits as the result, and goes whole through `ppDF`, which is then a pointer to a uint64_t
@@ -62,16 +64,19 @@ extern "C" {
 #define DFRAME_GRANULARITY 2u
 /** @return the largest size in bytes, 8192, that the pool places at its top end; larger ones go to the bottom */
 #define DFRAME_SMALLEST 3u
-/** Makes the pool, or a larger one. A pool that is large enough stays as it is, and one with a block in it is never
- *  touched.
+/** Makes the pool, or another one instead. A pool that is large enough stays as it is, and one with a block in it is
+ *  never touched.
  *  @par param1  wanted size in bytes. It is cut to 80 percent of the memory that the machine, or the container, has
- *       available, and to 0xFFFFFF000. A negative one asks for as much as that; with a pool it is enough already.
- *       0 gives an idle pool back, with DFMEM_E_OUTOFMEMORY as the result. A size that the system refuses is
- *       lowered in steps of 32768 bytes; DFRAME_TOTAL tells what was had.
+ *       available, and to 0xFFFFFF000. -1 asks for as much as that; with a pool it is enough already. 0 gives an idle
+ *       pool back, with DFMEM_E_OUTOFMEMORY as the result. A size that the system refuses is lowered in steps of
+ *       32768 bytes, and below 16 MiB in tenths; DFRAME_TOTAL tells what was had.
  *  @return 0, also for a large enough pool and always with DFRAME_FLAG_SYSHEAP, which does nothing; plain
  *       DFMEM_E_POINTER (blocks live in the pool, or its free space isn't in one piece) or DFMEM_E_BUSY: then
  *       nothing has changed; DFMEM_E_OUTOFMEMORY widened if no pool can be had: then the old one is gone
- *  @note If the pool's own records can't be had, the result is 0 and the local heap serves. */
+ *  @note If the pool's own records can't be had, or it is smaller than DFRAME_GRANULARITY, the result is 0 and the
+ *       local heap serves.
+ *  @note Inside, 10 * param1 is taken in 64 bits: a magnitude above 2^63 / 5 wraps, and gives some smaller size, or all
+ *       that is available. Where the system doesn't tell what is available, no more than 0x4100000 bytes are asked for. */
 #define DFRAME_RESET 5u
 /** Makes a frame, or gives an existing one new data.
  *  @par param1  wanted data size, not 0; the buffer gets 40 percent more: param1 * 1.4, cut to an integer, of
@@ -86,7 +91,8 @@ extern "C" {
  *       DFMEM_E_OUTOFMEMORY widened: then the frame's reference is gone and *ppDF is null
  *  @note A failed first attempt costs an existing frame its reference as well; the second attempt then makes a
  *       new frame, so with 0 as the result *ppDF may be another frame than before.
- *  @note dwBufferLength is rounded up to DFRAME_GRANULARITY for data in the pool. */
+ *  @note dwBufferLength is rounded up to DFRAME_GRANULARITY for data in the pool, and for data that found no room
+ *       there. */
 #define DFRAME_ALLOC 10u
 /** Drops one reference to the frame and one to its data; each goes with its last reference.
  *  @par ppDF    in and out: the frame; *ppDF is null afterwards unless the command is refused
@@ -101,9 +107,9 @@ extern "C" {
 #define DFRAME_ADDREF 12u
 /** Ends the pool and drops the cached local block. The pool's figures return to their defaults, and commands may
  *  follow. Blocks that still live in the pool are logged as leaks; their data is gone, and their frames are good for
- *  DFRAME_FREE only, which reports the lost data.
+ *  DFRAME_FREE only, which reports the lost data, and only as long as no new pool stands in the old one's place.
  *  @par DFRAME_FLAG_SYSHEAP  the region goes, but its blocks live on as numbers, so that frames can still be freed
- *       without a report. The next frame makes a new pool, and forgets the old blocks.
+ *       without a report. The next frame for the pool makes a new one, and forgets the old blocks.
  *  @return 0 */
 #define DFRAME_CLOSE 19u
 /** @return free bytes of the pool, held; or local free */
@@ -120,10 +126,10 @@ extern "C" {
  *  compare its low 32 bits. 0 is success in both forms.
  *  @{ */
 #define DFMEM_E_INVALIDARG 0xE8108004u  /**< an argument of the wrong kind */
-#define DFMEM_E_POINTER 0xE8108005u     /**< a null pointer, or a zero record size */
+#define DFMEM_E_POINTER 0xE8108005u     /**< a null pointer, a zero record size, or a pool in use */
 #define DFMEM_E_FAILED 0xE8108013u      /**< unknown command, or no way to do the work */
 #define DFMEM_E_BUSY 0xE810801Fu        /**< the heap's state can't be read */
-#define DFMEM_E_OUTOFMEMORY 0xE8108020u /**< no memory for a header or for data; a frame without data */
+#define DFMEM_E_OUTOFMEMORY 0xE8108020u /**< no memory for a header, data or a pool; a frame without data */
 /** @} */
 
 /** The frame record. Callers read and write it directly, so the order and the offsets are part of the
@@ -181,7 +187,9 @@ BRENVOLE_API uint64_t DFrameMemTrace(uint32_t command, int64_t param1, uintptr_t
 
 /** The system's hook at load and unload. Reason 0, process detach, ends the pool and gives the cached local block
  *  back; no other reason does any work. The platform calls it when the library leaves the process. Ending a pool is
- *  logged, so a sink of the host's has to be callable up to then, or be taken off.
+ *  logged, so a sink of the host's has to be callable up to then, or be taken off. Like DFRAME_CLOSE it runs beside no
+ *  command: threads that are still at work when the process ends may finish writing into their data, but are best
+ *  out of the library by then.
  *  @return 1 for every reason */
 BRENVOLE_API int DllMain(void *instance, uint32_t reason, void *reserved);
 

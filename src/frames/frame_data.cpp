@@ -47,8 +47,7 @@ void forgetOldData(PDFRAME frame, const char *msgarea, uint32_t line) {
 // Step 4 of heapHelpAllocDFrame. The heap rounds dataSize up, also if it has no room: the local heap is then asked
 // for the rounded size.
 void placeInPool(PDFRAME frame, uint64_t &dataSize, const char *msgarea, uint32_t line) {
-    mainPoolNeed();
-    if (mainPool.load() == nullptr) {
+    if (!mainPoolNeed()) {
         return;
     }
     const uintptr_t data =

@@ -44,13 +44,15 @@ extern uint32_t mainGranularity;           // for DFHEAP_Create, as is mainSmall
 extern uint32_t mainSmallest;
 
 /** Takes a region from the system. A size that is refused is lowered in steps.
- *  @param size  in and out: bytes, at most 0xFFFFFF000; the last size tried
+ *  @param size  in and out: bytes, at most 0xFFFFFF000; the last size tried. Always mainPoolSize.
  *  @return the region's base, or null
  *  @note One call of the system for each step, so a refused pool of n bytes costs up to n / 32768 of them. */
-void *mainPoolAlloc(uint64_t *size);
+void *mainPoolAlloc(std::atomic<uint64_t> &size);
 
-/** Makes pool and heap unless there is a pool. What can't be had is reported; then the local heap serves. */
-void mainPoolNeed();
+/** Makes pool and heap unless there is a pool.
+ *  @return false if one of both couldn't be had, which is reported. A pool without a heap, from an earlier failure,
+ *          is a pool. */
+bool mainPoolNeed();
 
 /** Ends heap and pool when the library leaves the process. Takes no lock, and resets no figure. */
 void mainPoolDetach();

@@ -3,8 +3,10 @@
 //   state              mainPool  mainHeap  entered by
 //   no pool            null      null      load; DFRAME_CLOSE; a region that couldn't be had
 //   running            set       set       DFRAME_RESET; the first frame that needs it
-//   pool without heap  set       null      no memory for the heap's records: data goes to the local heap
-//   heap without pool  null      set       DFRAME_CLOSE of the local side; the next frame makes both anew
+//   pool without heap  set       null      no memory for the heap's records, or a region too small for one granule:
+//                                          data goes to the local heap
+//   heap without pool  null      set       DFRAME_CLOSE of the local side; the next frame for the pool makes both
+//                                          anew
 #include "frames.h"
 
 #include "local/local_heap.h"
@@ -75,16 +77,16 @@ uint64_t poolSizeFor(uint64_t wish, uint64_t available) {
 double mebibytes(double bytes) { return bytes / 1024 / 1024; }
 
 // Step 10: what the step-down has left is lowered in tenths. Ends with a size of 0 if there is no region.
-void *allocInTenths(uint64_t *size) {
+void *allocInTenths(std::atomic<uint64_t> &size) {
     constexpr uint64_t kTenths = 10;
-    const auto step = static_cast<uint32_t>(*size / kTenths);
+    const auto step = static_cast<uint32_t>(size / kTenths);
     void *base = nullptr;
     while (base == nullptr) {
-        if (*size <= step || step == 0) { // a step of 0 would never end
-            *size = 0;
+        if (size <= step || step == 0) { // a step of 0 would never end
+            size = 0;
             break;
         }
-        *size -= step;
+        size -= step;
         base = mainPoolAlloc(size);
     }
     return base;
@@ -116,31 +118,29 @@ std::atomic<uint64_t> mainPoolSize = kDefaultPool;
 uint32_t mainGranularity = kDefaultGranularity;
 uint32_t mainSmallest = kDefaultSmallest;
 
-void *mainPoolAlloc(uint64_t *size) {
-    *size = std::min(*size, kLargestPool);
-    void *base = qxOSVirtualAlloc(*size);
-    while (base == nullptr && *size > kStepDownEnd) {
-        *size -= kStepDown;
-        base = qxOSVirtualAlloc(*size);
+void *mainPoolAlloc(std::atomic<uint64_t> &size) {
+    size = std::min(size.load(), kLargestPool);
+    void *base = qxOSVirtualAlloc(size);
+    while (base == nullptr && size > kStepDownEnd) {
+        size -= kStepDown;
+        base = qxOSVirtualAlloc(size);
     }
     return base;
 }
 
 // Steps 1 to 3 of the pool's stage: 1 there is one; 2 the region; 3 its heap.
-void mainPoolNeed() {
+bool mainPoolNeed() {
     if (mainPool.load() != nullptr && mainHeap.load() != nullptr) {
-        return;
+        return true;
     }
     const std::scoped_lock hold(poolLock);
     if (mainPool.load() != nullptr) { // 1
-        return;
+        return true;
     }
-    uint64_t size = mainPoolSize; // 2
-    void *const pool = mainPoolAlloc(&size);
-    mainPoolSize = size; // what the next try begins with, if this one has failed
+    void *const pool = mainPoolAlloc(mainPoolSize); // 2; if it fails, the next try begins where this one ended
     if (pool == nullptr) {
         warn("Unable to allocate main memory pool");
-        return;
+        return false;
     }
     // A heap that has lost its pool is only forgotten. It goes before the new pool can be seen, so that no other
     // thread takes a block of the old one.
@@ -149,7 +149,9 @@ void mainPoolNeed() {
     mainHeap = createHeap(pool); // 3
     if (mainHeap.load() == nullptr) {
         warn("Unable to create main heap");
+        return false;
     }
+    return true;
 }
 
 // Steps: 1 nothing on the local side; 2 enough already; 3 in use; 4, 5 heap and region go; 6 what the system has;
@@ -159,9 +161,9 @@ uint64_t commandReset(uint32_t command, int64_t param1) {
         return 0;
     }
     ::DFHEAP *const heap = mainHeap;
-    void *const pool = mainPool;
     if (heap != nullptr) { // a pool without a heap is made anew, be it large enough or not
-        if (pool != nullptr && param1 != 0 && param1 <= static_cast<int64_t>(mainPoolSize.load())) { // 2, signed
+        if (mainPool.load() != nullptr && param1 != 0 &&
+            param1 <= static_cast<int64_t>(mainPoolSize.load())) { // 2, signed
             return 0;
         }
         const uint32_t inUse = heapInUse(heap); // 3
@@ -170,28 +172,27 @@ uint64_t commandReset(uint32_t command, int64_t param1) {
         }
         dropHeap(); // 4
     }
-    if (pool != nullptr) { // 5; mainPool keeps its value up to step 9, so that no command of a sink makes another one
+    // 5. mainPool keeps its value up to step 9, so that no command of a message sink makes a pool meanwhile.
+    if (void *const pool = mainPool) {
         qxOSVirtualFree(pool);
     }
     uint64_t total = 0; // 6
     uint64_t available = 0;
     qxOSMemoryStatus(&total, &available);
-    uint64_t size = poolSizeFor(static_cast<uint64_t>(param1), available); // 7, 8
-    mainPoolSize = size;
+    mainPoolSize = poolSizeFor(static_cast<uint64_t>(param1), available);                                 // 7, 8
     ErrOut("Resizing AV Mem (MB) (Total=%2.2f , Available=%2.2f , Requested=%2.2f , Allocating=%2.2f ) ", // 9
            mebibytes(static_cast<double>(total)), mebibytes(static_cast<double>(available)),
-           mebibytes(static_cast<double>(param1)), mebibytes(static_cast<double>(size)));
-    void *base = mainPoolAlloc(&size);
+           mebibytes(static_cast<double>(param1)), mebibytes(static_cast<double>(mainPoolSize)));
+    void *base = mainPoolAlloc(mainPoolSize);
     if (base == nullptr) {
-        base = allocInTenths(&size); // 10
+        base = allocInTenths(mainPoolSize); // 10
     }
-    mainPoolSize = size;
     mainPool = base;
     if (base == nullptr) { // 11
         return frameWiden(ErrMsgOut(DFMEM_E_OUTOFMEMORY, "Brenvole re-allocation failed", 0, 0, 0, 0));
     }
     mainHeap = createHeap(base); // 12; without one the local heap serves
-    ErrOut("AV Mem (actual alloc = %.3f Gb) ", mebibytes(static_cast<double>(size)) / 1024);
+    ErrOut("AV Mem (actual alloc = %.3f Gb) ", mebibytes(static_cast<double>(mainPoolSize)) / 1024);
     return 0;
 }
 

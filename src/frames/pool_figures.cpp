@@ -50,7 +50,9 @@ uint64_t commandTotalUsed(uint32_t command, PDFRAME *ppDF) {
 }
 
 uint64_t commandDump(uint32_t command) {
-    _DFHEAP_DumpList(askedHeap(command)); // null is passed over
+    if (::DFHEAP *const heap = askedHeap(command)) {
+        _DFHEAP_DumpList(heap);
+    }
     // The trace writes a snapshot here.
     return 0;
 }

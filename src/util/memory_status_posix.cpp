@@ -1,5 +1,5 @@
 // Physical memory, as much of it as this process may really have: the machine's figures, cut by the limit of
-// every control group that the process lies in, both versions of the system's interface.
+// every control group that the process lies in, both versions of the system's interface, and by its own limit.
 #include "memory_status_posix.h"
 #include "qxutil.h"
 
@@ -9,6 +9,9 @@
 #include <new>
 #include <optional>
 #include <string_view>
+
+#include <sys/resource.h>
+#include <unistd.h>
 
 namespace {
 
@@ -84,6 +87,19 @@ bool listHolds(std::string_view list, std::string_view word) {
     return false;
 }
 
+// What a limit of the process's address space, if there is one, leaves of it.
+void applyAddressLimit(QXMemoryStatus &status) {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_AS, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
+        return;
+    }
+    const uint64_t mapped =
+        readNumber("/proc/self/statm").value_or(0) * static_cast<uint64_t>(sysconf(_SC_PAGESIZE)); // its first word
+    status.totalPhys = std::min<uint64_t>(status.totalPhys, limit.rlim_cur);
+    status.availPhys =
+        std::min<uint64_t>(status.availPhys, limit.rlim_cur - std::min<uint64_t>(mapped, limit.rlim_cur));
+}
+
 } // namespace
 
 QXMemoryStatus qxReadMemoryStatus(const std::string &root) {
@@ -115,7 +131,9 @@ QXMemoryStatus qxReadMemoryStatus(const std::string &root) {
 void qxOSMemoryStatus(uint64_t *totalPhys, uint64_t *availPhys) {
     QXMemoryStatus status;
     try {
-        status = qxReadMemoryStatus("");
+        QXMemoryStatus now = qxReadMemoryStatus("");
+        applyAddressLimit(now);
+        status = now;
     } catch (const std::bad_alloc &) { // no memory to ask how much there is
     }
     if (totalPhys != nullptr) {

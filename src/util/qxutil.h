@@ -46,8 +46,8 @@ QXUTIL_API uint32_t ErrMsgOut(uint32_t status, const char *text, uintptr_t, uint
  * wait for another thread that is inside the library. */
 typedef void (*QXLogSink)(uint32_t severity, const char *message, void *context);
 /** Puts `sink` in place of the log; null restores the log. Calls of the old sink that have begun go on. The memory
- *  library logs up to its very end in the process, behind the host's static objects: a sink lasts as long, or is taken
- *  off. */
+ *  library logs up to its very end in the process, behind the host's static objects: a sink lasts as long, or is
+ * taken off. */
 QXUTIL_API void qxSetLogSink(QXLogSink sink, void *context);
 /** @} */
 

@@ -1,17 +1,32 @@
 // Regions of the system: large, page-aligned, zero-filled. A release names only the base, so the lengths are
 // kept here, outside the regions, which hold nothing of ours.
+//
+// By itself the system gives the addresses of a region that has gone to whoever asks next. But addresses are how the
+// memory library tells its heaps apart: a pointer into a pool that is gone would then be taken for another pool's, or
+// a block of the allocator's for the pool's. So regions lie in a part of the address space of their own, one behind
+// the other, and none where another one was.
 #include "qxutil.h"
 
+#include <atomic>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 
+#include <sys/auxv.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 namespace {
 
-// A huge page of the system. A region that can hold one is aligned to it, else its ends stay in small pages.
+// A huge page of the system. Regions are aligned to it, else their ends would stay in small pages.
 constexpr uint64_t kHugePage = 2u << 20;
+
+// The part: between the programs and the mappings of the system, which begin at the top. Where in its first half the
+// first region lies is different in each process.
+constexpr uint64_t kTiB = uint64_t{1} << 40;
+constexpr uint64_t kPartStart = 24 * kTiB;
+constexpr uint64_t kPartEnd = 72 * kTiB;
 
 struct Region {
     Region *next;
@@ -19,42 +34,65 @@ struct Region {
     uint64_t mapped; // bytes, whole pages
 };
 
-Region *regions = nullptr; // under regionLock
+// Under regionLock. `nextPlace` is 0 if the system doesn't let us choose.
+Region *regions = nullptr;
+uint64_t nextPlace = 0;
+bool placesKnown = false;
 std::mutex regionLock;
+
+std::atomic<bool> leaving = false; // the process is in exit()
 
 uint64_t roundUp(uint64_t size, uint64_t unit) { return (size + unit - 1) / unit * unit; }
 
-// Maps at `at` if that place is free, or anywhere if it is null.
-char *map(char *at, uint64_t size) {
-    const int flags = MAP_PRIVATE | MAP_ANONYMOUS | (at != nullptr ? MAP_FIXED_NOREPLACE : 0);
-    void *const base = mmap(at, size, PROT_READ | PROT_WRITE, flags, -1, 0);
-    if (base == MAP_FAILED) {
-        return nullptr;
-    }
-    if (at != nullptr && base != at) { // a system that doesn't know the flag takes the place for a hint
-        munmap(base, size);
-        return nullptr;
-    }
-    return static_cast<char *>(base);
+// Maps at `at`, which must be free, or anywhere if that is 0.
+void *map(uint64_t at, uint64_t size) {
+    const int flags = MAP_PRIVATE | MAP_ANONYMOUS | (at != 0 ? MAP_FIXED_NOREPLACE : 0);
+    void *const base = mmap(reinterpret_cast<void *>(at), size, PROT_READ | PROT_WRITE, flags, -1, 0);
+    return base == MAP_FAILED ? nullptr : base;
 }
 
-// A refused region costs one call of the system: a pool that can't be had is asked for in millions of sizes. One
-// that was had is moved down to the boundary, if there is room below.
-char *mapAligned(uint64_t size) {
-    char *const base = map(nullptr, size);
-    const uint64_t above = reinterpret_cast<uint64_t>(base) % kHugePage;
-    if (above == 0 || map(base - above, above) == nullptr) {
-        return base;
+uint64_t firstPlace() {
+    uint64_t noise = 0;
+    if (const auto *const seed = reinterpret_cast<const void *>(getauxval(AT_RANDOM))) {
+        std::memcpy(&noise, seed, sizeof noise);
     }
-    munmap(base - above + size, above);
-    return base - above;
+    return kPartStart + noise % ((kPartEnd - kPartStart) / 2) / kHugePage * kHugePage;
+}
+
+// Finds out, once, if places can be chosen: a page is put there and taken away again.
+void learnPlaces(uint64_t page) {
+    placesKnown = true;
+    const uint64_t place = firstPlace();
+    void *const probe = map(place, page);
+    nextPlace = reinterpret_cast<uint64_t>(probe) == place ? place : 0;
+    if (probe != nullptr) {
+        munmap(probe, page);
+    }
+    std::atexit([] { leaving = true; });
+}
+
+// Lock held. A refused region costs one call of the system: a pool that can't be had is asked for in millions of
+// sizes.
+void *mapRegion(uint64_t size) {
+    if (nextPlace == 0) {
+        return map(0, size);
+    }
+    if (nextPlace > kPartEnd - size) {
+        nextPlace = kPartStart; // the oldest places again
+    }
+    void *const base = map(nextPlace, size);
+    if (base == nullptr) {
+        return errno == EEXIST ? map(0, size) : nullptr; // somebody else's is there
+    }
+    nextPlace += roundUp(size, kHugePage) + kHugePage; // a gap, so that no two are one mapping
+    return base;
 }
 
 } // namespace
 
 void *qxOSVirtualAlloc(uint64_t size) {
     const auto page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-    constexpr uint64_t kMost = UINT64_C(1) << 62; // above any address space; keeps the sums from wrapping
+    constexpr uint64_t kMost = 16 * kTiB; // more than any machine has; keeps the sums from wrapping
     if (size == 0 || size > kMost) {
         return nullptr;
     }
@@ -63,7 +101,11 @@ void *qxOSVirtualAlloc(uint64_t size) {
         return nullptr;
     }
     const uint64_t mapped = roundUp(size, page);
-    void *const base = mapped >= kHugePage ? mapAligned(mapped) : map(nullptr, mapped);
+    const std::scoped_lock hold(regionLock);
+    if (!placesKnown) {
+        learnPlaces(page);
+    }
+    void *const base = mapRegion(mapped);
     if (base == nullptr) {
         std::free(region);
         return nullptr;
@@ -71,12 +113,13 @@ void *qxOSVirtualAlloc(uint64_t size) {
     if (mapped >= kHugePage) {
         madvise(base, mapped, MADV_HUGEPAGE); // a wish: a system without huge pages says no, and nothing is lost
     }
-    const std::scoped_lock hold(regionLock);
     *region = {regions, base, mapped};
     regions = region;
     return base;
 }
 
+// When the process ends, its other threads go on for a while, and a thread may be writing into a picture. The system
+// takes all regions back a moment later.
 void qxOSVirtualFree(void *base) {
     Region *found = nullptr;
     {
@@ -89,8 +132,11 @@ void qxOSVirtualFree(void *base) {
             }
         }
     }
-    if (found != nullptr) {
-        munmap(found->base, found->mapped);
-        std::free(found);
+    if (found == nullptr) {
+        return;
     }
+    if (!leaving) {
+        munmap(found->base, found->mapped);
+    }
+    std::free(found);
 }
