@@ -75,8 +75,9 @@ extern "C" {
  *       nothing has changed; DFMEM_E_OUTOFMEMORY widened if no pool can be had: then the old one is gone
  *  @note If the pool's own records can't be had, or it is smaller than DFRAME_GRANULARITY, the result is 0 and the
  *       local heap serves.
- *  @note Inside, 10 * param1 is taken in 64 bits: a magnitude above 2^63 / 5 wraps, and gives some smaller size, or all
- *       that is available. Where the system doesn't tell what is available, no more than 0x4100000 bytes are asked for. */
+ *  @note Inside, 10 * param1 is taken in 64 bits: a magnitude above 2^63 / 5 wraps, and gives some smaller size, or
+ * all that is available. Where the system doesn't tell what is available, no more than 0x4100000 bytes are asked for.
+ */
 #define DFRAME_RESET 5u
 /** Makes a frame, or gives an existing one new data.
  *  @par param1  wanted data size, not 0; the buffer gets 40 percent more: param1 * 1.4, cut to an integer, of
@@ -187,8 +188,8 @@ BRENVOLE_API uint64_t DFrameMemTrace(uint32_t command, int64_t param1, uintptr_t
 
 /** The system's hook at load and unload. Reason 0, process detach, ends the pool and gives the cached local block
  *  back; no other reason does any work. The platform calls it when the library leaves the process. Ending a pool is
- *  logged, so a sink of the host's has to be callable up to then, or be taken off. Like DFRAME_CLOSE it runs beside no
- *  command: threads that are still at work when the process ends may finish writing into their data, but are best
+ *  logged, so a sink of the host's has to be callable up to then, or be taken off. Like DFRAME_CLOSE it runs beside
+ * no command: threads that are still at work when the process ends may finish writing into their data, but are best
  *  out of the library by then.
  *  @return 1 for every reason */
 BRENVOLE_API int DllMain(void *instance, uint32_t reason, void *reserved);
