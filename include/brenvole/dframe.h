@@ -106,6 +106,68 @@ extern "C" {
  *       DFMEM_E_OUTOFMEMORY (frame without data) or DFMEM_E_FAILED (data in no heap); 0xFFFFFFFF if lpData lies in
  *       the pool's region but in no block. In the last two cases the header's count stays raised. */
 #define DFRAME_ADDREF 12u
+/** Gives the caller a second frame with the header and the bytes of a source, which shares nothing with it.
+ *  @par param2  pointer to the source's PDFRAME. Its lpData is moved for the time of the command, if a frame is made.
+ *  @par ppDF    in and out: the destination; null at *ppDF for a new one. An existing one keeps its buffer if that
+ *       holds the source's dwBytesUsed; one that is too small is released and replaced in the source's heap. A new
+ *       one gets the source's dwBufferLength (16 or 4096 more if the source is full) in the source's heap, or else in
+ *       the other, and takes over a moved data pointer, with the bytes in front of it; its dwBufferLength counts from
+ *       lpData.
+ *  @par Header  all but lpLink, dwSize and dwTrailE is the source's; DFRAME_FLAG_CUSTOM stays the destination's own,
+ *       lpTail is null.
+ *  @return 0; plain DFMEM_E_POINTER (null param2 or ppDF), DFMEM_E_INVALIDARG (null source; custom destination that
+ *       is too small) or DFMEM_E_OUTOFMEMORY (no new frame); DFMEM_E_OUTOFMEMORY widened if no buffer can be had:
+ *       then the destination's reference is gone and *ppDF is null
+ *  @note A frame copied onto itself loses its dwBytesUsed. Bytes used without data give a copy without bytes used. */
+#define DFRAME_COPY 13u
+/** Makes the destination a duplicate of the source that shares the source's buffer, by one more reference on it. A
+ *  custom source's bytes, and those of a buffer that neither heap knows, are copied instead.
+ *  @par param2  pointer to the source's PDFRAME
+ *  @par ppDF    in and out: the destination; null at *ppDF for a new one. The data of an existing one loses a
+ *       reference first. A custom source makes new frames only.
+ *  @par Header  all but lpLink is the source's, lpTail is null; dwSize is at least DFRAME_SIZE if the source's is less.
+ *  @return 0; plain DFMEM_E_POINTER (null ppDF), DFMEM_E_INVALIDARG (null param2 or source, the same frame twice, a
+ *       custom destination, a custom source with an existing destination or with bytes used and no data) or
+ *       DFMEM_E_OUTOFMEMORY (no new frame); 0xFFFFFFFF if the source's lpData lies in the pool's region but in no
+ *       block: then the destination's reference is gone and *ppDF is null
+ *  @note If a copy is needed and there is no memory for it, the result is 0 and the destination's lpData is null. */
+#define DFRAME_DUP_FREE 14u
+/** Exchanges the contents of two frames. Two buffers of one heap only change frames; else the bytes in use move, and
+ *  both have to be fewer than the other buffer holds. References to the frames stay, and each keeps its count on the
+ *  buffer that it has then.
+ *  @par param1  smallest data size of a target that is made here or has no data; may be 0 or negative
+ *  @par param2  pointer to the source's PDFRAME
+ *  @par ppDF    in and out: the target; null at *ppDF for a new one, which takes the source's content, while the source
+ *       gets the new frame's empty buffer
+ *  @par Header  exchanged, or handed to a new target: flags, opaque body, dwTrailC, dwTrailD, the marks. The source's
+ *       dwTrailF to dwTrailI go to the target and stay in the source. Neither comes out with a valid tail.
+ *  @return 0, also if one of the two has no data: then nothing is exchanged; plain DFMEM_E_POINTER (null ppDF),
+ *       DFMEM_E_INVALIDARG (null param2 or source, a custom frame), DFMEM_E_FAILED (the bytes don't fit, or the pool
+ *       has no block for a pointer) or DFMEM_E_OUTOFMEMORY: no new target, no temporary, or no buffer for a target
+ *       without data, which then loses a reference, and *ppDF is null */
+#define DFRAME_SWAP 15u
+/** Gives a frame a buffer of another size in its heap, with the bytes in use that fit. The new one is there before the
+ *  old one loses its reference, so other holders of the buffer keep it. A moved lpData stays moved, with the bytes in
+ *  front of it; the size counts from lpData.
+ *  @par param1  new data size, 0 to 0xFFFFFFFF; 0 leaves the frame without data, or with the bytes in front of lpData
+ *  @par ppDF    in: the frame
+ *  @return 0; plain DFMEM_E_POINTER (null ppDF) or DFMEM_E_INVALIDARG (null or custom frame, a size out of range) or
+ *       DFMEM_E_OUTOFMEMORY; -1 (64 bits) for a frame without data or with a pointer that neither heap knows. Unless
+ *       the result is 0, the frame is as it was. */
+#define DFRAME_RESIZE 16u
+/** @par ppDF    in: the frame, as for the other three that tell where data lies
+ *  @return 1 if the data lies in the local heap; else 0, also for null arguments and custom frames */
+#define DFRAME_ISLOCAL 9u
+/** @return 1 if the data lies in the pool; else 0, also for null arguments and custom frames */
+#define DFRAME_ISBRENVOLE 18u
+/** @return in the pool, the distance of lpData from the start of its block in bytes; in the local heap, the address of
+ *       the start; 0 for a frame without data; -1 (64 bits) if neither heap knows lpData; plain DFMEM_E_POINTER (null
+ *       ppDF) or DFMEM_E_INVALIDARG (null or custom frame) */
+#define DFRAME_FINDALLOC 21u
+/** Puts lpData back to the start of its block, and clears dwFlags, dwTrailA to dwTrailI but for the attach stamps.
+ *  @return 0, also for a frame without data, which isn't touched; -1 (64 bits) if neither heap knows lpData, then the
+ *       fields are cleared all the same; a status as above */
+#define DFRAME_FIXALLOC 17u
 /** Ends the pool and drops the cached local block. The pool's figures return to their defaults, and commands may
  *  follow. Blocks that still live in the pool are logged as leaks; their data is gone, and their frames are good for
  *  DFRAME_FREE only, which reports the lost data, and only as long as no new pool stands in the old one's place.

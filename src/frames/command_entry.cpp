@@ -10,6 +10,12 @@ uint64_t frameRefuse(uint32_t status, const char *text) {
     return status;
 }
 
+void frameReportOverwrite(const DFRAME *frame, const char *text) {
+    if (frameOverwritten(frame)) {
+        ErrFmtOut(QX_ERROR, 0, 0, "ERROR(dfmem): %s\n", text);
+    }
+}
+
 } // namespace brenvole
 
 using namespace brenvole;
@@ -29,9 +35,17 @@ uint64_t DFrameMemTrace(uint32_t command, int64_t param1, uintptr_t param2, PDFR
     case DFRAME_GRANULARITY: return mainGranularity;
     case DFRAME_SMALLEST: return mainSmallest;
     case DFRAME_RESET: return commandReset(command, param1);
+    case DFRAME_ISLOCAL: return commandIsLocal(ppDF);
     case DFRAME_ALLOC: return commandAlloc(command, param1, param2, ppDF, msgarea, line);
     case DFRAME_FREE: return commandFree(ppDF, msgarea, line);
     case DFRAME_ADDREF: return commandAddRef(ppDF, msgarea, line);
+    case DFRAME_COPY: return commandCopy(param2, ppDF, msgarea, line);
+    case DFRAME_DUP_FREE: return commandDupFree(param2, ppDF, msgarea, line);
+    case DFRAME_SWAP: return commandSwap(param1, param2, ppDF, msgarea, line);
+    case DFRAME_RESIZE: return commandResize(param1, ppDF, msgarea, line);
+    case DFRAME_FIXALLOC: return commandFixAlloc(ppDF, msgarea, line);
+    case DFRAME_ISBRENVOLE: return commandIsBrenvole(ppDF);
+    case DFRAME_FINDALLOC: return commandFindAlloc(ppDF, msgarea, line);
     case DFRAME_CLOSE: return commandClose(command);
     case DFRAME_TOTALAVAIL: return commandTotalAvail(command, ppDF);
     case DFRAME_TOTALUSED: return commandTotalUsed(command, ppDF);

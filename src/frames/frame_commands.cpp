@@ -1,10 +1,6 @@
 // DFRAME_ALLOC, DFRAME_FREE and DFRAME_ADDREF.
 #include "frames.h"
 
-#include "local/dfmem_lock.h"
-#include "local/local_heap.h"
-#include "util/hold.h"
-
 #include <cmath>
 
 namespace brenvole {
@@ -54,7 +50,7 @@ uint64_t commandFree(PDFRAME *ppDF, const char *msgarea, uint32_t line) {
     if (frame == nullptr) {
         return frameRefuse(DFMEM_E_POINTER, "DFRAME_FREE2|*pDF==NULL(0x%lX)");
     }
-    if ((frame->dwFlags & DFRAME_FLAG_CUSTOM) != 0) {
+    if (frameIsCustom(frame)) {
         return frameRefuse(DFMEM_E_INVALIDARG, "DFRAME_FREE|NotAnyHeap(0x%lX)");
     }
     if (frameOverwritten(frame)) {
@@ -68,28 +64,19 @@ uint64_t commandAddRef(PDFRAME *ppDF, const char *msgarea, uint32_t line) {
     if (frame == nullptr) {
         return frameRefuse(DFMEM_E_POINTER, "DFRAME_ADDREF|pDF==NULL(0x%lX)");
     }
-    if ((frame->dwFlags & DFRAME_FLAG_CUSTOM) != 0) {
+    if (frameIsCustom(frame)) {
         return DFMEM_E_INVALIDARG;
     }
     if (frame->lpData == nullptr) {
         return frameRefuse(DFMEM_E_OUTOFMEMORY, "pDF->lpData==NULL(0x%lX)");
     }
-    if (frameOverwritten(frame)) {
-        ErrFmtOut(QX_ERROR, 0, 0, "ERROR(dfmem): %s\n", "DFrameAddRef memory overwrite");
-    }
+    frameReportOverwrite(frame, "DFrameAddRef memory overwrite");
     addRefPDFRAME(frame);
-    const auto data = reinterpret_cast<uintptr_t>(frame->lpData);
-    ::DFHEAP *const heap = mainHeap;
-    if (DFHEAP_Contains(heap, data) != 0) {
-        return static_cast<uint32_t>(DFHEAP_AddRefTrace(heap, data, nullptr, msgarea, line)); // -1 in 32 bits
-    }
-    PHALLOC *const descriptor = LHEAP_Find(data);
-    if (descriptor == nullptr) {
+    const DataPlace place = framePlace(frame);
+    if (!place.known()) {
         return frameRefuse(DFMEM_E_FAILED, "Unable to AddRef(0x%lX)");
     }
-    const QXHold hold(dfmemLock);
-    qxOSInterlockedIncrement(&descriptor->lRefCount);
-    return 0;
+    return static_cast<uint32_t>(frameAddRefData(frame, place, msgarea, line)); // -1 in 32 bits
 }
 
 } // namespace brenvole

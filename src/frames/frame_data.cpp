@@ -15,31 +15,13 @@ namespace {
 // Smallest request that a frame makes of the local heap, in bytes.
 constexpr uint64_t kLocalFloor = 4096;
 
-uintptr_t dataAddress(const DFRAME *frame) { return reinterpret_cast<uintptr_t>(frame->lpData); }
-
-// Drops one reference on the frame's data. False if neither heap has it. The pool's heap answers for its whole
-// region, also for an address in no block.
-bool releaseData(const DFRAME *frame, const char *msgarea, uint32_t line) {
-    ::DFHEAP *const heap = mainHeap;
-    if (DFHEAP_Contains(heap, dataAddress(frame)) != 0) {
-        DFHEAP_FreeTrace(heap, dataAddress(frame), nullptr, msgarea, line);
-        return true;
-    }
-    PHALLOC *const descriptor = LHEAP_Find(dataAddress(frame));
-    if (descriptor == nullptr) {
-        return false;
-    }
-    LHEAP_Free(descriptor, msgarea, line); // a refusal has been told there, and changes nothing here
-    return true;
-}
-
 // Step 2 of heapHelpAllocDFrame. dwBufferLength and dwBytesUsed stay as they are.
 void forgetOldData(PDFRAME frame, const char *msgarea, uint32_t line) {
     if (frame->dwBufferLength == 0 || frame->lpData == nullptr) {
         return;
     }
-    if ((frame->dwFlags & DFRAME_FLAG_CUSTOM) == 0) {
-        releaseData(frame, msgarea, line);
+    if (!frameIsCustom(frame)) {
+        frameReleaseData(frame, msgarea, line);
     }
     frame->lpData = nullptr;
 }
@@ -116,10 +98,9 @@ int32_t heapHelpFreeDFrame(PDFRAME *ppDF, const char *msgarea, uint32_t line) {
                frame->dwBufferLength);
     }
     int32_t result = 0;
-    if (frame->lpData != nullptr && (frame->dwFlags & DFRAME_FLAG_CUSTOM) == 0 &&
-        !releaseData(frame, msgarea, line)) {
+    if (frame->lpData != nullptr && !frameIsCustom(frame) && !frameReleaseData(frame, msgarea, line)) {
         ErrFmtOut(QX_WARNING, 0, 0, "WARNING(dfmem): %s\n", "Unable to free DFrame allocation! ");
-        ErrOut("NO-Free(0x%08lX-%ld) ", static_cast<uint32_t>(dataAddress(frame)), frame->dwBufferLength);
+        ErrOut("NO-Free(0x%08lX-%ld) ", static_cast<uint32_t>(frameData(frame)), frame->dwBufferLength);
         result = -2;
     }
     freePDFRAME(ppDF, msgarea, line); // the header goes even when the data wasn't found

@@ -43,7 +43,31 @@ void makeHeader(uint32_t recordSize, FrameBlock *volatile &block, PDFRAME volati
     liveFrameEnter(reinterpret_cast<uintptr_t>(&made->frame));
 }
 
+// Offset and length of the opaque body.
+constexpr std::size_t kBody = offsetof(DFRAME, abBodyHead);
+constexpr uint32_t kBodyBytes = offsetof(DFRAME, dwTrailA) - kBody;
+static_assert(kBodyBytes == 8376);
+
+bool hasValidTail(const DFRAME *frame) {
+    constexpr uintptr_t kNoTail = 0xFFFFFFFF;
+    const auto tail = reinterpret_cast<uintptr_t>(frame->lpTail);
+    return (frame->dwFlags & DFRAME_FLAG_TAIL) != 0 && tail != 0 && tail != kNoTail && frame->dwTailLength != 0 &&
+           frame->dwTailLength <= DFRAME_TAIL_MAX;
+}
+
 } // namespace
+
+uint32_t frameCopySize(const DFRAME *frame) {
+    const uint32_t tail = hasValidTail(frame) ? frame->dwTailLength : 0;
+    return std::max(+frame->dwSize, DFRAME_SIZE + tail);
+}
+
+void frameCopyBody(PDFRAME destination, const DFRAME *source) {
+    if (destination != source) { // a frame may be copied onto itself
+        CopyMemoryFast(reinterpret_cast<char *>(destination) + kBody, reinterpret_cast<const char *>(source) + kBody,
+                       kBodyBytes);
+    }
+}
 
 PDFRAME allocPDFRAME(uint32_t size, [[maybe_unused]] const char *msgarea, [[maybe_unused]] uint32_t line) {
     const uint32_t recordSize = std::max(size, DFRAME_SIZE);

@@ -63,8 +63,16 @@ inline FrameBlock *frameBlockOf(PDFRAME frame) {
     return reinterpret_cast<FrameBlock *>(reinterpret_cast<char *>(frame) - offsetof(FrameBlock, frame));
 }
 
+inline uintptr_t frameData(const DFRAME *frame) { return reinterpret_cast<uintptr_t>(frame->lpData); }
+
+/** True if the data buffer is the caller's. */
+inline bool frameIsCustom(const DFRAME *frame) { return (frame->dwFlags & DFRAME_FLAG_CUSTOM) != 0; }
+
 /** True if the frame says that more bytes are used than its buffer has. Reported by the commands, never fatal. */
 inline bool frameOverwritten(const DFRAME *frame) { return frame->dwBytesUsed > frame->dwBufferLength; }
+
+/** The usual report of it. */
+void frameReportOverwrite(const DFRAME *frame, const char *text);
 
 /** The stamps that a header gets at its creation and whenever data is attached. Callers know both values. */
 inline constexpr uint32_t kAttachMark = 1;
@@ -80,6 +88,12 @@ uint64_t frameRefuse(uint32_t status, const char *text);
 
 /** The widened form of a status: sign-extended to 64 bits. */
 inline uint64_t frameWiden(uint32_t status) { return static_cast<uint64_t>(static_cast<int32_t>(status)); }
+
+/** The record size that a frame needs to take over another one's header, and its tail if that is valid. */
+uint32_t frameCopySize(const DFRAME *frame);
+
+/** Copies the opaque body, in one piece, with lpTail and dwTailLength, which lie in its midst. */
+void frameCopyBody(PDFRAME destination, const DFRAME *source);
 
 /** Makes a header without data.
  *  @param size  record size, raised to DFRAME_SIZE; above 0xFFFFFFFB it is refused like a failed QXAlloc
@@ -107,12 +121,54 @@ uint32_t heapHelpAllocDFrame(PDFRAME *ppDF, uint64_t recordSize, uint64_t dataSi
  *  the same */
 int32_t heapHelpFreeDFrame(PDFRAME *ppDF, const char *msgarea, uint32_t line);
 
+/** @name Where data lies
+ *  Decided here for all commands, and stored nowhere.
+ *  @{ */
+struct DataPlace {
+    bool inPool = false;
+    PHALLOC *local = nullptr; // the descriptor, if it lies in a local block
+    bool known() const { return inPool || local != nullptr; }
+};
+
+/** What commands answer, -1, if neither heap knows the pointer. */
+inline constexpr uint64_t kFrameNowhere = UINT64_MAX;
+
+/** True if lpData points into the pool's region. Cheap, where DataPlace may cost system calls. */
+inline bool frameInPool(const DFRAME *frame) { return DFHEAP_Contains(mainHeap, frameData(frame)) != 0; }
+DataPlace framePlace(const DFRAME *frame);
+
+/** Drops one reference on the data. lpData stays.
+ *  @return false if neither heap knows the pointer. The pool answers for its whole region, also for an address in no
+ *          block. */
+bool frameReleaseData(const DFRAME *frame, const char *msgarea, uint32_t line);
+
+/** Adds one reference to data of a known place.
+ *  @return 0, or -1 if the pool has no block there */
+int32_t frameAddRefData(const DFRAME *frame, const DataPlace &place, const char *msgarea, uint32_t line);
+
+/** Brings lpData to the start of its block.
+ *  @return false if neither heap knows the pointer */
+bool frameDataToStart(PDFRAME frame, const DataPlace &place, const char *msgarea, uint32_t line);
+
+/** A new buffer of dwBufferLength bytes from one heap and no other; the pool rounds dwBufferLength.
+ *  @return false, and a null lpData, if there is no memory */
+bool frameAllocBuffer(PDFRAME frame, bool inPool, const char *msgarea, uint32_t line);
+/** @} */
+
 /** @name The commands, as dframe.h tells them
  *  @{ */
 uint64_t commandAlloc(uint32_t command, int64_t param1, uintptr_t param2, PDFRAME *ppDF, const char *msgarea,
                       uint32_t line);
 uint64_t commandFree(PDFRAME *ppDF, const char *msgarea, uint32_t line);
 uint64_t commandAddRef(PDFRAME *ppDF, const char *msgarea, uint32_t line);
+uint64_t commandCopy(uintptr_t param2, PDFRAME *ppDF, const char *msgarea, uint32_t line);
+uint64_t commandDupFree(uintptr_t param2, PDFRAME *ppDF, const char *msgarea, uint32_t line);
+uint64_t commandSwap(int64_t param1, uintptr_t param2, PDFRAME *ppDF, const char *msgarea, uint32_t line);
+uint64_t commandResize(int64_t param1, PDFRAME *ppDF, const char *msgarea, uint32_t line);
+uint64_t commandIsLocal(PDFRAME *ppDF);
+uint64_t commandIsBrenvole(PDFRAME *ppDF);
+uint64_t commandFindAlloc(PDFRAME *ppDF, const char *msgarea, uint32_t line);
+uint64_t commandFixAlloc(PDFRAME *ppDF, const char *msgarea, uint32_t line);
 uint64_t commandReset(uint32_t command, int64_t param1);
 uint64_t commandClose(uint32_t command);
 uint64_t commandTotal(uint32_t command);

@@ -271,6 +271,8 @@ int32_t LHEAP_Free(PHALLOC *pHA, [[maybe_unused]] const char *msgarea, [[maybe_u
     return result;
 }
 
+uint8_t *LHEAP_DataStart(const PHALLOC *descriptor) { return dataOf(reinterpret_cast<char *>(descriptor->lpAddr)); }
+
 void LHEAP_DropCache() {
     const bool locked = dfmemLockReady();
     if (locked) {

@@ -36,6 +36,9 @@ int32_t LHEAP_Free(PHALLOC *pHA, const char *msgarea, uint32_t line);
  *  remembers. */
 PHALLOC *LHEAP_Find(uintptr_t address);
 
+/** The start of a block's data, from its descriptor. */
+uint8_t *LHEAP_DataStart(const PHALLOC *descriptor);
+
 /** Gives the cached block to QXFree. Works before any command has run.
  *  @note Takes dfmemLock if it exists. */
 void LHEAP_DropCache();

@@ -10,5 +10,8 @@ void CopyMemoryFast(void *destination, const void *source, uint32_t count) {
 }
 
 void qxOSCopyMemorySafeFast(void *destination, const void *source, uint32_t count, uint32_t capacity) {
-    CopyMemoryFast(destination, source, std::min(count, capacity));
+    count = std::min(count, capacity);
+    if (count != 0) {
+        std::memmove(destination, source, count); // two frames may have one buffer
+    }
 }

@@ -57,7 +57,7 @@ QXUTIL_API void qxSetLogSink(QXLogSink sink, void *context);
 QXUTIL_API void *QXAlloc(uint32_t size);
 /** Gives a block of QXAlloc back. */
 QXUTIL_API void QXFree(void *block);
-/** Copies the smaller of `count` and `capacity` bytes; the ranges don't overlap. */
+/** Copies the smaller of `count` and `capacity` bytes; the ranges may overlap. */
 QXUTIL_API void qxOSCopyMemorySafeFast(void *destination, const void *source, uint32_t count, uint32_t capacity);
 /** Copies `count` bytes; the ranges don't overlap. */
 QXUTIL_API void CopyMemoryFast(void *destination, const void *source, uint32_t count);
