@@ -15,39 +15,58 @@ struct Body {
     FrameLedger *ledger;
 };
 
-FrameLedger &ledgerOf(const DFRAME *frame) {
-    Body body;
-    std::memcpy(&body, frame->abBodyHead, sizeof body); // it isn't aligned there
-    return *body.ledger;
-}
-
 void noteFailure(FrameLedger &ledger) {
     const std::lock_guard hold(ledger.lock);
     ++ledger.figures.failures;
 }
 
+// Lock held.
+void addBytes(LedgerFigures &figures, uint64_t bytes, const PoolFigures &pool) {
+    figures.bytesAlive += bytes;
+    if (figures.bytesAlive > figures.bytesPeak) {
+        figures.bytesPeak = figures.bytesAlive;
+        figures.poolAtPeak = pool;
+    }
+}
+
 // Opens the account of a new frame. False if there is no memory for it: no exception may pass through a decoder.
-bool enter(FrameLedger &ledger, const DFRAME *frame) {
+bool enter(FrameLedger &ledger, const DFRAME *frame, uint64_t bytes) {
     const PoolFigures pool = framePoolFigures();
     const std::lock_guard hold(ledger.lock);
     try {
-        ledger.references.emplace(frame, 1);
+        ledger.accounts[frame].bytes = bytes;
     } catch (const std::bad_alloc &) {
         return false;
     }
     LedgerFigures &figures = ledger.figures;
     ++figures.allocated;
     figures.bytesUsed += frame->dwBytesUsed;
-    figures.peak = std::max(figures.peak, ledger.references.size());
-    figures.bytesAlive += frame->dwBufferLength;
-    if (figures.bytesAlive > figures.bytesPeak) {
-        figures.bytesPeak = figures.bytesAlive;
-        figures.poolAtPeak = pool;
-    }
+    figures.peak = std::max(figures.peak, ledger.accounts.size());
+    addBytes(figures, bytes, pool);
     return true;
 }
 
+// A frame that has just been made, or null, comes to the account. Without memory for that it goes again.
+PDFRAME entered(FrameLedger &ledger, PDFRAME frame, uint64_t bytes) {
+    if (frame != nullptr && !enter(ledger, frame, bytes)) {
+        DFrameMem(DFRAME_FREE, 0, 0, &frame); // null again
+    }
+    if (frame == nullptr) {
+        const std::lock_guard hold(ledger.lock);
+        ++ledger.figures.refused;
+    }
+    return frame;
+}
+
+uintptr_t asSource(PDFRAME &frame) { return reinterpret_cast<uintptr_t>(&frame); }
+
 } // namespace
+
+FrameLedger &ledgerOf(const DFRAME *frame) {
+    Body body;
+    std::memcpy(&body, frame->abBodyHead, sizeof body); // it isn't aligned there
+    return *body.ledger;
+}
 
 PDFRAME ledgerAlloc(FrameLedger &ledger, uint64_t size) {
     PDFRAME frame = nullptr;
@@ -58,15 +77,50 @@ PDFRAME ledgerAlloc(FrameLedger &ledger, uint64_t size) {
         frame->dwBytesUsed = static_cast<uint32_t>(size);
         const Body body{&ledger};
         std::memcpy(frame->abBodyHead, &body, sizeof body);
-        if (!enter(ledger, frame)) {
-            DFrameMem(DFRAME_FREE, 0, 0, &frame); // null again
+    }
+    return entered(ledger, frame, frame != nullptr ? frame->dwBufferLength : 0);
+}
+
+PDFRAME ledgerCopy(PDFRAME source) {
+    PDFRAME frame = nullptr;
+    DFrameMem(DFRAME_COPY, 0, asSource(source), &frame); // the body comes along
+    return entered(ledgerOf(source), frame, frame != nullptr ? frame->dwBufferLength : 0);
+}
+
+PDFRAME ledgerDuplicate(PDFRAME source) {
+    PDFRAME frame = nullptr;
+    DFrameMem(DFRAME_DUP_FREE, 0, asSource(source), &frame);
+    return entered(ledgerOf(source), frame, 0);
+}
+
+bool ledgerSwap(PDFRAME first, PDFRAME second) {
+    FrameLedger &ledger = ledgerOf(first);
+    if (DFrameMem(DFRAME_SWAP, 0, asSource(second), &first) != 0) {
+        noteFailure(ledger);
+        return false;
+    }
+    const std::lock_guard hold(ledger.lock);
+    ledger.accounts[first].bytes = first->dwBufferLength;
+    ledger.accounts[second].bytes = second->dwBufferLength;
+    return true;
+}
+
+bool ledgerResize(PDFRAME frame, uint32_t size) {
+    FrameLedger &ledger = ledgerOf(frame);
+    const uint64_t status = DFrameMem(DFRAME_RESIZE, size, 0, &frame);
+    if (status != 0) {
+        if (status != DFMEM_E_OUTOFMEMORY) {
+            noteFailure(ledger);
         }
+        return false;
     }
-    if (frame == nullptr) {
-        const std::lock_guard hold(ledger.lock);
-        ++ledger.figures.refused;
-    }
-    return frame;
+    const PoolFigures pool = framePoolFigures();
+    const std::lock_guard hold(ledger.lock);
+    uint64_t &bytes = ledger.accounts[frame].bytes;
+    ledger.figures.bytesAlive -= bytes;
+    bytes = size;
+    addBytes(ledger.figures, bytes, pool);
+    return true;
 }
 
 bool ledgerShare(PDFRAME frame) {
@@ -76,7 +130,7 @@ bool ledgerShare(PDFRAME frame) {
         return false;
     }
     const std::lock_guard hold(ledger.lock);
-    ++ledger.references[frame];
+    ++ledger.accounts[frame].references;
     return true;
 }
 
@@ -85,10 +139,10 @@ void ledgerDrop(PDFRAME frame) {
     {
         // Before the command: after it, the address may be another frame's already.
         const std::lock_guard hold(ledger.lock);
-        const auto entry = ledger.references.find(frame);
-        if (--entry->second == 0) {
-            ledger.references.erase(entry);
-            ledger.figures.bytesAlive -= frame->dwBufferLength;
+        const auto entry = ledger.accounts.find(frame);
+        if (--entry->second.references == 0) {
+            ledger.figures.bytesAlive -= entry->second.bytes;
+            ledger.accounts.erase(entry);
         }
     }
     if (DFrameMem(DFRAME_FREE, 0, 0, &frame) != 0) {
@@ -98,12 +152,12 @@ void ledgerDrop(PDFRAME frame) {
 
 bool ledgerKnows(FrameLedger &ledger, const void *address) {
     const std::lock_guard hold(ledger.lock);
-    return ledger.references.contains(static_cast<const DFRAME *>(address));
+    return ledger.accounts.contains(static_cast<const DFRAME *>(address));
 }
 
 LedgerFigures ledgerFigures(FrameLedger &ledger) {
     const std::lock_guard hold(ledger.lock);
     LedgerFigures figures = ledger.figures;
-    figures.alive = ledger.references.size();
+    figures.alive = ledger.accounts.size();
     return figures;
 }

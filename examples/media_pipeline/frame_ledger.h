@@ -26,12 +26,17 @@ struct LedgerFigures {
     PoolFigures poolAtPeak;  ///< what of it lay in the pool, and how that then was
 };
 
+struct FrameAccount {
+    uint32_t references = 1;
+    uint64_t bytes = 0; ///< dwBufferLength; 0 if it shares another frame's buffer
+};
+
 /** The account. It outlives its frames. `lock` guards all of it and is never held over a command, so that the
  *  library gets its calls from all threads as they come. */
 struct FrameLedger {
     uint32_t side = 0; ///< DFRAME_FLAG_SYSHEAP: all frames to the local heap
     std::mutex lock;
-    std::unordered_map<const DFRAME *, uint32_t> references; ///< of each live frame
+    std::unordered_map<const DFRAME *, FrameAccount> accounts; ///< of each live frame
     LedgerFigures figures;
 };
 
@@ -41,6 +46,16 @@ PDFRAME ledgerAlloc(FrameLedger &ledger, uint64_t size);
 /** Adds a reference, on behalf of somebody else than the holder who calls.
  *  @return false if the library refuses */
 bool ledgerShare(PDFRAME frame);
+/** A frame with the header and the bytes of another one: its own (DFRAME_COPY), or the same (DFRAME_DUP_FREE).
+ *  @return the frame, with one reference; null if there is no memory */
+PDFRAME ledgerCopy(PDFRAME source);
+PDFRAME ledgerDuplicate(PDFRAME source);
+/** Exchanges the contents of two frames (DFRAME_SWAP), or gives one another size (DFRAME_RESIZE).
+ *  @return false if the library refuses */
+bool ledgerSwap(PDFRAME first, PDFRAME second);
+bool ledgerResize(PDFRAME frame, uint32_t size);
+/** The ledger that a frame belongs to. */
+FrameLedger &ledgerOf(const DFRAME *frame);
 /** Drops a reference. */
 void ledgerDrop(PDFRAME frame);
 /** True if a frame stands at this address, which may be any value. */

@@ -1,27 +1,14 @@
 #include "frame_record.h"
 
+#include "picture_rows.h"
+
 #include <cstddef>
 #include <new>
 
 namespace {
 
-// The bytes between the rows are the decoder's, and undefined; so only the visible ones count.
 void hashPicture(AVMurMur3 *hash, const AVFrame *picture) {
-    const auto format = static_cast<AVPixelFormat>(picture->format);
-    const AVPixFmtDescriptor *const about = av_pix_fmt_desc_get(format);
-    const int planes = av_pix_fmt_count_planes(format);
-    for (int i = 0; i < planes; ++i) {
-        const bool chroma = i == 1 || i == 2;
-        const int rows = chroma ? AV_CEIL_RSHIFT(picture->height, about->log2_chroma_h) : picture->height;
-        const int bytes = av_image_get_linesize(format, picture->width, i);
-        for (int row = 0; row < rows && bytes > 0; ++row) {
-            const uint8_t *const start = picture->data[i] + std::ptrdiff_t{row} * picture->linesize[i];
-            av_murmur3_update(hash, start, static_cast<std::size_t>(bytes));
-        }
-    }
-    if ((about->flags & AV_PIX_FMT_FLAG_PAL) != 0) {
-        av_murmur3_update(hash, picture->data[1], AVPALETTE_SIZE);
-    }
+    forEachRow(picture, [hash](const uint8_t *start, std::size_t bytes) { av_murmur3_update(hash, start, bytes); });
 }
 
 void hashSamples(AVMurMur3 *hash, const AVFrame *block) {

@@ -25,7 +25,8 @@ struct LibraryMessages {
     std::mutex lock;
     bool counting = false;
     uint64_t count = 0;
-    std::array<char, 256> first{}; // in place: no exception may pass through the library
+    uint64_t unexpected = 0;       // beyond those of a full pool, which the program gets along with
+    std::array<char, 256> first{}; // of these; in place: no exception may pass through the library
 };
 LibraryMessages messages;
 
@@ -34,7 +35,12 @@ int lineLength(const char *message) { return static_cast<int>(std::strcspn(messa
 
 void takeLibraryMessage(uint32_t, const char *message, void *) {
     const std::lock_guard hold(messages.lock);
-    if (messages.counting && messages.count++ == 0) {
+    if (!messages.counting) {
+        return;
+    }
+    ++messages.count;
+    const bool full = std::strstr(message, "(0xE8108020)") != nullptr; // DFMEM_E_OUTOFMEMORY
+    if (!full && messages.unexpected++ == 0) {
         std::snprintf(messages.first.data(), messages.first.size(), "%.*s", lineLength(message), message);
     }
 }
@@ -57,6 +63,10 @@ std::string problemsOf(const PipelineResult &result) {
     if (result.opened && countRecords(result, true) + countRecords(result, false) == 0) {
         add(problems, "nothing in it could be decoded");
     }
+    if (result.edits.refused + result.edits.differing != 0) {
+        add(problems, "pictures that could not be edited: " + std::to_string(result.edits.refused) +
+                          ", whose edit is wrong: " + std::to_string(result.edits.differing));
+    }
     if (frames.refused != 0) {
         add(problems, "frames that the library had no memory for: " + std::to_string(frames.refused));
     }
@@ -69,9 +79,9 @@ std::string problemsOf(const PipelineResult &result) {
     if (result.pool.used != 0) {
         add(problems, "bytes still used in the pool at the end: " + std::to_string(result.pool.used));
     }
-    if (messages.count != 0) {
+    if (messages.unexpected != 0) {
         add(problems,
-            "messages of the library: " + std::to_string(messages.count) + ", first: " + messages.first.data());
+            "messages of the library: " + std::to_string(messages.unexpected) + ", first: " + messages.first.data());
     }
     return problems;
 }

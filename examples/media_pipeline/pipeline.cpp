@@ -22,6 +22,7 @@ struct Pipeline {
     FrameLedger ledger; // before the file, whose decoders hold frames to their end
     MediaFile file;
     Queue<SharedFrame> pictures{kQueueLength};
+    Queue<SharedFrame> edits{kQueueLength};
     Queue<SharedFrame> samples{kQueueLength};
     Queue<SharedFrame> everything{kQueueLength};
     PipelineResult result; // each stage writes fields of its own, and the error under its lock
@@ -33,9 +34,12 @@ struct Pipeline {
 // Gives an output of the decoder to those who wait for it. False if there is no memory.
 bool passOn(Pipeline &pipeline, const AVFrame *media, std::size_t stream) {
     PDFRAME const frame = frameBuffersFind(pipeline.ledger, media);
+    const bool edits = frame != nullptr && hasPictures(pipeline.file, stream);
     SharedFrame worker;
     SharedFrame sink;
-    if (!shareFrame(worker, media, frame, stream) || !shareFrame(sink, media, frame, stream)) {
+    SharedFrame editor;
+    if (!shareFrame(worker, media, frame, stream) || !shareFrame(sink, media, frame, stream) ||
+        (edits && !shareFrame(editor, media, frame, stream))) {
         return false;
     }
     if (media->best_effort_timestamp != AV_NOPTS_VALUE) {
@@ -45,6 +49,9 @@ bool passOn(Pipeline &pipeline, const AVFrame *media, std::size_t stream) {
     ++pipeline.delivered;
     (hasPictures(pipeline.file, stream) ? pipeline.pictures : pipeline.samples).push(std::move(worker));
     pipeline.everything.push(std::move(sink));
+    if (edits) {
+        pipeline.edits.push(std::move(editor));
+    }
     return true;
 }
 
@@ -58,6 +65,7 @@ void noteError(Pipeline &pipeline, const std::string &text) {
 
 void closeQueues(Pipeline &pipeline) {
     pipeline.pictures.close();
+    pipeline.edits.close();
     pipeline.samples.close();
     pipeline.everything.close();
 }
@@ -93,6 +101,11 @@ void pictureStage(Pipeline &pipeline) {
     takeStage(pipeline, pipeline.pictures, [](const SharedFrame &share, StreamResult &stream) {
         addPicture(stream.brightness, share.media.get());
     });
+}
+
+void editStage(Pipeline &pipeline) {
+    takeStage(pipeline, pipeline.edits,
+              [&](const SharedFrame &share, StreamResult &) { editPicture(pipeline.result.edits, share); });
 }
 
 void sampleStage(Pipeline &pipeline) {
@@ -154,15 +167,16 @@ void runStages(Pipeline &pipeline, Progress &progress) {
     const Hash hash = makeHash();
     std::promise<void> ended;
     std::future<void> end = ended.get_future();
-    std::array<std::jthread, 4> stages; // joined after the closer has gone
+    std::array<std::jthread, 5> stages; // joined after the closer has gone
     const QueuesCloser closer{pipeline};
     stages[0] = std::jthread([&] { pictureStage(pipeline); });
     stages[1] = std::jthread([&] { sampleStage(pipeline); });
-    stages[2] = std::jthread([&] {
+    stages[2] = std::jthread([&] { editStage(pipeline); });
+    stages[3] = std::jthread([&] {
         sinkStage(pipeline, hash);
         ended.set_value();
     });
-    stages[3] = std::jthread([&] { decodeStage(pipeline); }); // last: only it puts anything into the queues
+    stages[4] = std::jthread([&] { decodeStage(pipeline); }); // last: only it puts anything into the queues
     while (end.wait_for(kProgressInterval) != std::future_status::ready) {
         progressShow(progress, progressText(pipeline));
     }

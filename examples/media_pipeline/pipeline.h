@@ -1,17 +1,20 @@
 /** @file
- *  The pipeline: one thread decodes, two look at what comes out, one collects it.
+ *  The pipeline: one thread decodes, two look at what comes out, one edits the pictures, one collects all.
  *
  *      decoder ----> pictures ----> brightness
+ *        |  |------> edits -------> a negative with a caption, in frames of its own
  *        |  '------> samples -----> level
  *        '---------> everything --> records, in the order of presentation
  *
- *  Nothing is copied on the way: each thread has a share in the frame that the decoder has written. */
+ *  Nothing is copied on the way: each thread has a share in the frame that the decoder has written. Who must change a
+ *  picture takes a copy. */
 #ifndef MEDIA_PIPELINE_PIPELINE_H
 #define MEDIA_PIPELINE_PIPELINE_H
 
 #include "audio_level.h"
 #include "frame_ledger.h"
 #include "frame_record.h"
+#include "picture_edit.h"
 #include "picture_stats.h"
 #include "progress.h"
 
@@ -34,6 +37,7 @@ struct PipelineResult {
     bool opened = false;
     std::string error; ///< empty if nothing went wrong
     std::vector<StreamResult> streams;
+    EditFigures edits;
     LedgerFigures frames; ///< after the end of all threads and decoders
     PoolFigures pool;     ///< then, too
     double seconds = 0;

@@ -76,6 +76,7 @@ void printReport(const std::string &path, const PipelineResult &result, uint64_t
     printLine("samples per channel", std::to_string(samples));
     printLine("outside of frames",
               std::to_string(outside) + (outside != 0 ? " (decoders that can't write into foreign buffers)" : ""));
+    printLine("pictures edited", std::to_string(result.edits.edited));
     printLine("frames allocated", std::to_string(frames.allocated));
     printLine("bytes through the library", megabytes(frames.bytesUsed));
     printLine("most frames alive", std::to_string(frames.peak));

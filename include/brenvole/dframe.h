@@ -48,7 +48,7 @@ extern "C" {
 #define DFRAME_FLAG_SYSHEAP 0x80000000u /**< address the local side instead of the pool */
 /** @} */
 
-/** @name Commands that this release runs; every other number is refused with DFMEM_E_FAILED
+/** @name Commands; every other number is refused with DFMEM_E_FAILED
  *  The figures answer for the pool's heap if there is one and DFRAME_FLAG_SYSHEAP is clear (so also after a
  *  DFRAME_CLOSE of the local side, when there is no memory behind it), else for the local side. There,
  *  "local free" is the pool's size (or the size to be tried next) minus what local blocks take, the cached one
