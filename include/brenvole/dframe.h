@@ -125,7 +125,8 @@ extern "C" {
  *  @par param2  pointer to the source's PDFRAME
  *  @par ppDF    in and out: the destination; null at *ppDF for a new one. The data of an existing one loses a
  *       reference first. A custom source makes new frames only.
- *  @par Header  all but lpLink is the source's, lpTail is null; dwSize is at least DFRAME_SIZE if the source's is less.
+ *  @par Header  all but lpLink is the source's, lpTail is null; dwSize is at least DFRAME_SIZE if the source's is
+ * less.
  *  @return 0; plain DFMEM_E_POINTER (null ppDF), DFMEM_E_INVALIDARG (null param2 or source, the same frame twice, a
  *       custom destination, a custom source with an existing destination or with bytes used and no data) or
  *       DFMEM_E_OUTOFMEMORY (no new frame); 0xFFFFFFFF if the source's lpData lies in the pool's region but in no
@@ -137,8 +138,8 @@ extern "C" {
  *  buffer that it has then.
  *  @par param1  smallest data size of a target that is made here or has no data; may be 0 or negative
  *  @par param2  pointer to the source's PDFRAME
- *  @par ppDF    in and out: the target; null at *ppDF for a new one, which takes the source's content, while the source
- *       gets the new frame's empty buffer
+ *  @par ppDF    in and out: the target; null at *ppDF for a new one, which takes the source's content, while the
+ * source gets the new frame's empty buffer
  *  @par Header  exchanged, or handed to a new target: flags, opaque body, dwTrailC, dwTrailD, the marks. The source's
  *       dwTrailF to dwTrailI go to the target and stay in the source. Neither comes out with a valid tail.
  *  @return 0, also if one of the two has no data: then nothing is exchanged; plain DFMEM_E_POINTER (null ppDF),
@@ -146,9 +147,9 @@ extern "C" {
  *       has no block for a pointer) or DFMEM_E_OUTOFMEMORY: no new target, no temporary, or no buffer for a target
  *       without data, which then loses a reference, and *ppDF is null */
 #define DFRAME_SWAP 15u
-/** Gives a frame a buffer of another size in its heap, with the bytes in use that fit. The new one is there before the
- *  old one loses its reference, so other holders of the buffer keep it. A moved lpData stays moved, with the bytes in
- *  front of it; the size counts from lpData.
+/** Gives a frame a buffer of another size in its heap, with the bytes in use that fit. The new one is there before
+ * the old one loses its reference, so other holders of the buffer keep it. A moved lpData stays moved, with the bytes
+ * in front of it; the size counts from lpData.
  *  @par param1  new data size, 0 to 0xFFFFFFFF; 0 leaves the frame without data, or with the bytes in front of lpData
  *  @par ppDF    in: the frame
  *  @return 0; plain DFMEM_E_POINTER (null ppDF) or DFMEM_E_INVALIDARG (null or custom frame, a size out of range) or
@@ -160,8 +161,8 @@ extern "C" {
 #define DFRAME_ISLOCAL 9u
 /** @return 1 if the data lies in the pool; else 0, also for null arguments and custom frames */
 #define DFRAME_ISBRENVOLE 18u
-/** @return in the pool, the distance of lpData from the start of its block in bytes; in the local heap, the address of
- *       the start; 0 for a frame without data; -1 (64 bits) if neither heap knows lpData; plain DFMEM_E_POINTER (null
+/** @return in the pool, the distance of lpData from the start of its block in bytes; in the local heap, the address
+ * of the start; 0 for a frame without data; -1 (64 bits) if neither heap knows lpData; plain DFMEM_E_POINTER (null
  *       ppDF) or DFMEM_E_INVALIDARG (null or custom frame) */
 #define DFRAME_FINDALLOC 21u
 /** Puts lpData back to the start of its block, and clears dwFlags, dwTrailA to dwTrailI but for the attach stamps.
