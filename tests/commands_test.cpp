@@ -298,6 +298,31 @@ TEST_F(Commands, NoByteMovesInOneHeap) {
     }
 }
 
+// A copy that the local heap must serve for a full pool keeps no pointer that it couldn't find; a source that says
+// to use more than it has is read no further than it goes.
+TEST_F(Commands, OutOfReach) {
+    makePool(1000000);
+    PDFRAME source = nullptr, copy = nullptr, custom = nullptr, shared = nullptr;
+    ASSERT_EQ(alloc(source, 700000) | alloc(custom, kNoData), 0u);
+    source->lpData += 300000;
+    source->dwBufferLength -= 300000;
+    std::memset(source->lpData, 9, source->dwBytesUsed = 1000);
+    EXPECT_EQ(run(DFRAME_COPY, copy, 0, &source), 0u);
+    EXPECT_EQ(run(DFRAME_ISLOCAL, copy), 1u);
+    EXPECT_EQ(std::memcmp(copy->lpData, source->lpData, 1000), 0);
+    EXPECT_EQ(free(source) | free(copy), 0u);
+    const auto own = std::make_unique<uint8_t[]>(1000);
+    custom->dwFlags |= DFRAME_FLAG_CUSTOM;
+    custom->lpData = own.get();
+    custom->dwBufferLength = 1000;
+    custom->dwBytesUsed = 1001;
+    EXPECT_EQ(run(DFRAME_DUP_FREE, shared, 0, &custom), 0u);
+    EXPECT_EQ(log.take(), Texts{"ERROR(dfmem): DFrameDupFree memory overwrite\n"});
+    custom->dwFlags = custom->dwBytesUsed = 0;
+    custom->lpData = nullptr;
+    EXPECT_EQ(free(custom) | free(shared), 0u);
+}
+
 // ---- each allocation fails in turn --------------------------------------------------------------------------------
 
 TEST_F(Commands, EachAllocationFails) {

@@ -7,7 +7,8 @@
  *  each goes when its own count reaches 0.
  *
  *  Data buffers come from the *pool*, one large region of the system's that DFRAME_RESET makes, or from the *local
- *  heap*. As long as there is no pool, the local heap serves, and a frame that it can't serve makes the pool at its
+ *  heap*. As long as there is no pool, the local heap serves, and a frame that it can't serve (or a duplicate of a
+ *  custom frame) makes the pool at its
  *  default size of 524255000 bytes (after a failure at the last size tried; after a refused DFRAME_RESET at none).
  *  With a pool, the local heap serves when the pool is full.
  *
@@ -106,32 +107,40 @@ extern "C" {
  *       DFMEM_E_OUTOFMEMORY (frame without data) or DFMEM_E_FAILED (data in no heap); 0xFFFFFFFF if lpData lies in
  *       the pool's region but in no block. In the last two cases the header's count stays raised. */
 #define DFRAME_ADDREF 12u
-/** Gives the caller a second frame with the header and the bytes of a source, which shares nothing with it.
+/** Gives the caller a second frame with the header and the bytes of a source.
  *  @par param2  pointer to the source's PDFRAME. Its lpData is moved for the time of the command, if a frame is made.
- *  @par ppDF    in and out: the destination; null at *ppDF for a new one. An existing one keeps its buffer if that
- *       holds the source's dwBytesUsed; one that is too small is released and replaced in the source's heap. A new
- *       one gets the source's dwBufferLength (16 or 4096 more if the source is full) in the source's heap, or else in
- *       the other, and takes over a moved data pointer, with the bytes in front of it; its dwBufferLength counts from
- *       lpData.
- *  @par Header  all but lpLink, dwSize and dwTrailE is the source's; DFRAME_FLAG_CUSTOM stays the destination's own,
- *       lpTail is null.
+ *  @par ppDF    in and out: the destination; null at *ppDF for a new one. A new one shares nothing. It gets the
+ * source's dwBufferLength (16 or 4096 more if the source is full) in the source's heap, or, if that is the pool and
+ * it is full, in the local heap. It takes over a moved data pointer, with the bytes in front of it (but for one that
+ *       the local heap couldn't find); its dwBufferLength counts from lpData. An existing one keeps its buffer if
+ * that holds the source's dwBytesUsed, also if it is the source's own. Without a buffer, or with one that is too
+ *       small, which is released, it gets one in the source's heap or not at all. One that is too small and known to
+ *       neither heap stays, takes what fits, and is told to hold all.
+ *  @par Header  all but dwSize (at least DFRAME_SIZE) and dwTrailE is the source's; DFRAME_FLAG_CUSTOM stays the
+ *       destination's own, lpTail is null. If bytes are copied, lpLink is null and the attach stamps are new: a
+ *       destination that stands on a list is reported, and has to be taken off before.
  *  @return 0; plain DFMEM_E_POINTER (null param2 or ppDF), DFMEM_E_INVALIDARG (null source; custom destination that
  *       is too small) or DFMEM_E_OUTOFMEMORY (no new frame); DFMEM_E_OUTOFMEMORY widened if no buffer can be had:
  *       then the destination's reference is gone and *ppDF is null
- *  @note A frame copied onto itself loses its dwBytesUsed. Bytes used without data give a copy without bytes used. */
+ *  @note A frame copied onto itself loses its dwBytesUsed and its lpTail. Bytes used without data give a copy without
+ *       bytes used. */
 #define DFRAME_COPY 13u
 /** Makes the destination a duplicate of the source that shares the source's buffer, by one more reference on it. A
  *  custom source's bytes, and those of a buffer that neither heap knows, are copied instead.
  *  @par param2  pointer to the source's PDFRAME
  *  @par ppDF    in and out: the destination; null at *ppDF for a new one. The data of an existing one loses a
- *       reference first. A custom source makes new frames only.
- *  @par Header  all but lpLink is the source's, lpTail is null; dwSize is at least DFRAME_SIZE if the source's is
- * less.
+ *       reference first. A custom source makes new frames only, in the pool, which is made if there is none, or in
+ * the local heap if that is full.
+ *  @par Header  all but lpLink is the source's, lpTail is null. dwSize stays, and becomes DFRAME_SIZE if the source's
+ *       is less. From a custom source DFRAME_FLAG_CUSTOM isn't taken over, and dwBufferLength is that of the new
+ * buffer.
  *  @return 0; plain DFMEM_E_POINTER (null ppDF), DFMEM_E_INVALIDARG (null param2 or source, the same frame twice, a
- *       custom destination, a custom source with an existing destination or with bytes used and no data) or
- *       DFMEM_E_OUTOFMEMORY (no new frame); 0xFFFFFFFF if the source's lpData lies in the pool's region but in no
- *       block: then the destination's reference is gone and *ppDF is null
- *  @note If a copy is needed and there is no memory for it, the result is 0 and the destination's lpData is null. */
+ *       custom destination, a custom source with an existing destination or with bytes used and no data or length) or
+ *       DFMEM_E_OUTOFMEMORY (no new frame, no buffer for a custom source's bytes); 0xFFFFFFFF if the source's lpData
+ *       lies in the pool's region but in no block: then the destination's old data and its reference are gone, *ppDF
+ * is null, and other holders of the destination had better forget its lpData
+ *  @note If a buffer that neither heap knows has to be copied and there is no memory for it, the result is 0 and the
+ *       destination's lpData is null. */
 #define DFRAME_DUP_FREE 14u
 /** Exchanges the contents of two frames. Two buffers of one heap only change frames; else the bytes in use move, and
  *  both have to be fewer than the other buffer holds. References to the frames stay, and each keeps its count on the

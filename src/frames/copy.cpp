@@ -4,6 +4,8 @@
 // source's pointer stands at the start of its block while the command runs, and is put back on every way out.
 #include "frames.h"
 
+#include "local/local_heap.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -13,7 +15,7 @@ namespace {
 
 struct Copying {
     PDFRAME source;
-    PDFRAME destination;
+    PDFRAME *ppDF;      // the destination
     bool inPool;        // the source's heap, where a buffer comes from
     uint32_t newLength; // of a buffer made here
     uint8_t *saved;     // the source's data pointer, as the caller has it
@@ -46,18 +48,19 @@ bool makeDestination(Copying &copying) {
     frameDataToStart(source, ask ? framePlace(source) : DataPlace{}, copying.msgarea, copying.line);
     copying.offset = reinterpret_cast<uintptr_t>(copying.saved) - frameData(source);
     copying.newLength += static_cast<uint32_t>(copying.offset);
-    heapHelpAllocDFrame(&copying.destination, frameCopySize(source), copying.newLength, copying.inPool ? 0 : 1,
+    heapHelpAllocDFrame(copying.ppDF, frameCopySize(source), copying.newLength, copying.inPool ? 0 : 1,
                         copying.msgarea, copying.line);
-    if (copying.destination == nullptr) {
+    if (*copying.ppDF == nullptr) {
+        source->lpData = copying.saved;
         return false;
     }
-    clearLink(copying.destination);
+    clearLink(*copying.ppDF);
     return true;
 }
 
 // Step 5. A buffer that is too small goes, unless no heap knows it. False for a custom one.
 bool dropSmallBuffer(const Copying &copying) {
-    PDFRAME const destination = copying.destination;
+    PDFRAME const destination = *copying.ppDF;
     if (destination->lpData == nullptr || destination->dwBufferLength >= copying.source->dwBytesUsed) {
         return true;
     }
@@ -96,7 +99,7 @@ void copyHeader(PDFRAME destination, const DFRAME *source) {
 // Step 12. The source's pointer stands at the start of its block if the destination is new.
 void copyBytes(const Copying &copying) {
     const DFRAME *const source = copying.source;
-    const DFRAME *const destination = copying.destination;
+    const DFRAME *const destination = *copying.ppDF;
     const uint64_t used = source->dwBytesUsed;
     const uint64_t length = source->dwBufferLength;
     uint64_t count = std::min<uint64_t>(used, copying.newLength);
@@ -106,13 +109,14 @@ void copyBytes(const Copying &copying) {
         capacity = length + copying.offset;
     }
     capacity = std::min<uint64_t>(destination->dwBufferLength, capacity);
-    qxOSCopyMemorySafeFast(destination->lpData, source->lpData, static_cast<uint32_t>(std::min(count, capacity)),
+    qxOSCopyMemorySafeFast(destination->lpData, source->lpData,
+                           static_cast<uint32_t>(std::min<uint64_t>(count, UINT32_MAX)),
                            static_cast<uint32_t>(capacity));
 }
 
 // Steps 13 and 14. dwBufferLength counts from lpData, so it gives up what is in front of it.
 void finishData(const Copying &copying) {
-    PDFRAME const destination = copying.destination;
+    PDFRAME const destination = *copying.ppDF;
     destination->dwBytesUsed = copying.source->dwBytesUsed;
     destination->dwSize = std::max(destination->dwSize, DFRAME_SIZE);
     frameStampAttach(destination);
@@ -123,9 +127,18 @@ void finishData(const Copying &copying) {
     }
 }
 
+// A pointer that was moved far inside a block of the pool wouldn't be found so far inside a local one. A destination
+// that came to lie there, since the pool was full, gets the bytes from the pointer on.
+void giveUpFarOffset(Copying &copying) {
+    if (copying.offset > kLocalReach && !frameInPool(*copying.ppDF)) {
+        copying.source->lpData = copying.saved;
+        copying.offset = 0;
+    }
+}
+
 // Steps 9 to 14. False if there is no memory.
-bool copyData(const Copying &copying) {
-    PDFRAME const destination = copying.destination;
+bool copyData(Copying &copying) {
+    PDFRAME const destination = *copying.ppDF;
     if (copying.source->dwBufferLength == 0) { // 9
         return true;
     }
@@ -136,21 +149,22 @@ bool copyData(const Copying &copying) {
         }
     }
     if (copying.source->dwBytesUsed != 0 && copying.source->lpData != nullptr) { // 11; nothing is read from a null
-        copyBytes(copying);                                                      // 12
-        finishData(copying);                                                     // 13, 14
+        giveUpFarOffset(copying);
+        copyBytes(copying);  // 12
+        finishData(copying); // 13, 14
     }
     return true;
 }
 
-// Steps 4 to 14. The result, and the destination, which is null if it was lost.
+// Steps 4 to 14.
 uint64_t copyFrame(Copying &copying) {
-    if (copying.destination == nullptr && !makeDestination(copying)) { // 4
+    if (*copying.ppDF == nullptr && !makeDestination(copying)) { // 4
         return frameRefuse(DFMEM_E_OUTOFMEMORY, "DFRAME_COPY2|pDF==NULL(0x%lX)");
     }
     if (!dropSmallBuffer(copying)) { // 5
         return frameRefuse(DFMEM_E_INVALIDARG, "DFRAME_COPY|CustomTooSmall(0x%lX)");
     }
-    PDFRAME const destination = copying.destination;
+    PDFRAME const destination = *copying.ppDF;
     if (copying.source->dwSize < DFRAME_SIZE) { // 6
         destination->dwSize = DFRAME_SIZE;
     }
@@ -158,11 +172,10 @@ uint64_t copyFrame(Copying &copying) {
         destination->lpLink[2] != nullptr) { // 7
         ErrFmtOut(QX_ERROR, 0, 0, "ERROR(dfmem): %s\n", "dfmem:COPY-Double Listed");
     }
-    copyHeader(destination, copying.source); // 8
-    if (!copyData(copying)) {                // 9 to 14
-        heapHelpFreeDFrame(&copying.destination, copying.msgarea, copying.line);
+    copyHeader(destination, copying.source);                             // 8
+    if (!copyData(copying)) {                                            // 9 to 14
+        heapHelpFreeDFrame(copying.ppDF, copying.msgarea, copying.line); // sets it to null
         ErrFmtOut(QX_WARNING, 0, 0, "WARNING(dfmem): %s\n", "CopyReAlloc-pDF==NULL");
-        copying.destination = nullptr;
         return frameWiden(DFMEM_E_OUTOFMEMORY);
     }
     return 0;
@@ -189,7 +202,7 @@ uint64_t commandCopy(uintptr_t param2, PDFRAME *ppDF, const char *msgarea, uint3
         ErrOut("Warning: DFrameCopy memory overwrite (src=%d, dst=%d) ", source->dwBytesUsed, source->dwBufferLength);
     }
     Copying copying{.source = source,
-                    .destination = *ppDF,
+                    .ppDF = ppDF,
                     .inPool = frameInPool(source),
                     .newLength = lengthFor(source), // 3
                     .saved = source->lpData,
@@ -199,7 +212,6 @@ uint64_t commandCopy(uintptr_t param2, PDFRAME *ppDF, const char *msgarea, uint3
     if (copying.made) { // 15; a frame copied onto itself may have lost its buffer
         source->lpData = copying.saved;
     }
-    *ppDF = copying.destination;
     return result;
 }
 

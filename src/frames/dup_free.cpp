@@ -4,6 +4,8 @@
 
 #include "local/local_heap.h"
 
+#include <algorithm>
+
 namespace brenvole {
 
 namespace {
@@ -43,8 +45,10 @@ void copyCustomHeader(PDFRAME destination, const DFRAME *source) {
     destination->dwSize = frameCopySize(source);
 }
 
+// No more than the source has, though it may say that more is used.
 void copyUsedBytes(const DFRAME *destination, const DFRAME *source) {
-    qxOSCopyMemorySafeFast(destination->lpData, source->lpData, source->dwBytesUsed, destination->dwBufferLength);
+    qxOSCopyMemorySafeFast(destination->lpData, source->lpData, source->dwBytesUsed,
+                           std::min(+destination->dwBufferLength, +source->dwBufferLength));
 }
 
 // Steps of the copying case: 1, 2 refusals; 3 a frame; 4 none to be had; 5 the header; 6 the bytes; 7 the end.

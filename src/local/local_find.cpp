@@ -20,6 +20,7 @@ namespace brenvole {
 namespace {
 
 constexpr unsigned kTries = 17;
+static_assert(kLocalReach == kTries * kDataAlignment - 1);
 // More references than this on one block are taken for chance bits.
 constexpr uint32_t kMostReferences = 8192;
 

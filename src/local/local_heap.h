@@ -28,7 +28,10 @@ uint8_t *LHEAP_Alloc(uint32_t size, PDFRAME pDF, const char *msgarea, uint32_t l
  *  @note Takes dfmemLock. */
 int32_t LHEAP_Free(PHALLOC *pHA, const char *msgarea, uint32_t line);
 
-/** Finds the local block that `address` lies in, up to 278527 bytes above the start of its data: the nearest
+/** The last byte that LHEAP_Find finds, counted from the start of a block's data. */
+inline constexpr uint32_t kLocalReach = 278527;
+
+/** Finds the local block that `address` lies in, up to kLocalReach bytes above the start of its data: the nearest
  *  live descriptor at or below the address, whatever the block's length.
  *  @param address  any value whatever; memory that isn't there ends the search
  *  @return its descriptor, or null
