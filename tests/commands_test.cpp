@@ -1,6 +1,7 @@
 // The commands that copy, share, exchange, resize and place data: header tables, refusals, what fails on the way, and
 // all of them at random beside a model. Nothing here needs more than the exported names.
 #include "harness.h"
+#include "local/phalloc.h"
 
 #include <brenvole/dframe.h>
 
@@ -298,29 +299,73 @@ TEST_F(Commands, NoByteMovesInOneHeap) {
     }
 }
 
-// A copy that the local heap must serve for a full pool keeps no pointer that it couldn't find; a source that says
-// to use more than it has is read no further than it goes.
 TEST_F(Commands, OutOfReach) {
     makePool(1000000);
     PDFRAME source = nullptr, copy = nullptr, custom = nullptr, shared = nullptr;
     ASSERT_EQ(alloc(source, 700000) | alloc(custom, kNoData), 0u);
+    uint8_t *const data = source->lpData;
     source->lpData += 300000;
     source->dwBufferLength -= 300000;
     std::memset(source->lpData, 9, source->dwBytesUsed = 1000);
+    // A copy that the local heap must serve for a full pool keeps no pointer that it couldn't find.
     EXPECT_EQ(run(DFRAME_COPY, copy, 0, &source), 0u);
     EXPECT_EQ(run(DFRAME_ISLOCAL, copy), 1u);
     EXPECT_EQ(std::memcmp(copy->lpData, source->lpData, 1000), 0);
-    EXPECT_EQ(free(source) | free(copy), 0u);
+    EXPECT_EQ(free(copy), 0u);
+    // A pointer into the pool, but into none of its blocks: nothing to share.
+    source->lpData = data + 990000;
+    EXPECT_EQ(run(DFRAME_DUP_FREE, shared, 0, &source), 0xFFFFFFFFu);
+    EXPECT_EQ(shared, nullptr);
+    source->lpData = data;
+    // A source that says to use more than it has is read no further than it goes.
     const auto own = std::make_unique<uint8_t[]>(1000);
-    custom->dwFlags |= DFRAME_FLAG_CUSTOM;
     custom->lpData = own.get();
     custom->dwBufferLength = 1000;
     custom->dwBytesUsed = 1001;
-    EXPECT_EQ(run(DFRAME_DUP_FREE, shared, 0, &custom), 0u);
-    EXPECT_EQ(log.take(), Texts{"ERROR(dfmem): DFrameDupFree memory overwrite\n"});
+    for (const uint32_t flag : {DFRAME_FLAG_CUSTOM, 0u}) { // the caller's, or one that no heap knows
+        custom->dwFlags = flag;
+        EXPECT_EQ(run(DFRAME_DUP_FREE, shared, 0, &custom), 0u);
+        EXPECT_EQ(log.take(), Texts{"ERROR(dfmem): DFrameDupFree memory overwrite\n"});
+        EXPECT_EQ(std::memcmp(shared->lpData, own.get(), 1000), 0);
+        shared->dwBytesUsed = 0;
+        EXPECT_EQ(free(shared), 0u);
+    }
+    custom->dwFlags = DFRAME_FLAG_CUSTOM;
+    custom->lpData = data;
+    EXPECT_EQ(run(DFRAME_ISBRENVOLE, custom), 0u); // be it in the pool
+    log.take();
     custom->dwFlags = custom->dwBytesUsed = 0;
     custom->lpData = nullptr;
-    EXPECT_EQ(free(custom) | free(shared), 0u);
+    ASSERT_EQ(alloc(copy, 1000, DFRAME_FLAG_SYSHEAP), 0u);
+    copy->dwBytesUsed = 0x40000000;
+    EXPECT_EQ(run(DFRAME_RESIZE, copy, 0x20000000), 0u);
+    copy->dwBytesUsed = 0x40000000;
+    EXPECT_EQ(run(DFRAME_SWAP, source, 0, &copy), DFMEM_E_FAILED);
+    source->dwBytesUsed = 0;
+    EXPECT_EQ(run(DFRAME_SWAP, source, 0, &copy), 0u); // one way, as far as it goes
+    source->dwBytesUsed = 0;
+    log.take();
+    EXPECT_EQ(free(custom) | free(copy) | free(source), 0u);
+}
+
+// Between the heaps, both have to use less than the other holds.
+TEST_F(Commands, BytesThatJustFitAreRefused) {
+    makePool(1000000);
+    PDFRAME pool = nullptr, local = nullptr;
+    ASSERT_EQ(alloc(pool, 5000) | alloc(local, 5000, DFRAME_FLAG_SYSHEAP), 0u); // 8192 and 7000
+    for (PDFRAME *source : {&pool, &local}) {
+        PDFRAME &target = source == &pool ? local : pool;
+        pool->dwBytesUsed = local->dwBytesUsed = 7000;
+        EXPECT_EQ(run(DFRAME_SWAP, target, 0, source), DFMEM_E_FAILED);
+        EXPECT_EQ(log.take(), Texts{"NoSwap DFrame LHEAP(0xE8108013)"});
+        pool->dwBytesUsed = 6999;
+        std::memset(pool->lpData, 1, 6999);
+        std::memset(local->lpData, 2, 7000);
+        EXPECT_EQ(run(DFRAME_SWAP, target, 0, source), 0u);
+        EXPECT_TRUE(pool->dwBytesUsed == 7000 && local->dwBytesUsed == 6999);
+        EXPECT_TRUE(pool->lpData[6999] == 2 && local->lpData[0] == 1 && local->lpData[6998] == 1);
+    }
+    EXPECT_EQ(free(pool) | free(local), 0u);
 }
 
 // ---- each allocation fails in turn --------------------------------------------------------------------------------
@@ -353,6 +398,7 @@ TEST_F(Commands, EachAllocationFails) {
             EXPECT_EQ(told, failedOnce);
             EXPECT_TRUE(result == 0 || static_cast<uint32_t>(result) == DFMEM_E_OUTOFMEMORY);
             EXPECT_TRUE(result == 0 || failedOnce);
+            EXPECT_TRUE(result == 0 || allBehind || command != DFRAME_SWAP || exists); // the other heap serves
             if (result != 0 && command == DFRAME_RESIZE) {
                 EXPECT_EQ(std::memcmp(target, &before, sizeof before), 0); // as it was
             } else if (result != 0) {
@@ -381,6 +427,7 @@ struct Block {
     Kind kind;
     uint32_t size; // of a local one the effective size
     uint8_t *start = nullptr;
+    PDFRAME owner = nullptr; // who took it, or got it by an exchange; it may be gone
     std::vector<uint8_t> bytes;
 
     Block(uint32_t &cache, Kind k, uint32_t request) : cached(cache), kind(k), size(request) {
@@ -413,7 +460,9 @@ struct Model {
     bool unshared() const { return !is(Kind::own) && block.use_count() < 2; }
     // Where the block has come to lie, told by its frame.
     void settle() const {
-        if (block) { block->start = frame->lpData - moved; }
+        if (!block) { return; }
+        block->start = frame->lpData - moved;
+        if (block->owner == nullptr) { block->owner = frame; }
     }
     void take(uint32_t at, const Model &from, uint32_t count) {
         ASSERT_GE(from.block->bytes.size(), from.moved + count);
@@ -543,7 +592,8 @@ class CommandModel : public Commands, public testing::WithParamInterface<uint64_
         if (target.block && inPool != target.is(Kind::pool) && target.used == 0 && source.used > target.length) {
             return; // copied as far as it fits, and told to be used to its end: an overwrite from here on
         }
-        const uint32_t least = chance(2) ? 0 : upTo(50000);
+        const int64_t asked = chance(3) ? -1 - static_cast<int64_t>(random()) : upTo(50000);
+        const auto least = static_cast<uint32_t>(std::max<int64_t>(asked, 0));
         if (made) {
             target.length = std::max(least, source.length);
             target.block = target.length != 0 ? place(target.length, inPool, 4096) : nullptr;
@@ -557,12 +607,14 @@ class CommandModel : public Commands, public testing::WithParamInterface<uint64_
         const bool oneWay = made || target.used == 0;
         const bool refused =
             exchanges && !oneHeap && !oneWay && (source.used >= target.length || target.used >= source.length);
-        runOn(DFRAME_SWAP, source, target, least, fails ? DFMEM_E_OUTOFMEMORY : refused ? DFMEM_E_FAILED : 0);
+        runOn(DFRAME_SWAP, source, target, asked, fails ? DFMEM_E_OUTOFMEMORY : refused ? DFMEM_E_FAILED : 0);
         if (fails) { return; }
         if (oneHeap) {
             std::swap(source.block, target.block);
             std::swap(source.moved, target.moved);
             std::swap(source.length, target.length);
+            source.block->owner = source.frame;
+            target.block->owner = target.frame;
         } else if (exchanges && !refused) {
             const std::vector<uint8_t> held = source.block->bytes;
             if (!oneWay) { source.take(source.moved, target, target.used); }
@@ -575,9 +627,11 @@ class CommandModel : public Commands, public testing::WithParamInterface<uint64_
     void doResize(Model &model) {
         const uint32_t wanted = chance(8) ? 0 : chance(8) ? model.length : upTo(60000);
         Model after = model;
+        const bool inPool = model.is(Kind::pool); // there the pointer has to lie in the block still
         uint32_t request = wanted + model.moved;
+        if (inPool && wanted == 0 && model.moved != 0 && model.moved % 4096 == 0) { ++request; }
         const bool works = model.block && wanted != model.length;
-        if (works) { after.block = placeIn(request, model.is(Kind::pool)); }
+        if (works) { after.block = placeIn(request, inPool); }
         const bool fails = works && !after.block && request != 0;
         ASSERT_EQ(run(DFRAME_RESIZE, model.frame, wanted), fails                             ? DFMEM_E_OUTOFMEMORY
                                                            : works || wanted == model.length ? 0
@@ -591,7 +645,8 @@ class CommandModel : public Commands, public testing::WithParamInterface<uint64_
     }
     void doMove(Model &model) {
         if (!model.block || model.is(Kind::own) || model.length == 0 || model.moved > 150000) { return; }
-        const uint32_t by = upTo(std::min({model.used, model.length - 1, 60000u}));
+        uint32_t by = upTo(std::min({model.used, model.length - 1, 60000u}));
+        if (chance(2)) { by = by / 4096 * 4096; }
         model.frame->lpData += by;
         model.moved += by;
         model.frame->dwBufferLength = model.length -= by;
@@ -622,6 +677,13 @@ class CommandModel : public Commands, public testing::WithParamInterface<uint64_
         ASSERT_EQ(run(DFRAME_FINDALLOC, frame), model.is(Kind::own)    ? DFMEM_E_INVALIDARG
                                                 : model.is(Kind::pool) ? model.moved
                                                                        : start);
+        if (model.is(Kind::local)) {
+            const auto *const descriptor = reinterpret_cast<const brenvole::PHALLOC *>(start - 128);
+            ASSERT_EQ(descriptor->pOwner, reinterpret_cast<uintptr_t>(block.owner));
+            uint32_t count = 0;
+            for (const Model &m : live) { count += m.block == model.block ? m.references : 0; }
+            ASSERT_EQ(descriptor->lRefCount, static_cast<int32_t>(count));
+        }
         ASSERT_EQ(start % (model.is(Kind::own) ? 1 : model.is(Kind::pool) ? 4096 : 16384), 0u);
     }
     // By address, each once.

@@ -142,39 +142,44 @@ extern "C" {
  *  @note If a buffer that neither heap knows has to be copied and there is no memory for it, the result is 0 and the
  *       destination's lpData is null. */
 #define DFRAME_DUP_FREE 14u
-/** Exchanges the contents of two frames. Two buffers of one heap only change frames; else the bytes in use move, and
- *  both have to be fewer than the other buffer holds. References to the frames stay, and each keeps its count on the
- *  buffer that it has then.
+/** Exchanges the contents of two frames. Two buffers of one heap only change frames; else the bytes in use move. The
+ *  frames keep their references, and each keeps its count on the buffer that it has then: so a frame that shares its
+ *  buffer with another one (DFRAME_DUP_FREE) is not to be exchanged, or the buffer goes before its last holder.
  *  @par param1  smallest data size of a target that is made here or has no data; may be 0 or negative
  *  @par param2  pointer to the source's PDFRAME
- *  @par ppDF    in and out: the target; null at *ppDF for a new one, which takes the source's content, while the
- * source gets the new frame's empty buffer
- *  @par Header  exchanged, or handed to a new target: flags, opaque body, dwTrailC, dwTrailD, the marks. The source's
+ *  @par ppDF    in and out: the target; null at *ppDF for a new one, of at least the source's dwBufferLength, which
+ * takes the source's content, while the source gets the new frame's empty buffer; if that came to lie in the other
+ *       heap, the source keeps its own, with dwBytesUsed 0. A target without data gets a buffer first.
+ *  @par Bytes   between the heaps both have to use fewer bytes than the other buffer holds; but the bytes for a new
+ *       target, or for one that uses none, go one way, as many as fit, and dwBytesUsed is exchanged all the same.
+ *  @par Header  exchanged, or handed to a new target: flags, opaque body, qwTrailC, dwTrailD, the marks. The source's
  *       dwTrailF to dwTrailI go to the target and stay in the source. Neither comes out with a valid tail.
- *  @return 0, also if one of the two has no data: then nothing is exchanged; plain DFMEM_E_POINTER (null ppDF),
+ *  @return 0, also if one of the two has no data then: nothing is exchanged; plain DFMEM_E_POINTER (null ppDF),
  *       DFMEM_E_INVALIDARG (null param2 or source, a custom frame), DFMEM_E_FAILED (the bytes don't fit, or the pool
  *       has no block for a pointer) or DFMEM_E_OUTOFMEMORY: no new target, no temporary, or no buffer for a target
  *       without data, which then loses a reference, and *ppDF is null */
 #define DFRAME_SWAP 15u
 /** Gives a frame a buffer of another size in its heap, with the bytes in use that fit. The new one is there before
- * the old one loses its reference, so other holders of the buffer keep it. A moved lpData stays moved, with the bytes
- * in front of it; the size counts from lpData.
+ * the old one loses one reference, so frames that share the buffer keep it. The new one has one reference: a frame
+ * that has several holders itself is not to be resized. A moved lpData stays moved, with the bytes in front of it;
+ * the size counts from lpData.
  *  @par param1  new data size, 0 to 0xFFFFFFFF; 0 leaves the frame without data, or with the bytes in front of lpData
  *  @par ppDF    in: the frame
- *  @return 0; plain DFMEM_E_POINTER (null ppDF) or DFMEM_E_INVALIDARG (null or custom frame, a size out of range) or
- *       DFMEM_E_OUTOFMEMORY; -1 (64 bits) for a frame without data or with a pointer that neither heap knows. Unless
- *       the result is 0, the frame is as it was. */
+ *  @return 0, also for the present size; plain DFMEM_E_POINTER (null ppDF) or DFMEM_E_INVALIDARG (null or custom
+ *       frame, a size out of range) or DFMEM_E_OUTOFMEMORY; -1 (64 bits) for a frame without data or with a pointer
+ *       that neither heap knows. Unless the result is 0, the frame is as it was. */
 #define DFRAME_RESIZE 16u
 /** @par ppDF    in: the frame, as for the other three that tell where data lies
  *  @return 1 if the data lies in the local heap; else 0, also for null arguments and custom frames */
 #define DFRAME_ISLOCAL 9u
 /** @return 1 if the data lies in the pool; else 0, also for null arguments and custom frames */
 #define DFRAME_ISBRENVOLE 18u
-/** @return in the pool, the distance of lpData from the start of its block in bytes; in the local heap, the address
- * of the start; 0 for a frame without data; -1 (64 bits) if neither heap knows lpData; plain DFMEM_E_POINTER (null
- *       ppDF) or DFMEM_E_INVALIDARG (null or custom frame) */
+/** @return in the pool, the distance of lpData from the start of its block in bytes, low 32 bits, and 0 if no block
+ *       holds it; in the local heap, the address of the start; 0 for a frame without data; -1 (64 bits) if neither
+ * heap knows lpData; plain DFMEM_E_POINTER (null ppDF) or DFMEM_E_INVALIDARG (null or custom frame) */
 #define DFRAME_FINDALLOC 21u
-/** Puts lpData back to the start of its block, and clears dwFlags, dwTrailA to dwTrailI but for the attach stamps.
+/** Puts lpData back to the start of its block (if the pool has none there, it stays). dwFlags, dwTrailA, dwTrailB,
+ *  dwCreateMark, qwTrailC and dwTrailD to dwTrailI become 0, the attach stamps new.
  *  @return 0, also for a frame without data, which isn't touched; -1 (64 bits) if neither heap knows lpData, then the
  *       fields are cleared all the same; a status as above */
 #define DFRAME_FIXALLOC 17u
@@ -182,7 +187,8 @@ extern "C" {
  *  follow. Blocks that still live in the pool are logged as leaks; their data is gone, and their frames are good for
  *  DFRAME_FREE only, which reports the lost data, and only as long as no new pool stands in the old one's place.
  *  @par DFRAME_FLAG_SYSHEAP  the region goes, but its blocks live on as numbers, so that frames can still be freed
- *       without a report. The next frame for the pool makes a new one, and forgets the old blocks.
+ *       without a report; nothing that reads their data may follow. The next frame for the pool makes a new one, and
+ * forgets the old blocks.
  *  @return 0 */
 #define DFRAME_CLOSE 19u
 /** @return free bytes of the pool, held; or local free */

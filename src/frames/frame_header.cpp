@@ -43,11 +43,6 @@ void makeHeader(uint32_t recordSize, FrameBlock *volatile &block, PDFRAME volati
     liveFrameEnter(reinterpret_cast<uintptr_t>(&made->frame));
 }
 
-// Offset and length of the opaque body.
-constexpr std::size_t kBody = offsetof(DFRAME, abBodyHead);
-constexpr uint32_t kBodyBytes = offsetof(DFRAME, dwTrailA) - kBody;
-static_assert(kBodyBytes == 8376);
-
 bool hasValidTail(const DFRAME *frame) {
     constexpr uintptr_t kNoTail = 0xFFFFFFFF;
     const auto tail = reinterpret_cast<uintptr_t>(frame->lpTail);
@@ -64,8 +59,7 @@ uint32_t frameCopySize(const DFRAME *frame) {
 
 void frameCopyBody(PDFRAME destination, const DFRAME *source) {
     if (destination != source) { // a frame may be copied onto itself
-        CopyMemoryFast(reinterpret_cast<char *>(destination) + kBody, reinterpret_cast<const char *>(source) + kBody,
-                       kBodyBytes);
+        CopyMemoryFast(frameBody(destination), frameBody(const_cast<PDFRAME>(source)), kFrameBodyBytes);
     }
 }
 

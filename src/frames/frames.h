@@ -92,7 +92,10 @@ inline uint64_t frameWiden(uint32_t status) { return static_cast<uint64_t>(stati
 /** The record size that a frame needs to take over another one's header, and its tail if that is valid. */
 uint32_t frameCopySize(const DFRAME *frame);
 
-/** Copies the opaque body, in one piece, with lpTail and dwTailLength, which lie in its midst. */
+/** The opaque body in one piece, with lpTail and dwTailLength, which lie in its midst. */
+inline constexpr uint32_t kFrameBodyBytes = offsetof(DFRAME, dwTrailA) - offsetof(DFRAME, abBodyHead);
+static_assert(kFrameBodyBytes == 8376);
+inline char *frameBody(PDFRAME frame) { return reinterpret_cast<char *>(frame) + offsetof(DFRAME, abBodyHead); }
 void frameCopyBody(PDFRAME destination, const DFRAME *source);
 
 /** Makes a header without data.
@@ -136,6 +139,10 @@ inline constexpr uint64_t kFrameNowhere = UINT64_MAX;
 /** True if lpData points into the pool's region. Cheap, where DataPlace may cost system calls. */
 inline bool frameInPool(const DFRAME *frame) { return DFHEAP_Contains(mainHeap, frameData(frame)) != 0; }
 DataPlace framePlace(const DFRAME *frame);
+
+/** The bytes in use, but no more than there are from lpData to the end of its block, whatever dwBytesUsed says; of a
+ *  buffer that neither heap knows no more than its length. */
+uint32_t frameReadable(const DFRAME *frame, const DataPlace &place);
 
 /** Drops one reference on the data. lpData stays.
  *  @return false if neither heap knows the pointer. The pool answers for its whole region, also for an address in no

@@ -7,6 +7,8 @@
 #include "local/local_heap.h"
 #include "util/hold.h"
 
+#include <algorithm>
+
 namespace brenvole {
 
 namespace {
@@ -32,6 +34,17 @@ void resetHeader(PDFRAME frame) {
 DataPlace framePlace(const DFRAME *frame) {
     const bool inPool = frameInPool(frame);
     return {inPool, inPool ? nullptr : LHEAP_Find(frameData(frame))};
+}
+
+uint32_t frameReadable(const DFRAME *frame, const DataPlace &place) {
+    uint64_t there = frame->dwBufferLength;
+    if (place.inPool) {
+        there = DFHEAP_BytesFrom(mainHeap, frameData(frame));
+    } else if (place.local != nullptr) {
+        const uint64_t moved = frameData(frame) - reinterpret_cast<uintptr_t>(LHEAP_DataStart(place.local));
+        there = place.local->qwSize - std::min(place.local->qwSize, moved);
+    }
+    return static_cast<uint32_t>(std::min<uint64_t>(frame->dwBytesUsed, there));
 }
 
 bool frameReleaseData(const DFRAME *frame, const char *msgarea, uint32_t line) {

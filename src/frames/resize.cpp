@@ -15,11 +15,13 @@ namespace {
 struct Resizing {
     PDFRAME frame;
     DataPlace place;
-    uint8_t *old;    // the data pointer as it was
-    uint32_t offset; // of the pointer in its block
+    uint8_t *old;      // the data pointer as it was
+    uint32_t readable; // bytes in use there
     uint32_t newLength;
     const char *msgarea;
     uint32_t line;
+    uint32_t offset = 0;  // of the pointer in its block
+    uint32_t request = 0; // low half of what was asked for
 };
 
 // How far the data pointer lies behind the start of its block.
@@ -31,10 +33,16 @@ uint32_t offsetOf(const Resizing &resizing) {
     return static_cast<uint32_t>(resizing.old - LHEAP_DataStart(resizing.place.local));
 }
 
-// Step 4: the new buffer in lpData, or null. A sum that 32 bits can't hold is more than a local block can have.
-void allocate(const Resizing &resizing) {
+// Step 4: the new buffer in lpData, or null. A sum that 32 bits can't hold is more than a local block can have. In
+// the pool a pointer behind the front bytes has to lie in the block still, even if no bytes follow: else it would be
+// the next block's.
+void allocate(Resizing &resizing) {
     PDFRAME const frame = resizing.frame;
     uint64_t request = uint64_t{resizing.newLength} + resizing.offset;
+    if (resizing.place.inPool && resizing.newLength == 0 && resizing.offset % mainGranularity == 0) {
+        request += resizing.offset != 0 ? 1 : 0;
+    }
+    resizing.request = static_cast<uint32_t>(request);
     frame->lpData = nullptr;
     if (resizing.place.inPool) {
         frame->lpData = reinterpret_cast<uint8_t *>(DFHEAP_AllocTrace(
@@ -48,14 +56,16 @@ void allocate(const Resizing &resizing) {
 void carryOver(const Resizing &resizing) {
     PDFRAME const frame = resizing.frame;
     if (resizing.offset != 0) { // 5
-        CopyMemoryFast(frame->lpData, resizing.old - resizing.offset, resizing.offset);
+        qxOSCopyMemorySafeFast(frame->lpData, resizing.old - resizing.offset, resizing.offset,
+                               std::max(resizing.request, resizing.offset)); // the block may be larger than 32 bits
         frame->lpData += resizing.offset;
     }
     frame->dwBufferLength = resizing.newLength;
-    frame->dwBytesUsed = std::min(+frame->dwBytesUsed, resizing.newLength); // 7
-    if (frame->dwBytesUsed != 0) {                                          // 6
-        qxOSCopyMemorySafeFast(frame->lpData, resizing.old, frame->dwBytesUsed, resizing.newLength);
+    const uint32_t kept = std::min(resizing.readable, resizing.newLength);
+    if (kept != 0) { // 6
+        qxOSCopyMemorySafeFast(frame->lpData, resizing.old, kept, resizing.newLength);
     }
+    frame->dwBytesUsed = std::min(+frame->dwBytesUsed, resizing.newLength); // 7
 }
 
 } // namespace
@@ -77,10 +87,17 @@ uint64_t commandResize(int64_t param1, PDFRAME *ppDF, const char *msgarea, uint3
     if (param1 < 0 || param1 > int64_t{UINT32_MAX}) { // 3
         return frameRefuse(DFMEM_E_INVALIDARG, "DFRAME_RESIZE|BadSize(0x%lX)");
     }
-    Resizing resizing{frame, framePlace(frame), frame->lpData, 0, static_cast<uint32_t>(param1), msgarea, line};
-    if (!resizing.place.known()) {
+    const DataPlace place = framePlace(frame);
+    if (!place.known()) {
         return kFrameNowhere;
     }
+    Resizing resizing{.frame = frame,
+                      .place = place,
+                      .old = frame->lpData,
+                      .readable = frameReadable(frame, place),
+                      .newLength = static_cast<uint32_t>(param1),
+                      .msgarea = msgarea,
+                      .line = line};
     resizing.offset = offsetOf(resizing); // 4
     allocate(resizing);
     if (frame->lpData == nullptr && (resizing.newLength != 0 || resizing.offset != 0)) {

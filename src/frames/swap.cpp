@@ -83,27 +83,28 @@ void exchangeDescriptors(const Swapping &swapping, PHALLOC *ofSource, PHALLOC *o
     exchangeBuffers(swapping.source, swapping.target);
 }
 
-// Steps of the byte exchange: 1 one way; 2 both have to fit; 3 a temporary; 4 three copies; 5 it goes.
-uint64_t exchangeBytes(const Swapping &swapping) {
+// Steps of the byte exchange: 1 one way; 2 both have to fit; 3 a temporary; 4 three copies; 5 it goes. A frame that
+// says to use more than it has gives what it has.
+uint64_t exchangeBytes(const Swapping &swapping, const DataPlace &ofSource, const DataPlace &ofTarget) {
     constexpr uint64_t kSlack = 512; // bytes that the temporary has beyond its content
     const DFRAME *const source = swapping.source;
     const DFRAME *const target = swapping.target;
-    const uint32_t sourceUsed = source->dwBytesUsed;
-    const uint32_t targetUsed = target->dwBytesUsed;
-    if (swapping.made || targetUsed == 0) { // 1
-        qxOSCopyMemorySafeFast(target->lpData, source->lpData, sourceUsed, target->dwBufferLength);
+    const uint32_t fromSource = frameReadable(source, ofSource);
+    const uint32_t fromTarget = frameReadable(target, ofTarget);
+    if (swapping.made || target->dwBytesUsed == 0) { // 1
+        qxOSCopyMemorySafeFast(target->lpData, source->lpData, fromSource, target->dwBufferLength);
         return 0;
     }
-    if (sourceUsed >= target->dwBufferLength || targetUsed >= source->dwBufferLength) { // 2
+    if (source->dwBytesUsed >= target->dwBufferLength || target->dwBytesUsed >= source->dwBufferLength) { // 2
         return frameRefuse(DFMEM_E_FAILED, "NoSwap DFrame LHEAP(0x%lX)");
     }
-    void *const held = std::malloc(std::max(sourceUsed, targetUsed) + kSlack); // 3, in 64 bits
+    void *const held = std::malloc(std::max(+source->dwBytesUsed, +target->dwBytesUsed) + kSlack); // 3, in 64 bits
     if (held == nullptr) {
         return frameRefuse(DFMEM_E_OUTOFMEMORY, "NoSwap DFrame Temporary(0x%lX)");
     }
-    qxOSCopyMemorySafeFast(held, source->lpData, sourceUsed, target->dwBufferLength); // 4
-    qxOSCopyMemorySafeFast(source->lpData, target->lpData, targetUsed, source->dwBufferLength);
-    qxOSCopyMemorySafeFast(target->lpData, held, sourceUsed, target->dwBufferLength);
+    qxOSCopyMemorySafeFast(held, source->lpData, fromSource, target->dwBufferLength); // 4
+    qxOSCopyMemorySafeFast(source->lpData, target->lpData, fromTarget, source->dwBufferLength);
+    qxOSCopyMemorySafeFast(target->lpData, held, fromSource, target->dwBufferLength);
     std::free(held); // 5
     return 0;
 }
@@ -116,22 +117,36 @@ uint64_t exchangeData(const Swapping &swapping) {
         return exchangeOwners(swapping);
     }
     if (source.local == nullptr || target.local == nullptr) {
-        return exchangeBytes(swapping);
+        return exchangeBytes(swapping, source, target);
     }
     exchangeDescriptors(swapping, source.local, target.local);
     return 0;
 }
 
-// What a header takes over from another one. Not dwRefCount, lpLink, dwSize, dwTrailA, B and E, wTrailJ; no tail.
-void takeHeader(PDFRAME frame, const DFRAME *from) {
-    frameCopyBody(frame, from);
+// What a header hands on beside its body. Not dwRefCount, lpLink, dwSize, dwTrailA, B and E, wTrailJ.
+struct Words {
+    uint32_t flags;
+    uint32_t attachMark;
+    uint32_t attachValue;
+    uint32_t createMark;
+    uint32_t trailD;
+    uint64_t trailC;
+};
+
+Words wordsOf(const DFRAME *frame) {
+    return {frame->dwFlags,      frame->dwAttachMark, frame->dwAttachValue,
+            frame->dwCreateMark, frame->dwTrailD,     frame->qwTrailC};
+}
+
+// Neither comes out with a tail.
+void setWords(PDFRAME frame, const Words &words) {
     frame->lpTail = nullptr;
-    frame->dwFlags = from->dwFlags & ~DFRAME_FLAG_TAIL;
-    frame->dwTrailD = from->dwTrailD;
-    frame->qwTrailC = from->qwTrailC;
-    frame->dwAttachMark = from->dwAttachMark;
-    frame->dwAttachValue = from->dwAttachValue;
-    frame->dwCreateMark = from->dwCreateMark;
+    frame->dwFlags = words.flags & ~DFRAME_FLAG_TAIL;
+    frame->dwAttachMark = words.attachMark;
+    frame->dwAttachValue = words.attachValue;
+    frame->dwCreateMark = words.createMark;
+    frame->dwTrailD = words.trailD;
+    frame->qwTrailC = words.trailC;
 }
 
 // Step 7. A new target has nothing to give, so the source keeps its header, lpTail included, but for the tail's flag.
@@ -139,17 +154,24 @@ void takeHeader(PDFRAME frame, const DFRAME *from) {
 void exchangeHeaders(const Swapping &swapping) {
     PDFRAME const source = swapping.source;
     PDFRAME const target = swapping.target;
-    const DFRAME held = *target;
-    takeHeader(target, source);
     target->dwTrailF = source->dwTrailF;
     target->dwTrailG = source->dwTrailG;
     target->dwTrailH = source->dwTrailH;
     target->dwTrailI = source->dwTrailI;
+    const Words ofSource = wordsOf(source);
+    const Words ofTarget = wordsOf(target);
     if (swapping.made) {
+        frameCopyBody(target, source);
+        setWords(target, ofSource);
         source->dwFlags &= ~DFRAME_FLAG_TAIL;
-    } else {
-        takeHeader(source, &held);
+        return;
     }
+    char held[kFrameBodyBytes];
+    CopyMemoryFast(held, frameBody(source), kFrameBodyBytes);
+    frameCopyBody(source, target);
+    CopyMemoryFast(frameBody(target), held, kFrameBodyBytes);
+    setWords(source, ofTarget);
+    setWords(target, ofSource);
 }
 
 // Steps 5 to 7.

@@ -64,6 +64,9 @@ void physInitRecord(PHALLOC *record);
 /** Takes 1 from phys_allocs, unless it is 0. */
 void physUncountAlloc();
 
+/** Bytes from `addr` to the end of its block; 0 if no block holds it. */
+uint64_t DFHEAP_BytesFrom(DFHEAP *heap, uint64_t addr);
+
 /** 1 if `addr` lies in the region, else 0; null arguments give 0. Takes no lock. */
 int32_t DFHEAP_Contains(const DFHEAP *heap, uint64_t addr);
 

@@ -36,6 +36,15 @@ Pair findBoth(DFHEAP *heap, uint64_t addr1, uint64_t addr2) {
 
 } // namespace
 
+uint64_t DFHEAP_BytesFrom(DFHEAP *heap, uint64_t addr) {
+    if (heap == nullptr) {
+        return 0;
+    }
+    const QXHold hold(heap->Lock);
+    const PHALLOC *const record = _DFHEAP_FindAlloc(heap, addr);
+    return record != nullptr ? record->qwSize - (addr - record->lpAddr) : 0;
+}
+
 int32_t DFHEAP_AddRefTrace(DFHEAP *heap, uint64_t addr, uint64_t *owner, [[maybe_unused]] const char *msgarea,
                            [[maybe_unused]] uint32_t line) {
     if (heap == nullptr || addr == 0) {
