@@ -1,11 +1,7 @@
 // The commands that copy, share, exchange, resize and place data: header tables, refusals, what fails on the way, and
 // all of them at random beside a model. Nothing here needs more than the exported names.
-#include "harness.h"
+#include "frame_fixture.h"
 #include "local/phalloc.h"
-
-#include <brenvole/dframe.h>
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstring>
@@ -18,37 +14,9 @@
 
 namespace {
 
-constexpr uint64_t kWidenedOutOfMemory = 0xFFFFFFFFE8108020;
 constexpr uint64_t kNowhere = UINT64_MAX;
-constexpr int64_t kNoData = 0xB6DB6DB7; // times 1.4 is 0 in 32 bits
 
-uint64_t run(uint32_t command, PDFRAME &frame, int64_t param1 = 0, PDFRAME *source = nullptr) {
-    return DFrameMem(command, param1, reinterpret_cast<uintptr_t>(source), &frame);
-}
-uint64_t alloc(PDFRAME &frame, int64_t size, uint32_t side = 0) {
-    return DFrameMem(DFRAME_ALLOC | side, size, DFRAME_SIZE, &frame);
-}
-uint64_t free(PDFRAME &frame) { return run(DFRAME_FREE, frame); }
-
-struct Commands : testing::Test {
-    LogCapture log;
-    int64_t outBefore = (close(), blocksOut());
-
-    ~Commands() override {
-        failNth(0);
-        close();
-        EXPECT_EQ(blocksOut(), outBefore);
-    }
-    void close() {
-        EXPECT_EQ(log.take(), Texts{});
-        DFrameMem(DFRAME_CLOSE, 0, 0, nullptr);
-        log.take();
-    }
-    void makePool(int64_t size) {
-        ASSERT_EQ(DFrameMem(DFRAME_RESET, size, 0, nullptr), 0u);
-        log.take();
-    }
-};
+using Commands = FrameTest;
 
 // ---- header tables ------------------------------------------------------------------------------------------------
 
@@ -348,6 +316,26 @@ TEST_F(Commands, OutOfReach) {
     EXPECT_EQ(free(custom) | free(copy) | free(source), 0u);
 }
 
+TEST_F(Commands, SizesOfWhatIsMade) {
+    FakeSystem system; // a pool without memory behind it
+    makePool(0x140000000);
+    PDFRAME source = nullptr, made = nullptr;
+    ASSERT_EQ(alloc(source, 20000, DFRAME_FLAG_SYSHEAP), 0u);
+    EXPECT_EQ(run(DFRAME_SWAP, made, 0xFFFFF000, &source), 0u); // more than a local block can have
+    EXPECT_EQ(run(DFRAME_ISBRENVOLE, made), 1u);
+    log.take();
+    EXPECT_EQ(free(made), 0u);
+    for (const auto &[full, length] : {std::pair{1000u, 1016u}, {19199u, 19215u}, {19200u, 23296u}}) {
+        source->dwBufferLength = source->dwBytesUsed = full;
+        EXPECT_EQ(run(DFRAME_COPY, made, 0, &source), 0u);
+        EXPECT_EQ(made->dwBufferLength, length);
+        EXPECT_EQ(free(made), 0u);
+    }
+    EXPECT_EQ(free(source), 0u);
+    run(DFRAME_CLOSE);
+    log.take();
+}
+
 // Between the heaps, both have to use less than the other holds.
 TEST_F(Commands, BytesThatJustFitAreRefused) {
     makePool(1000000);
@@ -481,7 +469,6 @@ class CommandModel : public Commands, public testing::WithParamInterface<uint64_
 
     uint32_t upTo(uint32_t most) { return static_cast<uint32_t>(random()) % (most + 1); }
     bool chance(unsigned of) { return random() % of == 0; }
-    static uint64_t figure(uint32_t command) { return DFrameMem(command, 0, 0, nullptr); }
 
     bool fitsPool(uint32_t request) const { return (request + 4095) / 4096 * 4096 <= largestGap(); }
     // A new block for a request: in the pool if it is asked first and has room, else local. What the frame is told of
@@ -659,7 +646,7 @@ class CommandModel : public Commands, public testing::WithParamInterface<uint64_
     }
     void check(const Model &model) {
         PDFRAME frame = model.frame;
-        ASSERT_EQ(reinterpret_cast<uint32_t *>(frame)[-1], model.references);
+        ASSERT_EQ(countOf(frame), model.references);
         ASSERT_EQ(frame->dwBufferLength, model.length);
         ASSERT_EQ(frame->dwBytesUsed, model.used);
         ASSERT_EQ((frame->dwFlags & DFRAME_FLAG_CUSTOM) != 0, model.is(Kind::own));
@@ -716,12 +703,12 @@ class CommandModel : public Commands, public testing::WithParamInterface<uint64_
         uint64_t local = cached;
         for (const auto &[start, size] : locals) { local += size; }
         if (usable != 0) {
-            ASSERT_EQ(figure(DFRAME_TOTAL), GetParam());
-            ASSERT_EQ(figure(DFRAME_TOTALAVAIL), available);
-            ASSERT_EQ(figure(DFRAME_TOTALUSED), usable - available);
-            ASSERT_EQ(figure(DFRAME_LARGEST), largestGap());
+            ASSERT_EQ(run(DFRAME_TOTAL), GetParam());
+            ASSERT_EQ(run(DFRAME_TOTALAVAIL), available);
+            ASSERT_EQ(run(DFRAME_TOTALUSED), usable - available);
+            ASSERT_EQ(run(DFRAME_LARGEST), largestGap());
         }
-        ASSERT_EQ(figure(DFRAME_TOTALUSED | DFRAME_FLAG_SYSHEAP), usable == 0 || local < GetParam() ? local : 0);
+        ASSERT_EQ(run(DFRAME_TOTALUSED | DFRAME_FLAG_SYSHEAP), usable == 0 || local < GetParam() ? local : 0);
         const std::size_t records = usable != 0 ? 2 + blocks(Kind::pool).size() + free.size() : 0;
         ASSERT_EQ(blocksOut(),
                   outBefore + static_cast<int64_t>(live.size() + locals.size() + records + (cached != 0 ? 1 : 0)));

@@ -1,10 +1,6 @@
 // Frames through the command entry. Nothing here needs more than the exported names, so that it runs over the
 // shared library too.
-#include "harness.h"
-
-#include <brenvole/dframe.h>
-
-#include <gtest/gtest.h>
+#include "frame_fixture.h"
 
 #include <atomic>
 #include <cstring>
@@ -15,33 +11,12 @@
 
 namespace {
 
-constexpr uint64_t kWidenedOutOfMemory = 0xFFFFFFFFE8108020;
 const std::string kHeaderFailed = "ERROR(dfmem): Unable to allocate dframe structure\n";
 const std::string kHelpFailed = "heapHelpAllocDFrame(pDF==NULL)(0xE8108020)";
 const std::string kLocalFailed = "Local Alloc Failed, Brenvole Failed";
 
-struct Frames : testing::Test {
-    LogCapture log;
+struct Frames : FrameTest {
     PDFRAME frame = nullptr;
-    int64_t outBefore = (close(), blocksOut());
-
-    ~Frames() override {
-        failNth(0);
-        replaceAlloc = nullptr;
-        close();
-        EXPECT_EQ(blocksOut(), outBefore);
-    }
-    // Ends the pool, if there is one, and drops the cached block.
-    void close() {
-        EXPECT_EQ(log.take(), Texts{});
-        DFrameMem(DFRAME_CLOSE, 0, 0, nullptr);
-        log.take();
-    }
-    uint64_t alloc(int64_t size, uintptr_t record = DFRAME_SIZE) {
-        return DFrameMem(DFRAME_ALLOC, size, record, &frame);
-    }
-    static uint64_t addRef(PDFRAME to) { return DFrameMem(DFRAME_ADDREF, 0, 0, &to); }
-    static uint64_t free(PDFRAME &which) { return DFrameMem(DFRAME_FREE, 0, 0, &which); }
 };
 
 TEST_F(Frames, NewHeader) {
@@ -55,9 +30,7 @@ TEST_F(Frames, NewHeader) {
     expected.lpData = frame->lpData;
     expected.dwBufferLength = 4200;
     EXPECT_EQ(std::memcmp(frame, &expected, sizeof expected), 0);
-    uint32_t count = 0;
-    std::memcpy(&count, reinterpret_cast<char *>(frame) - 4, 4);
-    EXPECT_EQ(count, 1u);
+    EXPECT_EQ(countOf(frame), 1u);
     EXPECT_EQ(free(frame), 0u);
 }
 
@@ -87,16 +60,16 @@ TEST_F(Frames, Sizes) {
     // pool, made for it, rounds the request to 2^32 bytes, of which the local heap then sees the low half.
     const Texts twice = {"LocalHeap:  DFrame failed request size = -1.", kLocalFailed,
                          "LHEAP_Alloc called with zero size", "LocalHeap:  DFrame failed request size = 0."};
-    EXPECT_EQ(alloc(-1), kWidenedOutOfMemory);
+    EXPECT_EQ(alloc(frame, -1), kWidenedOutOfMemory);
     EXPECT_EQ(log.take(), twice);
     EXPECT_EQ(frame, nullptr);
     close();
     // A record whose block doesn't fit 32 bits is refused like a failed QXAlloc; of a larger one the low bits count.
     const uint64_t before = requests();
-    EXPECT_EQ(alloc(1000, 0xFFFFFFFC), kWidenedOutOfMemory);
+    EXPECT_EQ(alloc(frame, 1000, 0, 0xFFFFFFFC), kWidenedOutOfMemory);
     EXPECT_EQ(requests(), before);
     EXPECT_EQ(log.take(), (Texts{kHeaderFailed, kHelpFailed, kLocalFailed, kHeaderFailed, kHelpFailed}));
-    ASSERT_EQ(alloc(1000, 0x100000005), 0u);
+    ASSERT_EQ(alloc(frame, 1000, 0, 0x100000005), 0u);
     EXPECT_EQ(frame->dwSize, 5u); // as asked; the record itself has its full size
     EXPECT_EQ(requests(), before + 2);
     frame->dwSize = DFRAME_SIZE;
@@ -104,13 +77,8 @@ TEST_F(Frames, Sizes) {
 }
 
 TEST_F(Frames, NewDataForAnExistingFrame) {
-    ASSERT_EQ(alloc(2000, 9000), 0u);
-    frame->dwBytesUsed = 17;
-    PDFRAME const before = frame;
-    ASSERT_EQ(alloc(5000, 1), 0u);
-    EXPECT_EQ(frame, before);
-    EXPECT_EQ(frame->dwBytesUsed, 17u);
-    EXPECT_EQ(frame->dwBufferLength, 7000u);
+    ASSERT_EQ(alloc(frame, 2000, 0, 9000), 0u);
+    ASSERT_EQ(alloc(frame, 5000, 0, 1), 0u);
     EXPECT_EQ(frame->dwSize, 1u);
     EXPECT_EQ(blocksOut(), outBefore + 3); // header, data, and the old data as the cached block
     // A buffer that is the caller's, or that no heap knows, is forgotten without a word; flags stay.
@@ -119,11 +87,11 @@ TEST_F(Frames, NewDataForAnExistingFrame) {
     for (const uint32_t flag : {DFRAME_FLAG_CUSTOM, 0u}) {
         frame->lpData = own;
         frame->dwFlags |= flag;
-        ASSERT_EQ(alloc(100), 0u);
+        ASSERT_EQ(alloc(frame, 100), 0u);
         EXPECT_EQ(frame->dwFlags, DFRAME_FLAG_CREATED | flag);
         frame->dwFlags = DFRAME_FLAG_CREATED;
         PDFRAME shadow = nullptr; // gives the buffer back that was in the frame before
-        ASSERT_EQ(DFrameMem(DFRAME_ALLOC, 0xB6DB6DB7, 1, &shadow), 0u);
+        ASSERT_EQ(alloc(shadow, kNoData), 0u);
         shadow->lpData = std::exchange(data, +frame->lpData);
         EXPECT_EQ(free(shadow), 0u);
     }
@@ -131,7 +99,7 @@ TEST_F(Frames, NewDataForAnExistingFrame) {
 }
 
 TEST_F(Frames, OverwritesAreReportedAndGoOn) {
-    ASSERT_EQ(alloc(1000), 0u);
+    ASSERT_EQ(alloc(frame, 1000), 0u);
     frame->dwBytesUsed = 1401;
     EXPECT_EQ(addRef(frame), 0u);
     EXPECT_EQ(log.take(), Texts{"ERROR(dfmem): DFrameAddRef memory overwrite\n"});
@@ -146,7 +114,7 @@ TEST_F(Frames, OverwritesAreReportedAndGoOn) {
 }
 
 TEST_F(Frames, DataInNoHeap) {
-    ASSERT_EQ(alloc(1000), 0u);
+    ASSERT_EQ(alloc(frame, 1000), 0u);
     uint8_t *const data = frame->lpData;
     frame->lpData = reinterpret_cast<uint8_t *>(0x7F123456789AB000);
     EXPECT_EQ(free(frame), 0xFFFFFFFEu);
@@ -154,22 +122,22 @@ TEST_F(Frames, DataInNoHeap) {
               (Texts{"WARNING(dfmem): Unable to free DFrame allocation! \n", "NO-Free(0x789AB000-1400) "}));
     EXPECT_EQ(frame, nullptr);
     EXPECT_EQ(blocksOut(), outBefore + 1); // the header went all the same
-    ASSERT_EQ(alloc(0xB6DB6DB7), 0u);
+    ASSERT_EQ(alloc(frame, 0xB6DB6DB7), 0u);
     frame->lpData = reinterpret_cast<uint8_t *>(0x123456789);
     EXPECT_EQ(addRef(frame), DFMEM_E_FAILED);
     EXPECT_EQ(log.take(), Texts{"Unable to AddRef(0xE8108013)"});
-    EXPECT_EQ(reinterpret_cast<uint32_t *>(frame)[-1]--, 2u); // stays raised
-    frame->lpData = data + 1000;                              // a moved pointer is found
+    EXPECT_EQ(countOf(frame)--, 2u); // stays raised
+    frame->lpData = data + 1000;     // a moved pointer is found
     EXPECT_EQ(free(frame), 0u);
 }
 
 TEST_F(Frames, WantOfMemoryIsTold) {
     failNth(1, true);
-    EXPECT_EQ(alloc(1000), kWidenedOutOfMemory);
+    EXPECT_EQ(alloc(frame, 1000), kWidenedOutOfMemory);
     EXPECT_EQ(log.take(), (Texts{kHeaderFailed, kHelpFailed, kLocalFailed, kHeaderFailed, kHelpFailed}));
     failNth(0);
     replaceAlloc = [](uint32_t) -> void * { throw 1; }; // caught, and dropped without the header's message
-    EXPECT_EQ(alloc(1000), kWidenedOutOfMemory);
+    EXPECT_EQ(alloc(frame, 1000), kWidenedOutOfMemory);
     EXPECT_EQ(log.take(), (Texts{kHelpFailed, kLocalFailed, kHelpFailed}));
 }
 
@@ -178,7 +146,7 @@ TEST_F(Frames, WantOfMemoryIsTold) {
 TEST_F(Frames, ThreadsShareAndFree) {
     constexpr int kThreads = 4;
     for (int round = 0; round < 60; ++round) {
-        ASSERT_EQ(alloc(round % 2 == 0 ? 1000 : 600000), 0u);
+        ASSERT_EQ(alloc(frame, round % 2 == 0 ? 1000 : 600000), 0u);
         std::memset(frame->lpData, round, frame->dwBufferLength);
         for (int i = 1; i < kThreads; ++i) { ASSERT_EQ(addRef(frame), 0u); }
         std::atomic<int> bad = 0;

@@ -72,24 +72,6 @@ TEST(List, AgainstAVector) {
     }
 }
 
-TEST(List, HolderMayCallEverythingAndOthersWait) {
-    d_List list;
-    d_ListInit(&list);
-    std::vector<d_ListNode> nodes(400);
-    for (d_ListNode &node : nodes) { d_ListInitNode(&node); }
-    onThreads(4, [&](int t) {
-        for (auto i = static_cast<unsigned>(t); i < nodes.size(); i += 4) {
-            d_ListLock(&list);
-            d_ListAddTail(&list, &nodes[i]); // the tail, as long as the list is held
-            EXPECT_EQ(d_ListTail(&list), &nodes[i]);
-            d_ListUnLock(&list);
-            (void)d_ListCount(&list);
-        }
-    });
-    EXPECT_EQ(walk(list).size(), nodes.size());
-    d_ListClose(&list);
-}
-
 TEST(Lock, OwnerEntersAgainAndOthersWait) {
     QXCRITICALSECTION lock;
     qxOSInitializeCriticalSection(&lock);

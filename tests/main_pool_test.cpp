@@ -1,9 +1,7 @@
 // The main pool: its size, its four states and the ways between them, its figures.
-#include "harness.h"
+#include "frame_fixture.h"
 
 #include "frames/frames.h"
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
@@ -17,38 +15,23 @@ using namespace brenvole;
 
 namespace {
 
-constexpr uint64_t kWidenedOutOfMemory = 0xFFFFFFFFE8108020;
 constexpr uint64_t kDefaultPool = 524255000;
 const std::string kNoRegion = "WARNING(dfmem): Unable to allocate main memory pool\n";
 const std::string kNoHeap = "WARNING(dfmem): Unable to create main heap\n";
 
-uint64_t run(uint32_t command, int64_t param1 = 0) { return DFrameMem(command, param1, 0, nullptr); }
 uint64_t reset(uint64_t size) { return run(DFRAME_RESET, static_cast<int64_t>(size)); }
-uint64_t alloc(PDFRAME &frame, int64_t size, uint32_t side = 0) {
-    return DFrameMem(DFRAME_ALLOC | side, size, DFRAME_SIZE, &frame);
-}
-uint64_t addRef(PDFRAME frame) { return DFrameMem(DFRAME_ADDREF, 0, 0, &frame); }
-uint64_t free(PDFRAME &frame) { return DFrameMem(DFRAME_FREE, 0, 0, &frame); }
 uint64_t dataOf(const DFRAME *frame) { return reinterpret_cast<uint64_t>(+frame->lpData); }
 uint64_t poolBase() { return reinterpret_cast<uint64_t>(mainPool.load()); }
 
-struct Pool : testing::Test {
-    LogCapture log;
+struct Pool : FrameTest {
     std::optional<FakeSystem> fake{std::in_place};
     FakeSystem &system = *fake;
-    int64_t outBefore = (close(), blocksOut());
 
     ~Pool() override {
-        failNth(0);
-        close();
-        EXPECT_EQ(blocksOut(), outBefore);
-        phys_allocs = 0; // a heap's end doesn't count its leaks
-    }
-    void close() {
-        EXPECT_EQ(log.take(), Texts{});
         run(DFRAME_CLOSE);
         EXPECT_TRUE(!fake || system.regions.empty());
         log.take();
+        phys_allocs = 0; // a heap's end doesn't count its leaks
     }
     // The state of a heap without a pool: its number, since a new pool only forgets it.
     ::DFHEAP *leaveHeapAlone() {
@@ -337,7 +320,7 @@ TEST_F(Pool, MoreThan32Bits) {
     EXPECT_EQ(addRef(frame), 0u);
     frame->lpData += uint64_t{1} << 32; // in the region and in no block: the header's count is raised all the same
     EXPECT_EQ(addRef(frame), 0xFFFFFFFFu);
-    EXPECT_EQ(frameBlockOf(frame)->dwRefCount, 3u);
+    EXPECT_EQ(countOf(frame), 3u);
     frame->lpData -= 1; // anywhere inside will do
     PDFRAME second = nullptr;
     ASSERT_EQ(alloc(second, 10000), 0u);
