@@ -8,9 +8,8 @@
  *
  *  Data buffers come from the *pool*, one large region of the system's that DFRAME_RESET makes, or from the *local
  *  heap*. As long as there is no pool, the local heap serves, and a frame that it can't serve (or a duplicate of a
- *  custom frame) makes the pool at its
- *  default size of 524255000 bytes (after a failure at the last size tried; after a refused DFRAME_RESET at none).
- *  With a pool, the local heap serves when the pool is full.
+ *  custom frame) makes the pool at its default size of 524255000 bytes; after a failure, at the last size tried, so
+ *  after a DFRAME_RESET that got no region at none. With a pool, the local heap serves when the pool is full.
  *
  *  Threads: every command may run on any thread at any time, but for DFRAME_RESET and DFRAME_CLOSE, beside which no
  *  other may run. The library guards its counts and its own state; the other fields of a frame are under no lock,
@@ -65,20 +64,21 @@ extern "C" {
 #define DFRAME_GRANULARITY 2u
 /** @return the largest size in bytes, 8192, that the pool places at its top end; larger ones go to the bottom */
 #define DFRAME_SMALLEST 3u
-/** Makes the pool, or another one instead. A pool that is large enough stays as it is, and one with a block in it is
- *  never touched.
- *  @par param1  wanted size in bytes. It is cut to 80 percent of the memory that the machine, or the container, has
- *       available, and to 0xFFFFFF000. -1 asks for as much as that; with a pool it is enough already. 0 gives an idle
- *       pool back, with DFMEM_E_OUTOFMEMORY as the result. A size that the system refuses is lowered in steps of
- *       32768 bytes, and below 16 MiB in tenths; DFRAME_TOTAL tells what was had.
+/** Makes the pool, or another one instead. A pool that is large enough stays as it is, and one with a block in it
+ *  is never touched.
+ *  @par param1  wanted size in bytes. It is cut to 80 percent of the memory that the machine, or the
+ *       container, has available, and to 0xFFFFFF000. -1 asks for as much as that; with a pool it is enough
+ *       already. 0 gives an idle pool back, with DFMEM_E_OUTOFMEMORY as the result. A size that the system
+ *       refuses is lowered in steps of 32768 bytes, and below 16 MiB in tenths; DFRAME_TOTAL tells what was
+ *       had.
  *  @return 0, also for a large enough pool and always with DFRAME_FLAG_SYSHEAP, which does nothing; plain
  *       DFMEM_E_POINTER (blocks live in the pool, or its free space isn't in one piece) or DFMEM_E_BUSY: then
  *       nothing has changed; DFMEM_E_OUTOFMEMORY widened if no pool can be had: then the old one is gone
- *  @note If the pool's own records can't be had, or it is smaller than DFRAME_GRANULARITY, the result is 0 and the
- *       local heap serves.
- *  @note Inside, 10 * param1 is taken in 64 bits: a magnitude above 2^63 / 5 wraps, and gives some smaller size, or
- * all that is available. Where the system doesn't tell what is available, no more than 0x4100000 bytes are asked for.
- */
+ *  @note If the pool's own records can't be had, or it is smaller than DFRAME_GRANULARITY, the result is 0 and
+ *       the local heap serves.
+ *  @note Inside, 10 * param1 is taken in 64 bits: a magnitude above 2^63 / 5 wraps, and gives some smaller
+ *       size, or all that is available. Where the system doesn't tell what is available, no more than
+ *       0x4100000 bytes are asked for. */
 #define DFRAME_RESET 5u
 /** Makes a frame, or gives an existing one new data.
  *  @par param1  wanted data size, not 0; the buffer gets 40 percent more: param1 * 1.4, cut to an integer, of
@@ -87,7 +87,7 @@ extern "C" {
  *       frame's dwSize takes the low 32 bits of it as they are.
  *  @par ppDF    in and out: null at *ppDF for a new frame, else the frame whose data is replaced. Its old buffer
  *       loses one reference; a custom buffer is only forgotten. Flags and dwBytesUsed stay. A frame with lpData
- *       set and a dwBufferLength of 0 loses no reference: the local heap gives it no new data, the pool does.
+ *       set and a dwBufferLength of 0 loses no reference; it keeps its data unless there is a pool.
  *  @par DFRAME_FLAG_SYSHEAP  the local heap goes first, and the pool when that fails
  *  @return 0; a plain DFMEM_E_POINTER (null ppDF, zero param2) or DFMEM_E_INVALIDARG (zero param1); or
  *       DFMEM_E_OUTOFMEMORY widened: then the frame's reference is gone and *ppDF is null
@@ -108,66 +108,74 @@ extern "C" {
  *       the pool's region but in no block. In the last two cases the header's count stays raised. */
 #define DFRAME_ADDREF 12u
 /** Gives the caller a second frame with the header and the bytes of a source.
- *  @par param2  pointer to the source's PDFRAME. Its lpData is moved for the time of the command, if a frame is made.
- *  @par ppDF    in and out: the destination; null at *ppDF for a new one. A new one shares nothing. It gets the
- * source's dwBufferLength (16 or 4096 more if the source is full) in the source's heap, or, if that is the pool and
- * it is full, in the local heap. It takes over a moved data pointer, with the bytes in front of it (but for one that
- *       the local heap couldn't find); its dwBufferLength counts from lpData. An existing one keeps its buffer if
- * that holds the source's dwBytesUsed, also if it is the source's own. Without a buffer, or with one that is too
- *       small, which is released, it gets one in the source's heap or not at all. One that is too small and known to
- *       neither heap stays, takes what fits, and is told to hold all.
- *  @par Header  all but dwSize (at least DFRAME_SIZE) and dwTrailE is the source's; DFRAME_FLAG_CUSTOM stays the
- *       destination's own, lpTail is null. If bytes are copied, lpLink is null and the attach stamps are new: a
- *       destination that stands on a list is reported, and has to be taken off before.
- *  @return 0; plain DFMEM_E_POINTER (null param2 or ppDF), DFMEM_E_INVALIDARG (null source; custom destination that
- *       is too small) or DFMEM_E_OUTOFMEMORY (no new frame); DFMEM_E_OUTOFMEMORY widened if no buffer can be had:
- *       then the destination's reference is gone and *ppDF is null
- *  @note A frame copied onto itself loses its dwBytesUsed and its lpTail. Bytes used without data give a copy without
- *       bytes used. */
+ *  @par param2  pointer to the source's PDFRAME. Its lpData is moved for the time of the command, if a frame
+ *       is made.
+ *  @par ppDF    in and out: the destination; null at *ppDF for a new one. A new one shares nothing. It gets
+ *       the source's dwBufferLength (16 or 4096 more if the source is full) in the source's heap, or, if that
+ *       is the pool and it is full, in the local heap. It takes over a moved data pointer, with the bytes in
+ *       front of it (but for one that the local heap couldn't find); its dwBufferLength counts from lpData. An
+ *       existing one keeps its buffer if that holds the source's dwBytesUsed, also if it is the source's own.
+ *       Without a buffer, or with one that is too small, which is released, it gets one in the source's heap
+ *       or not at all. One that is too small and known to neither heap stays, takes what fits, and is told to
+ *       hold all.
+ *  @par Header  all but dwSize (at least DFRAME_SIZE) and dwTrailE is the source's; DFRAME_FLAG_CUSTOM stays
+ *       the destination's own, lpTail is null. If bytes are copied, lpLink is null and the attach stamps are
+ *       new: a destination that stands on a list is reported, and has to be taken off before.
+ *  @return 0; plain DFMEM_E_POINTER (null param2 or ppDF), DFMEM_E_INVALIDARG (null source; custom destination
+ *       that is too small) or DFMEM_E_OUTOFMEMORY (no new frame); DFMEM_E_OUTOFMEMORY widened if no buffer can
+ *       be had: then the destination's reference is gone and *ppDF is null
+ *  @note A frame copied onto itself loses its dwBytesUsed and its lpTail. Bytes used without data give a copy
+ *       without bytes used. */
 #define DFRAME_COPY 13u
 /** Makes the destination a duplicate of the source that shares the source's buffer, by one more reference on it. A
  *  custom source's bytes, and those of a buffer that neither heap knows, are copied instead.
  *  @par param2  pointer to the source's PDFRAME
  *  @par ppDF    in and out: the destination; null at *ppDF for a new one. The data of an existing one loses a
- *       reference first. A custom source makes new frames only, in the pool, which is made if there is none, or in
- * the local heap if that is full.
- *  @par Header  all but lpLink is the source's, lpTail is null. dwSize stays, and becomes DFRAME_SIZE if the source's
- *       is less. From a custom source DFRAME_FLAG_CUSTOM isn't taken over, and dwBufferLength is that of the new
- * buffer.
- *  @return 0; plain DFMEM_E_POINTER (null ppDF), DFMEM_E_INVALIDARG (null param2 or source, the same frame twice, a
- *       custom destination, a custom source with an existing destination or with bytes used and no data or length) or
- *       DFMEM_E_OUTOFMEMORY (no new frame, no buffer for a custom source's bytes); 0xFFFFFFFF if the source's lpData
- *       lies in the pool's region but in no block: then the destination's old data and its reference are gone, *ppDF
- * is null, and other holders of the destination had better forget its lpData
- *  @note If a buffer that neither heap knows has to be copied and there is no memory for it, the result is 0 and the
- *       destination's lpData is null. */
+ *       reference first. A custom source makes new frames only, in the pool, which is made if there is none,
+ *       or in the local heap if that is full.
+ *  @par Header  all but lpLink is the source's, lpTail is null. dwSize stays, and becomes DFRAME_SIZE if the
+ *       source's is less. From a custom source DFRAME_FLAG_CUSTOM isn't taken over, and dwBufferLength is that
+ *       of the new buffer.
+ *  @return 0; plain DFMEM_E_POINTER (null ppDF), DFMEM_E_INVALIDARG (null param2 or source, the same frame
+ *       twice, a custom destination, a custom source with an existing destination or with bytes used and no
+ *       data or length) or DFMEM_E_OUTOFMEMORY (no new frame, no buffer for a custom source's bytes);
+ *       0xFFFFFFFF if the source's lpData lies in the pool's region but in no block: then the destination's
+ *       old data and its reference are gone, *ppDF is null, and other holders of the destination had better
+ *       forget its lpData
+ *  @note If a buffer that neither heap knows has to be copied and there is no memory for it, the result is 0
+ *       and the destination's lpData is null. */
 #define DFRAME_DUP_FREE 14u
-/** Exchanges the contents of two frames. Two buffers of one heap only change frames; else the bytes in use move. The
- *  frames keep their references, and each keeps its count on the buffer that it has then: so a frame that shares its
- *  buffer with another one (DFRAME_DUP_FREE) is not to be exchanged, or the buffer goes before its last holder.
+/** Exchanges the contents of two frames. Two buffers of one heap only change frames; else the bytes in use move.
+ *  The frames keep their references, and each keeps its count on the buffer that it has then: so a frame that
+ *  shares its buffer with another one (DFRAME_DUP_FREE) is not to be exchanged, or the buffer goes before its last
+ *  holder.
  *  @par param1  smallest data size of a target that is made here or has no data; may be 0 or negative
  *  @par param2  pointer to the source's PDFRAME
- *  @par ppDF    in and out: the target; null at *ppDF for a new one, of at least the source's dwBufferLength, which
- * takes the source's content, while the source gets the new frame's empty buffer; if that came to lie in the other
- *       heap, the source keeps its own, with dwBytesUsed 0. A target without data gets a buffer first.
- *  @par Bytes   between the heaps both have to use fewer bytes than the other buffer holds; but the bytes for a new
- *       target, or for one that uses none, go one way, as many as fit, and dwBytesUsed is exchanged all the same.
- *  @par Header  exchanged, or handed to a new target: flags, opaque body, qwTrailC, dwTrailD, the marks. The source's
- *       dwTrailF to dwTrailI go to the target and stay in the source. Neither comes out with a valid tail.
- *  @return 0, also if one of the two has no data then: nothing is exchanged; plain DFMEM_E_POINTER (null ppDF),
- *       DFMEM_E_INVALIDARG (null param2 or source, a custom frame), DFMEM_E_FAILED (the bytes don't fit, or the pool
- *       has no block for a pointer) or DFMEM_E_OUTOFMEMORY: no new target, no temporary, or no buffer for a target
- *       without data, which then loses a reference, and *ppDF is null */
+ *  @par ppDF    in and out: the target; null at *ppDF for a new one, of at least the source's dwBufferLength,
+ *       which takes the source's content, while the source gets the new frame's empty buffer; if that came to
+ *       lie in the other heap, the source keeps its own, with dwBytesUsed 0. A target without data gets a
+ *       buffer first.
+ *  @par Bytes   between the heaps both have to use fewer bytes than the other buffer holds; but the bytes for
+ *       a new target, or for one that uses none, go one way, as many as fit, and dwBytesUsed is exchanged all
+ *       the same.
+ *  @par Header  exchanged, or handed to a new target: flags, opaque body, qwTrailC, dwTrailD, the marks. The
+ *       source's dwTrailF to dwTrailI go to the target and stay in the source. Neither comes out with a valid
+ *       tail.
+ *  @return 0, also if one of the two has no data then: nothing is exchanged; plain DFMEM_E_POINTER (null
+ *       ppDF), DFMEM_E_INVALIDARG (null param2 or source, a custom frame), DFMEM_E_FAILED (the bytes don't
+ *       fit, or of two pointers into the pool one lies in no block) or DFMEM_E_OUTOFMEMORY: no new target, no
+ *       temporary, or no buffer for a target without data, which then loses a reference, and *ppDF is null */
 #define DFRAME_SWAP 15u
 /** Gives a frame a buffer of another size in its heap, with the bytes in use that fit. The new one is there before
- * the old one loses one reference, so frames that share the buffer keep it. The new one has one reference: a frame
- * that has several holders itself is not to be resized. A moved lpData stays moved, with the bytes in front of it;
- * the size counts from lpData.
- *  @par param1  new data size, 0 to 0xFFFFFFFF; 0 leaves the frame without data, or with the bytes in front of lpData
+ *  the old one loses one reference, so frames that share the buffer keep it. The new one has one reference: a frame
+ *  that has several holders itself is not to be resized. A moved lpData stays moved, with the bytes in front of it;
+ *  the size counts from lpData.
+ *  @par param1  new data size, 0 to 0xFFFFFFFF; 0 leaves the frame without data, or with the bytes in front of
+ *       lpData
  *  @par ppDF    in: the frame
- *  @return 0, also for the present size; plain DFMEM_E_POINTER (null ppDF) or DFMEM_E_INVALIDARG (null or custom
- *       frame, a size out of range) or DFMEM_E_OUTOFMEMORY; -1 (64 bits) for a frame without data or with a pointer
- *       that neither heap knows. Unless the result is 0, the frame is as it was. */
+ *  @return 0, also for the present size; plain DFMEM_E_POINTER (null ppDF) or DFMEM_E_INVALIDARG (null or
+ *       custom frame, a size out of range) or DFMEM_E_OUTOFMEMORY; -1 (64 bits) for a frame without data or
+ *       with a pointer that neither heap knows. Unless the result is 0, the frame is as it was. */
 #define DFRAME_RESIZE 16u
 /** @par ppDF    in: the frame, as for the other three that tell where data lies
  *  @return 1 if the data lies in the local heap; else 0, also for null arguments and custom frames */
@@ -175,8 +183,8 @@ extern "C" {
 /** @return 1 if the data lies in the pool; else 0, also for null arguments and custom frames */
 #define DFRAME_ISBRENVOLE 18u
 /** @return in the pool, the distance of lpData from the start of its block in bytes, low 32 bits, and 0 if no block
- *       holds it; in the local heap, the address of the start; 0 for a frame without data; -1 (64 bits) if neither
- * heap knows lpData; plain DFMEM_E_POINTER (null ppDF) or DFMEM_E_INVALIDARG (null or custom frame) */
+ *  holds it; in the local heap, the address of the start; 0 for a frame without data; -1 (64 bits) if neither heap
+ *  knows lpData; plain DFMEM_E_POINTER (null ppDF) or DFMEM_E_INVALIDARG (null or custom frame) */
 #define DFRAME_FINDALLOC 21u
 /** Puts lpData back to the start of its block (if the pool has none there, it stays). dwFlags, dwTrailA, dwTrailB,
  *  dwCreateMark, qwTrailC and dwTrailD to dwTrailI become 0, the attach stamps new.
@@ -184,11 +192,12 @@ extern "C" {
  *       fields are cleared all the same; a status as above */
 #define DFRAME_FIXALLOC 17u
 /** Ends the pool and drops the cached local block. The pool's figures return to their defaults, and commands may
- *  follow. Blocks that still live in the pool are logged as leaks; their data is gone, and their frames are good for
- *  DFRAME_FREE only, which reports the lost data, and only as long as no new pool stands in the old one's place.
- *  @par DFRAME_FLAG_SYSHEAP  the region goes, but its blocks live on as numbers, so that frames can still be freed
- *       without a report; nothing that reads their data may follow. The next frame for the pool makes a new one, and
- * forgets the old blocks.
+ *  follow. Blocks that still live in the pool are logged as leaks; their data is gone, and their frames are good
+ *  for DFRAME_FREE only, which reports the lost data, and only as long as no new pool stands in the old one's
+ *  place.
+ *  @par DFRAME_FLAG_SYSHEAP  the region goes, but its blocks live on as numbers, so that frames can still be
+ *       freed without a report; nothing that reads their data may follow. The next frame for the pool makes a
+ *       new one, and forgets the old blocks.
  *  @return 0 */
 #define DFRAME_CLOSE 19u
 /** @return free bytes of the pool, held; or local free */
@@ -267,8 +276,8 @@ BRENVOLE_API uint64_t DFrameMemTrace(uint32_t command, int64_t param1, uintptr_t
 /** The system's hook at load and unload. Reason 0, process detach, ends the pool and gives the cached local block
  *  back; no other reason does any work. The platform calls it when the library leaves the process. Ending a pool is
  *  logged, so a sink of the host's has to be callable up to then, or be taken off. Like DFRAME_CLOSE it runs beside
- * no command: threads that are still at work when the process ends may finish writing into their data, but are best
- *  out of the library by then.
+ *  no command: threads that are still at work when the process ends may finish writing into their data, but are
+ *  best out of the library by then.
  *  @return 1 for every reason */
 BRENVOLE_API int DllMain(void *instance, uint32_t reason, void *reserved);
 

@@ -121,16 +121,16 @@ void finishData(const Copying &copying) {
     destination->dwSize = std::max(destination->dwSize, DFRAME_SIZE);
     frameStampAttach(destination);
     clearLink(destination);
-    if (copying.offset <= destination->dwBufferLength) { // else 32 bits can't tell of such a block
-        destination->lpData += copying.offset;
-        destination->dwBufferLength -= static_cast<uint32_t>(copying.offset);
-    }
+    destination->lpData += copying.offset;
+    destination->dwBufferLength -= static_cast<uint32_t>(copying.offset);
 }
 
-// A pointer that was moved far inside a block of the pool wouldn't be found so far inside a local one. A destination
-// that came to lie there, since the pool was full, gets the bytes from the pointer on.
+// A pointer that was moved far inside a block of the pool wouldn't be found so far inside a local one, where the
+// destination came to lie if the pool is full; and 32 bits can't tell of every block. Then the destination gets the
+// bytes from the pointer on.
 void giveUpFarOffset(Copying &copying) {
-    if (copying.offset > kLocalReach && !frameInPool(*copying.ppDF)) {
+    const DFRAME *const destination = *copying.ppDF;
+    if (copying.offset > destination->dwBufferLength || (copying.offset > kLocalReach && !frameInPool(destination))) {
         copying.source->lpData = copying.saved;
         copying.offset = 0;
     }

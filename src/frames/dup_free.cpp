@@ -47,8 +47,8 @@ void copyCustomHeader(PDFRAME destination, const DFRAME *source) {
 
 // No more than the source has, though it may say that more is used.
 void copyUsedBytes(const DFRAME *destination, const DFRAME *source) {
-    qxOSCopyMemorySafeFast(destination->lpData, source->lpData, source->dwBytesUsed,
-                           std::min(+destination->dwBufferLength, +source->dwBufferLength));
+    qxOSCopyMemorySafeFast(destination->lpData, source->lpData,
+                           std::min(+source->dwBytesUsed, +source->dwBufferLength), destination->dwBufferLength);
 }
 
 // Steps of the copying case: 1, 2 refusals; 3 a frame; 4 none to be had; 5 the header; 6 the bytes; 7 the end.

@@ -1,6 +1,6 @@
 /** @file
- *  What the units of the front end share: the life of headers and of their data, and the pool. `msgarea` and `line`
- * name the call site; they are handed on everywhere and decide nothing. */
+ *  What the units of the front end share: the life of headers and of their data, and the pool. `msgarea` and
+ *  `line` name the call site; they are handed on everywhere and decide nothing. */
 #ifndef BRENVOLE_FRAMES_H
 #define BRENVOLE_FRAMES_H
 
@@ -141,7 +141,7 @@ inline bool frameInPool(const DFRAME *frame) { return DFHEAP_Contains(mainHeap, 
 DataPlace framePlace(const DFRAME *frame);
 
 /** The bytes in use, but no more than there are from lpData to the end of its block, whatever dwBytesUsed says; of a
- *  buffer that neither heap knows no more than its length. */
+ *  pointer that lies in no block no more than the frame's length. */
 uint32_t frameReadable(const DFRAME *frame, const DataPlace &place);
 
 /** Drops one reference on the data. lpData stays.

@@ -30,11 +30,12 @@ constexpr uint64_t kLargestPool = 0xFFFFFF000;
 constexpr uint64_t kStepDown = 32768;
 constexpr uint64_t kStepDownEnd = 0x1000000;
 
-// One thread at a time makes the pool for all that need it. The holder may enter again: a message sink that hears
-// of it may run commands, and these find the state as it then is.
+// One thread at a time makes a pool for all that need it. The outermost lock. The holder may enter again: a message
+// sink that hears of it may run commands, and these find the state as it then is.
 std::recursive_mutex poolLock;
 
-void warn(const char *text) { ErrFmtOut(QX_WARNING, 0, 0, "WARNING(dfmem): %s\n", text); }
+// While DFRAME_RESET makes the pool, a sink's command that needs one makes none of its own.
+std::atomic<bool> resetting = false;
 
 // ---- DFRAME_RESET ----------------------------------------------------------------------------------------------
 
@@ -110,70 +111,29 @@ void dropPool() {
     return DFHEAP_Create(0, reinterpret_cast<uintptr_t>(pool), mainPoolSize, mainGranularity, mainSmallest);
 }
 
-} // namespace
-
-std::atomic<::DFHEAP *> mainHeap = nullptr;
-std::atomic<void *> mainPool = nullptr;
-std::atomic<uint64_t> mainPoolSize = kDefaultPool;
-uint32_t mainGranularity = kDefaultGranularity;
-uint32_t mainSmallest = kDefaultSmallest;
-
-void *mainPoolAlloc(std::atomic<uint64_t> &size) {
-    size = std::min(size.load(), kLargestPool);
-    void *base = qxOSVirtualAlloc(size);
-    while (base == nullptr && size > kStepDownEnd) {
-        size -= kStepDown;
-        base = qxOSVirtualAlloc(size);
-    }
-    return base;
-}
-
-// Steps 1 to 3 of the pool's stage: 1 there is one; 2 the region; 3 its heap.
-bool mainPoolNeed() {
-    if (mainPool.load() != nullptr && mainHeap.load() != nullptr) {
-        return true;
-    }
+// Steps 1 to 3 of the pool's stage: 1 there is one; 2 the region; 3 its heap. What couldn't be had, in words; else
+// null.
+const char *makePool() {
     const std::scoped_lock hold(poolLock);
-    if (mainPool.load() != nullptr) { // 1
-        return true;
+    if (mainPool.load() != nullptr || resetting) { // 1
+        return nullptr;
     }
     void *const pool = mainPoolAlloc(mainPoolSize); // 2; if it fails, the next try begins where this one ended
     if (pool == nullptr) {
-        warn("Unable to allocate main memory pool");
-        return false;
+        return "Unable to allocate main memory pool";
     }
     // A heap that has lost its pool is only forgotten. It goes before the new pool can be seen, so that no other
     // thread takes a block of the old one.
     mainHeap = nullptr;
     mainPool = pool;
     mainHeap = createHeap(pool); // 3
-    if (mainHeap.load() == nullptr) {
-        warn("Unable to create main heap");
-        return false;
-    }
-    return true;
+    return mainHeap.load() == nullptr ? "Unable to create main heap" : nullptr;
 }
 
-// Steps: 1 nothing on the local side; 2 enough already; 3 in use; 4, 5 heap and region go; 6 what the system has;
-// 7, 8 the size; 9 the region; 10 a smaller one; 11 none; 12 the heap.
-uint64_t commandReset(uint32_t command, int64_t param1) {
-    if ((command & DFRAME_FLAG_SYSHEAP) != 0) { // 1
-        return 0;
-    }
-    ::DFHEAP *const heap = mainHeap;
-    if (heap != nullptr) { // a pool without a heap is made anew, be it large enough or not
-        if (mainPool.load() != nullptr && param1 != 0 &&
-            param1 <= static_cast<int64_t>(mainPoolSize.load())) { // 2, signed
-            return 0;
-        }
-        const uint32_t inUse = heapInUse(heap); // 3
-        if (inUse != 0) {
-            return frameRefuse(inUse, "Brenvole in use, no re-alloc(0x%lX)");
-        }
-        dropHeap(); // 4
-    }
-    // 5. mainPool keeps its value up to step 9, so that no command of a message sink makes a pool meanwhile.
-    if (void *const pool = mainPool) {
+// Steps 4 to 12 of DFRAME_RESET.
+uint64_t rebuild(int64_t param1) {
+    dropHeap();                        // 4
+    if (void *const pool = mainPool) { // 5; set anew in step 9 or 10
         qxOSVirtualFree(pool);
     }
     uint64_t total = 0; // 6
@@ -194,6 +154,58 @@ uint64_t commandReset(uint32_t command, int64_t param1) {
     mainHeap = createHeap(base); // 12; without one the local heap serves
     ErrOut("AV Mem (actual alloc = %.3f Gb) ", mebibytes(static_cast<double>(mainPoolSize)) / 1024);
     return 0;
+}
+
+} // namespace
+
+std::atomic<::DFHEAP *> mainHeap = nullptr;
+std::atomic<void *> mainPool = nullptr;
+std::atomic<uint64_t> mainPoolSize = kDefaultPool;
+uint32_t mainGranularity = kDefaultGranularity;
+uint32_t mainSmallest = kDefaultSmallest;
+
+void *mainPoolAlloc(std::atomic<uint64_t> &size) {
+    size = std::min(size.load(), kLargestPool);
+    void *base = qxOSVirtualAlloc(size);
+    while (base == nullptr && size > kStepDownEnd) {
+        size -= kStepDown;
+        base = qxOSVirtualAlloc(size);
+    }
+    return base;
+}
+
+bool mainPoolNeed() {
+    if (mainPool.load() != nullptr && mainHeap.load() != nullptr) {
+        return true;
+    }
+    const char *const problem = makePool();
+    if (problem != nullptr) {
+        ErrFmtOut(QX_WARNING, 0, 0, "WARNING(dfmem): %s\n", problem); // behind the lock
+    }
+    return problem == nullptr && !resetting;
+}
+
+// Steps: 1 nothing on the local side; 2 enough already; 3 in use; 4, 5 heap and region go; 6 what the system has;
+// 7, 8 the size; 9 the region; 10 a smaller one; 11 none; 12 the heap.
+uint64_t commandReset(uint32_t command, int64_t param1) {
+    if ((command & DFRAME_FLAG_SYSHEAP) != 0) { // 1
+        return 0;
+    }
+    ::DFHEAP *const heap = mainHeap;
+    if (heap != nullptr) { // a pool without a heap is made anew, be it large enough or not
+        if (mainPool.load() != nullptr && param1 != 0 &&
+            param1 <= static_cast<int64_t>(mainPoolSize.load())) { // 2, signed
+            return 0;
+        }
+        const uint32_t inUse = heapInUse(heap); // 3
+        if (inUse != 0) {
+            return frameRefuse(inUse, "Brenvole in use, no re-alloc(0x%lX)");
+        }
+    }
+    resetting = true;
+    const uint64_t result = rebuild(param1); // 4 to 12
+    resetting = false;
+    return result;
 }
 
 // Steps: 1 it is told; 2 the cached block; 3 the heap; 4 the region; 5 the defaults; 6 the trace.

@@ -37,12 +37,15 @@ DataPlace framePlace(const DFRAME *frame) {
 }
 
 uint32_t frameReadable(const DFRAME *frame, const DataPlace &place) {
-    uint64_t there = frame->dwBufferLength;
+    uint64_t there = 0;
     if (place.inPool) {
         there = DFHEAP_BytesFrom(mainHeap, frameData(frame));
-    } else if (place.local != nullptr) {
+    } else if (place.local != nullptr) { // the nearest block below, which may end in front of the pointer
         const uint64_t moved = frameData(frame) - reinterpret_cast<uintptr_t>(LHEAP_DataStart(place.local));
         there = place.local->qwSize - std::min(place.local->qwSize, moved);
+    }
+    if (there == 0) {
+        there = frame->dwBufferLength;
     }
     return static_cast<uint32_t>(std::min<uint64_t>(frame->dwBytesUsed, there));
 }

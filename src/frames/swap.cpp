@@ -210,7 +210,7 @@ uint64_t commandSwap(int64_t param1, uintptr_t param2, PDFRAME *ppDF, const char
     if (frameIsCustom(source)) {
         return frameRefuse(DFMEM_E_INVALIDARG, "DFRAME_SWAP|SrcNOTBrenvole(0x%lX)");
     }
-    Swapping swapping{source, *ppDF, false, msgarea, line};
+    Swapping swapping{.source = source, .target = *ppDF, .made = false, .msgarea = msgarea, .line = line};
     if (swapping.target == nullptr) { // 2
         if (!makeTarget(swapping, param1)) {
             *ppDF = nullptr;

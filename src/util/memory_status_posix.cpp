@@ -1,5 +1,5 @@
 // Physical memory, as much of it as this process may really have: the machine's figures, cut by the limit of
-// every control group that the process lies in, both versions of the system's interface, and by its own limit.
+// every control group that the process lies in, both versions of the system's interface, and by its own limits.
 #include "memory_status_posix.h"
 #include "qxutil.h"
 
@@ -87,17 +87,24 @@ bool listHolds(std::string_view list, std::string_view word) {
     return false;
 }
 
-// What a limit of the process's address space, if there is one, leaves of it.
-void applyAddressLimit(QXMemoryStatus &status) {
+// What a limit of the process, if there is one, leaves of what it limits. `pages` are those that count for it.
+void applyLimit(int resource, uint64_t pages, QXMemoryStatus &status) {
     rlimit limit{};
-    if (getrlimit(RLIMIT_AS, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
+    if (getrlimit(static_cast<__rlimit_resource_t>(resource), &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
         return;
     }
-    const uint64_t mapped =
-        readNumber("/proc/self/statm").value_or(0) * static_cast<uint64_t>(sysconf(_SC_PAGESIZE)); // its first word
-    status.totalPhys = std::min<uint64_t>(status.totalPhys, limit.rlim_cur);
+    const uint64_t most = limit.rlim_cur;
+    status.totalPhys = std::min(status.totalPhys, most);
     status.availPhys =
-        std::min<uint64_t>(status.availPhys, limit.rlim_cur - std::min<uint64_t>(mapped, limit.rlim_cur));
+        std::min(status.availPhys, most - std::min(most, pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE))));
+}
+
+// The process's own limits: of its address space, and of what it maps for itself.
+void applyLimits(QXMemoryStatus &status) {
+    uint64_t mapped = 0, other = 0, data = 0; // words 1 and 6, in pages
+    std::ifstream("/proc/self/statm") >> mapped >> other >> other >> other >> other >> data;
+    applyLimit(RLIMIT_AS, mapped, status);
+    applyLimit(RLIMIT_DATA, data, status);
 }
 
 } // namespace
@@ -132,7 +139,7 @@ void qxOSMemoryStatus(uint64_t *totalPhys, uint64_t *availPhys) {
     QXMemoryStatus status;
     try {
         QXMemoryStatus now = qxReadMemoryStatus("");
-        applyAddressLimit(now);
+        applyLimits(now);
         status = now;
     } catch (const std::bad_alloc &) { // no memory to ask how much there is
     }

@@ -24,8 +24,8 @@ extern "C" {
  *  Formats are printf's, with these fixed widths on every platform: %d %u %x %X %c and every form with `l`
  *  32 bits, `ll` and `I64` 64 bits, `I32` 32 bits, `h` and `hh` 16 and 8 bits of a 32-bit argument, `z` and
  *  `I` pointer-sized, %p a pointer as sixteen upper-case digits without a prefix, %s a string or null
- *  ("(null)"), %f %e %g a double with at most 60 digits of precision and no `#` form. %n and anything unknown is
- * printed as it stands and takes no argument.
+ *  ("(null)"), %f %e %g a double with at most 60 digits of precision and no `#` form. %n and anything unknown
+ *  is printed as it stands and takes no argument.
  *  @{ */
 #define QX_STATUS 0x00000000u
 #define QX_CAUTION 0x40000000u
@@ -42,12 +42,12 @@ QXUTIL_API uint32_t ErrMsgOut(uint32_t status, const char *text, uintptr_t, uint
 
 /** Takes every message, already formatted, as its format has it (with or without a line feed at its end).
  *  Runs on the thread that logs, under no lock of QXUtil's, from several threads at once if they log at once.
- *  It may call the library and QXUtil, and throws nothing. It may run while the library holds a lock, so it must not
- * wait for another thread that is inside the library. */
+ *  It may call the library and QXUtil, and throws nothing. It may run while the library holds a lock, so it
+ *  must not wait for another thread that is inside the library. */
 typedef void (*QXLogSink)(uint32_t severity, const char *message, void *context);
-/** Puts `sink` in place of the log; null restores the log. Calls of the old sink that have begun go on. The memory
- *  library logs up to its very end in the process, behind the host's static objects: a sink lasts as long, or is
- * taken off. */
+/** Puts `sink` in place of the log; null restores the log. Calls of the old sink that have begun go on. The
+ *  memory library logs up to its very end in the process, behind the host's static objects: a sink lasts as
+ *  long, or is taken off. */
 QXUTIL_API void qxSetLogSink(QXLogSink sink, void *context);
 /** @} */
 
@@ -161,11 +161,15 @@ QXUTIL_API uint32_t d_ListCount(d_List *list);
 /** @name Platform layer
  *  @{ */
 /** @return a committed, readable, writable, zero-filled region of `size` bytes, page-aligned, in huge pages where
- *  the system has them; null if it can't be had or `size` is 0. A refusal costs one call of the system. */
+ *  the system has them; null if it can't be had or `size` is 0. A refusal costs one call of the system. A region
+ *  doesn't lie where an earlier one did, as far as the system allows: the memory library tells by an address which
+ *  heap it belongs to. */
 QXUTIL_API void *qxOSVirtualAlloc(uint64_t size);
-/** Gives a whole region back, named by its base. Any other address is left alone. */
+/** Gives a whole region back, named by its base. Any other address is left alone. In exit() the region stays as it
+ *  is for the threads that still use it, and goes with the process. */
 QXUTIL_API void qxOSVirtualFree(void *base);
-/** Physical memory of the machine, or of the container if that has less; 0 where unknown. Either may be null. */
+/** Physical memory of the machine, or of the container or the process's own limits if they give less; 0 where
+ *  unknown. Either may be null. */
 QXUTIL_API void qxOSMemoryStatus(uint64_t *totalPhys, uint64_t *availPhys);
 /** Writes the directory for temporary files, with a separator at its end; empty if it doesn't fit. */
 QXUTIL_API void qxOSGetTempDir(char *buffer, uint32_t capacity);

@@ -9,20 +9,19 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
 
-#include <sys/auxv.h>
 #include <sys/mman.h>
+#include <sys/random.h>
 #include <unistd.h>
 
 namespace {
 
-// A huge page of the system. Regions are aligned to it, else their ends would stay in small pages.
+// A huge page of the system. The places are aligned to it, else the ends of a region would stay in small pages.
 constexpr uint64_t kHugePage = 2u << 20;
 
-// The part: between the programs and the mappings of the system, which begin at the top. Where in its first half the
-// first region lies is different in each process.
+// The part of the address space: far from where this system usually puts programs, and what they map. Where in its
+// first half the first region lies is different in each process.
 constexpr uint64_t kTiB = uint64_t{1} << 40;
 constexpr uint64_t kPartStart = 24 * kTiB;
 constexpr uint64_t kPartEnd = 72 * kTiB;
@@ -44,8 +43,8 @@ uint64_t roundUp(uint64_t size, uint64_t unit) { return (size + unit - 1) / unit
 
 uint64_t firstPlace() {
     uint64_t noise = 0;
-    if (const auto *const seed = reinterpret_cast<const void *>(getauxval(AT_RANDOM))) {
-        std::memcpy(&noise, seed, sizeof noise);
+    if (getrandom(&noise, sizeof noise, GRND_NONBLOCK) != static_cast<ssize_t>(sizeof noise)) {
+        noise = 0; // a system that has none yet: the first place of all
     }
     return kPartStart + noise % ((kPartEnd - kPartStart) / 2) / kHugePage * kHugePage;
 }
