@@ -1,0 +1,238 @@
+// The table of what is alive, and the recorders of ordinary events. It is a book of its own: the heaps never read it.
+#include "trace.h"
+
+#include "util/format.h"
+#include "util/hold.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace brenvole {
+
+namespace {
+
+uint64_t lastAllocId = 0; // under traceLock
+
+// How a recorder looks for an entry: the address decides alone if there is one, or it or the owner, or it only.
+enum class Match { addressElseOwner, addressOrOwner, addressOnly };
+
+bool holdsAddress(const TraceEntry *entry, const void *address) {
+    const auto at = reinterpret_cast<uintptr_t>(address);
+    const auto base = reinterpret_cast<uintptr_t>(entry->base);
+    return entry->data == address || entry->base == address ||
+           (base != 0 && entry->actual != 0 && at >= base && at - base < entry->actual);
+}
+
+bool matches(const TraceEntry *entry, Match match, const void *dframe, const void *data) {
+    const bool byAddress = data != nullptr && holdsAddress(entry, data);
+    const bool byOwner = dframe != nullptr && entry->dframe == dframe;
+    switch (match) {
+    case Match::addressElseOwner: return data != nullptr ? byAddress : byOwner;
+    case Match::addressOrOwner: return byAddress || byOwner;
+    default: return byAddress;
+    }
+}
+
+// From the newest on, entry by entry. A null `kind` takes all. The place that leads to the entry, for its removal.
+TraceEntry **find(const char *kind, Match match, const void *dframe, const void *data) {
+    TraceEntry **at = &traceActiveHead;
+    while (*at != nullptr &&
+           ((kind != nullptr && std::strcmp((*at)->kind, kind) != 0) || !matches(*at, match, dframe, data))) {
+        at = &(*at)->next;
+    }
+    return at;
+}
+
+// All recorders but TraceRelease take an empty kind for none.
+const char *filterOf(const char *kind) { return kind != nullptr && *kind != 0 ? kind : nullptr; }
+
+void copyText(char *to, std::size_t capacity, const char *text) {
+    qxFormat(to, capacity, "%s", text != nullptr ? text : "");
+}
+
+// A row about an entry, or about nothing known. Lock held.
+void writeEvent(const TraceEntry *entry, const char *action, const char *result, const char *kind, const void *dframe,
+                const void *data, int32_t refCount, const char *msgarea, uint32_t line, const char *detail) {
+    TraceWriteRow("event", action, result, kind, entry != nullptr ? entry->allocId : 0, dframe, data,
+                  entry != nullptr ? entry->base : nullptr, entry != nullptr ? entry->requested : 0,
+                  entry != nullptr ? entry->actual : 0, refCount, msgarea, line, detail);
+}
+
+// Null if there is no memory: the allocation goes on without an entry.
+TraceEntry *makeEntry(const char *kind, const char *msgarea, uint32_t line) {
+    auto *const entry = static_cast<TraceEntry *>(QXAlloc(sizeof(TraceEntry)));
+    if (entry == nullptr) {
+        return nullptr;
+    }
+    *entry = {};
+    entry->allocId = ++lastAllocId;
+    copyText(entry->kind, sizeof entry->kind, kind);
+    copyText(entry->allocMsgarea, sizeof entry->allocMsgarea, msgarea);
+    entry->firstEvent = traceEventId + 1; // the coming row
+    entry->next = traceActiveHead;
+    traceActiveHead = entry;
+    entry->allocLine = line;
+    tracePeakActive = std::max(tracePeakActive, ++traceActiveCount);
+    return entry;
+}
+
+const char *commandName(uint32_t command) {
+    constexpr uint32_t kCommandBits = 0xFF;
+    constexpr uint32_t kDump = 128;
+    static constexpr const char *kNames[] = {"DFRAME_TOTAL",
+                                             "DFRAME_LARGEST",
+                                             "DFRAME_GRANULARITY",
+                                             "DFRAME_SMALLEST",
+                                             nullptr,
+                                             "DFRAME_RESET",
+                                             nullptr,
+                                             nullptr,
+                                             nullptr,
+                                             "DFRAME_ISLOCAL",
+                                             "DFRAME_ALLOC",
+                                             "DFRAME_FREE",
+                                             "DFRAME_ADDREF",
+                                             "DFRAME_COPY",
+                                             "DFRAME_DUP_FREE",
+                                             "DFRAME_SWAP",
+                                             "DFRAME_RESIZE",
+                                             "DFRAME_FIXALLOC",
+                                             "DFRAME_ISBRENVOLE",
+                                             "DFRAME_CLOSE",
+                                             "DFRAME_TOTALAVAIL",
+                                             "DFRAME_FINDALLOC",
+                                             "DFRAME_TOTALUSED"};
+    const uint32_t number = command & kCommandBits;
+    const char *const name = number == kDump ? "DFRAME_DUMP" : number < std::size(kNames) ? kNames[number] : nullptr;
+    return name != nullptr ? name : "DFRAME_UNKNOWN";
+}
+
+} // namespace
+
+TraceEntry *traceActiveHead = nullptr;
+uint64_t tracePeakActive = 0;
+
+TraceEntry *traceFindAny(const void *dframe, const void *data) {
+    return *find(nullptr, Match::addressOrOwner, dframe, data);
+}
+
+void traceNoteSite(TraceEntry *entry, const char *msgarea, uint32_t line) {
+    entry->lastLine = line;
+    copyText(entry->lastMsgarea, sizeof entry->lastMsgarea, msgarea);
+}
+
+void TraceCall(uint32_t command, int64_t param1, const void *param2, const void *dframe, const void *data,
+               const char *msgarea, uint32_t line) {
+    if (TraceIsEnabled() == 0) {
+        return;
+    }
+    traceLockCreate();
+    const QXHold hold(traceLock);
+    const TraceEntry *const entry = traceFindAny(dframe, data);
+    const bool local = static_cast<int32_t>(command) < 0;
+    char detail[160] = {};
+    qxFormat(detail, sizeof detail, "flags=0x%08lX param1=%lld param2=0x%p%s", command,
+             static_cast<long long>(param1), param2, local ? " sysheap" : "");
+    TraceWriteRow("event", commandName(command), "call", local ? "local" : "dframe",
+                  entry != nullptr ? entry->allocId : 0, dframe, data, entry != nullptr ? entry->base : nullptr,
+                  static_cast<uint64_t>(param1), 0, entry != nullptr ? entry->refCount : 0, msgarea, line, detail);
+}
+
+void TraceAlloc(const char *kind, const void *dframe, const void *data, const void *base, uint64_t requested,
+                uint64_t actual, int32_t refCount, const char *msgarea, uint32_t line, const char *detail) {
+    if (TraceIsEnabled() == 0) {
+        return;
+    }
+    traceLockCreate();
+    const QXHold hold(traceLock);
+    TraceEntry *entry = *find(filterOf(kind), Match::addressElseOwner, dframe, data);
+    if (entry == nullptr) {
+        entry = makeEntry(kind, msgarea, line);
+    }
+    if (entry == nullptr) {
+        TraceWriteRow("event", "alloc", "trace_alloc_failed", kind, 0, dframe, data, base, requested, actual,
+                      refCount, msgarea, line, detail);
+        return;
+    }
+    entry->dframe = dframe;
+    entry->data = data;
+    entry->base = base != nullptr ? base : data;
+    entry->requested = requested;
+    entry->actual = actual;
+    entry->refCount = refCount;
+    traceNoteSite(entry, msgarea, line);
+    writeEvent(entry, "alloc", "ok", kind, dframe, data, refCount, msgarea, line, detail);
+    entry->lastEvent = traceEventId;
+}
+
+void TraceRelease(const char *action, const char *kind, const void *dframe, const void *data, int32_t refCount,
+                  const char *msgarea, uint32_t line, const char *detail) {
+    if (TraceIsEnabled() == 0) {
+        return;
+    }
+    traceLockCreate();
+    const QXHold hold(traceLock);
+    TraceEntry **const at = find(kind, Match::addressElseOwner, dframe, data);
+    TraceEntry *const entry = *at;
+    const char *const result = entry == nullptr ? "missing" : refCount > 0 ? "deref" : "release";
+    writeEvent(entry, action, result, kind, dframe, data, refCount, msgarea, line, detail); // counts the entry still
+    if (entry == nullptr) {
+        return;
+    }
+    entry->lastEvent = traceEventId;
+    if (refCount > 0) {
+        entry->refCount = refCount;
+        traceNoteSite(entry, msgarea, line);
+        return;
+    }
+    *at = entry->next;
+    traceActiveCount -= traceActiveCount != 0 ? 1 : 0;
+    QXFree(entry);
+}
+
+namespace {
+
+void touch(TraceEntry *entry, const char *action, const char *kind, const void *dframe, const void *data,
+           int32_t refCount, const char *msgarea, uint32_t line, const char *detail) {
+    if (entry != nullptr) {
+        entry->refCount = refCount;
+        traceNoteSite(entry, msgarea, line);
+    }
+    writeEvent(entry, action, entry != nullptr ? "ok" : "missing", kind, dframe, data, refCount, msgarea, line,
+               detail);
+    if (entry != nullptr) {
+        entry->lastEvent = traceEventId;
+    }
+}
+
+} // namespace
+
+void TraceSwapOwner(const char *action, const char *kind, const void *dframe, const void *data, int32_t refCount,
+                    const char *msgarea, uint32_t line, const char *detail) {
+    if (TraceIsEnabled() == 0) {
+        return;
+    }
+    traceLockCreate();
+    const QXHold hold(traceLock);
+    TraceEntry *const entry = *find(filterOf(kind), Match::addressOnly, dframe, data);
+    if (entry != nullptr) {
+        entry->dframe = dframe; // the new owner, also if it is null
+    }
+    touch(entry, action, kind, dframe, data, refCount, msgarea, line, detail);
+}
+
+void TraceTouch(const char *action, const char *kind, const void *dframe, const void *data, int32_t refCount,
+                const char *msgarea, uint32_t line, const char *detail) {
+    if (TraceIsEnabled() == 0) {
+        return;
+    }
+    traceLockCreate();
+    const QXHold hold(traceLock);
+    TraceEntry *const entry = *find(filterOf(kind), Match::addressOrOwner, dframe, data);
+    if (entry != nullptr && dframe != nullptr) {
+        entry->dframe = dframe;
+    }
+    touch(entry, action, kind, dframe, data, refCount, msgarea, line, detail);
+}
+
+} // namespace brenvole

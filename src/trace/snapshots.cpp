@@ -1,0 +1,83 @@
+// Problems, and lists of all that is alive: after each of the first problems, and of the later ones after those whose
+// number is a power of two, so that a program with many of them writes few lists.
+#include "trace.h"
+
+#include "local/counters.h"
+#include "util/format.h"
+#include "util/hold.h"
+
+#include <bit>
+
+namespace brenvole {
+
+namespace {
+
+constexpr uint64_t kEachUpTo = 8;
+
+uint64_t problemCount = 0; // under traceLock
+
+// Lock held. The number of the problem.
+uint64_t writeProblem(const char *action, const void *dframe, const void *data, uint64_t requested, uint64_t actual,
+                      int32_t refCount, const char *msgarea, uint32_t line, const char *detail) {
+    const uint64_t number = ++problemCount;
+    TraceEntry *const entry = traceFindAny(dframe, data);
+    TraceWriteRow("problem", action, "problem", entry != nullptr ? entry->kind : "",
+                  entry != nullptr ? entry->allocId : 0, dframe, data, entry != nullptr ? entry->base : nullptr,
+                  requested, actual, refCount, msgarea, line, detail);
+    if (entry != nullptr) {
+        entry->lastEvent = traceEventId;
+        entry->refCount = refCount;
+        traceNoteSite(entry, msgarea, line);
+    }
+    return number;
+}
+
+void writeActive(const TraceEntry *entry) {
+    char detail[256] = {};
+    qxFormat(detail, sizeof detail, "alloc_site=%s:%lu last_site=%s:%lu alloc_event=%I64u last_event=%I64u",
+             entry->allocMsgarea, entry->allocLine, entry->lastMsgarea, entry->lastLine, entry->firstEvent,
+             entry->lastEvent);
+    TraceWriteRow("active", "outstanding", "active", entry->kind, entry->allocId, entry->dframe, entry->data,
+                  entry->base, entry->requested, entry->actual, entry->refCount, entry->allocMsgarea,
+                  entry->allocLine, detail);
+}
+
+} // namespace
+
+void TraceProblem(const char *action, const void *dframe, const void *data, uint64_t requested, uint64_t actual,
+                  int32_t refCount, const char *msgarea, uint32_t line, const char *detail) {
+    if (TraceIsEnabled() == 0) {
+        return;
+    }
+    traceLockCreate();
+    uint64_t number = 0;
+    {
+        const QXHold hold(traceLock);
+        number = writeProblem(action, dframe, data, requested, actual, refCount, msgarea, line, detail);
+    }
+    if (number <= kEachUpTo || std::has_single_bit(number)) {
+        TraceSnapshot(action);
+    }
+}
+
+void TraceSnapshot(const char *reason) {
+    if (traceState != 1 || traceFile.load() == nullptr || traceClosed != 0) {
+        return;
+    }
+    traceLockCreate();
+    const QXHold hold(traceLock);
+    char summary[256] = {};
+    qxFormat(summary, sizeof summary,
+             "reason=%s dframes=%I64u dframe_bytes=%I64u phys_allocs=%I64u local_allocs=%I64u peak_active=%I64u",
+             reason != nullptr ? reason : "", dframes.load(), dframe_bytes.load(), phys_allocs.load(),
+             local_allocs.load(), tracePeakActive);
+    TraceWriteSession("summary", "snapshot", summary);
+    for (const TraceEntry *entry = traceActiveHead; entry != nullptr; entry = entry->next) {
+        writeActive(entry);
+    }
+    if (std::FILE *const file = traceFile) {
+        std::fflush(file);
+    }
+}
+
+} // namespace brenvole

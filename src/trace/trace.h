@@ -1,0 +1,131 @@
+/** @file
+ *  The trace: a comma-separated file with a row for every frame and allocation event. Off unless the environment or
+ * the configuration says on. The operations call the recorders, one line each; the trace calls nothing of theirs, and
+ *  reads four counters. Nothing that it does changes what an operation does.
+ *
+ *  traceLock guards the file, the live table and all counters but those that TraceIsEnabled reads; it is the
+ * innermost lock of the system, and recorders are called with and without others held. */
+#ifndef BRENVOLE_TRACE_H
+#define BRENVOLE_TRACE_H
+
+#include "util/qxutil.h"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+
+namespace brenvole {
+
+/** @name Activation and file
+ *  @{ */
+extern std::atomic<int32_t> traceState;    // 0 not decided yet, 1 on, -1 off
+extern std::atomic<uint32_t> traceRecheck; // calls of TraceIsEnabled while off; an increment may get lost
+extern std::atomic<int32_t> traceClosed;   // 1 once the trace has ended for good
+extern std::atomic<std::FILE *> traceFile; // written under traceLock
+extern QXCRITICALSECTION traceLock;
+
+/** Creates traceLock once, whichever thread comes first. It is never deleted. */
+void traceLockCreate();
+
+/** The rare part of TraceIsEnabled: reads the sources, and opens the file if one says on. */
+int32_t TraceDecide();
+
+/** 1 if a recorder may go on, else 0. While the trace is off, the sources are read on every 4096th call. */
+inline int32_t TraceIsEnabled() {
+    constexpr uint32_t kRecheckMask = 0xFFF;
+    const int32_t state = traceState.load(std::memory_order_relaxed);
+    if (state == 1 && traceFile.load(std::memory_order_relaxed) != nullptr &&
+        traceClosed.load(std::memory_order_relaxed) == 0) {
+        return 1;
+    }
+    if (state == -1) {
+        const uint32_t calls = traceRecheck.load(std::memory_order_relaxed) + 1;
+        traceRecheck.store(calls, std::memory_order_relaxed);
+        if ((calls & kRecheckMask) != 0) {
+            return 0;
+        }
+    }
+    return TraceDecide();
+}
+
+/** Ends the trace: a last snapshot, "trace_close", and the file is closed. Later events are dropped.
+ *  @param reason  stands in both; may be null */
+void TraceClose(const char *reason);
+/** @} */
+
+/** @name Rows
+ *  @{ */
+extern uint64_t traceEventId;     // of the last row
+extern uint64_t traceActiveCount; // entries of the live table
+
+/** The first line of the file. */
+void TraceWriteHeader();
+
+/** Writes one row, if the file is open. Lock held; no allocation. Null texts are empty, a null `record` is "event".
+ */
+void TraceWriteRow(const char *record, const char *action, const char *result, const char *kind, uint64_t allocId,
+                   const void *dframe, const void *data, const void *base, uint64_t requested, uint64_t actual,
+                   int32_t refCount, const char *msgarea, uint32_t line, const char *detail);
+
+/** A row about the trace itself. Lock held. */
+void TraceWriteSession(const char *record, const char *action, const char *detail);
+/** @} */
+
+/** @name Recorders
+ *  Each returns at once while the trace is off. `msgarea` and `line` name the call site; all texts may be null.
+ *  @{ */
+void TraceCall(uint32_t command, int64_t param1, const void *param2, const void *dframe, const void *data,
+               const char *msgarea, uint32_t line);
+void TraceAlloc(const char *kind, const void *dframe, const void *data, const void *base, uint64_t requested,
+                uint64_t actual, int32_t refCount, const char *msgarea, uint32_t line, const char *detail);
+void TraceRelease(const char *action, const char *kind, const void *dframe, const void *data, int32_t refCount,
+                  const char *msgarea, uint32_t line, const char *detail);
+void TraceSwapOwner(const char *action, const char *kind, const void *dframe, const void *data, int32_t refCount,
+                    const char *msgarea, uint32_t line, const char *detail);
+void TraceTouch(const char *action, const char *kind, const void *dframe, const void *data, int32_t refCount,
+                const char *msgarea, uint32_t line, const char *detail);
+void TraceProblem(const char *action, const void *dframe, const void *data, uint64_t requested, uint64_t actual,
+                  int32_t refCount, const char *msgarea, uint32_t line, const char *detail);
+
+/** Writes all that is alive, newest first, and flushes. Never opens the file. */
+void TraceSnapshot(const char *reason);
+/** @} */
+
+/** @name The live table, for its units
+ *  @{ */
+inline constexpr std::size_t kTraceKind = 16; // with terminator
+inline constexpr std::size_t kTraceArea = 96;
+
+/** One live allocation: a frame header, or data in either heap. A QXAlloc block of its own. */
+struct TraceEntry {
+    TraceEntry *next;
+    uint64_t allocId;
+    const void *dframe; // who owns it
+    const void *data;   // the address that callers have
+    const void *base;   // start of the block
+    uint64_t requested;
+    uint64_t actual; // bytes from base
+    int32_t refCount;
+    uint64_t firstEvent; // row that made the entry
+    uint64_t lastEvent;  // last row about it
+    char kind[kTraceKind];
+    char allocMsgarea[kTraceArea];
+    char lastMsgarea[kTraceArea];
+    uint32_t allocLine;
+    uint32_t lastLine;
+};
+
+extern TraceEntry *traceActiveHead; // newest first
+extern uint64_t tracePeakActive;    // highest value of traceActiveCount
+
+/** The newest entry that the address lies in, or whose owner is the frame. Lock held. */
+TraceEntry *traceFindAny(const void *dframe, const void *data);
+
+/** Notes the latest call site. Lock held. */
+void traceNoteSite(TraceEntry *entry, const char *msgarea, uint32_t line);
+/** @} */
+
+} // namespace brenvole
+
+#endif
