@@ -1,6 +1,7 @@
 // The trace: when it runs, where its file lies, and what stands in it, byte for byte. It ends for good with its
 // process, so each case has a process of its own.
 #include "harness.h"
+#include "local/counters.h"
 #include "trace/trace.h"
 
 #include <gtest/gtest.h>
@@ -63,7 +64,10 @@ TEST_F(TraceFile, EveryByteOfAFile) {
         TraceRelease("phys_free", "local", nullptr, at(0x20000), 0, "r", 4, "wrong kind");
         TraceRelease("phys_free", "phys", nullptr, at(0x20000), -1, "r", 6, "release");
     });
-    const std::string counters = " dframes=0 dframe_bytes=0 phys_allocs=0 local_allocs=0 peak_active=2\"";
+    const std::string counters = " dframes=" + std::to_string(dframes) +
+                                 " dframe_bytes=" + std::to_string(dframe_bytes) +
+                                 " phys_allocs=" + std::to_string(phys_allocs) +
+                                 " local_allocs=" + std::to_string(local_allocs) + " peak_active=2\"";
     const std::string m95(95, 'm'), m100(100, 'm');
     const std::string head = "\"alloc_site=a\"\"b c:7 last_site=a\"\"b c:7 alloc_event=2 last_event=2\"";
     const std::string expected =
