@@ -87,24 +87,28 @@ bool listHolds(std::string_view list, std::string_view word) {
     return false;
 }
 
-// What a limit of the process, if there is one, leaves of what it limits. `pages` are those that count for it.
-void applyLimit(int resource, uint64_t pages, QXMemoryStatus &status) {
-    rlimit limit{};
-    if (getrlimit(static_cast<__rlimit_resource_t>(resource), &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
+// What a limit, if there is one, leaves for the process. `pages` are what it has of it.
+void applyLimit(const rlimit &limit, uint64_t pages, QXMemoryStatus &status) {
+    if (limit.rlim_cur == RLIM_INFINITY) {
         return;
     }
     const uint64_t most = limit.rlim_cur;
+    const uint64_t held = pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
     status.totalPhys = std::min(status.totalPhys, most);
-    status.availPhys =
-        std::min(status.availPhys, most - std::min(most, pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE))));
+    status.availPhys = std::min(status.availPhys, most - std::min(most, held));
 }
 
 // The process's own limits: of its address space, and of what it maps for itself.
 void applyLimits(QXMemoryStatus &status) {
     uint64_t mapped = 0, other = 0, data = 0; // words 1 and 6, in pages
     std::ifstream("/proc/self/statm") >> mapped >> other >> other >> other >> other >> data;
-    applyLimit(RLIMIT_AS, mapped, status);
-    applyLimit(RLIMIT_DATA, data, status);
+    rlimit limit{};
+    if (getrlimit(RLIMIT_AS, &limit) == 0) {
+        applyLimit(limit, mapped, status);
+    }
+    if (getrlimit(RLIMIT_DATA, &limit) == 0) {
+        applyLimit(limit, data, status);
+    }
 }
 
 } // namespace
