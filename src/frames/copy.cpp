@@ -1,4 +1,5 @@
-// DFRAME_COPY: a second frame with the header and the bytes of another one, which shares nothing with it.
+// DFRAME_COPY: a second frame with the header and the bytes of another one. One that is made here shares nothing with
+// it.
 //
 // A destination made here takes over a moved data pointer: the bytes in front of it are copied too. For that, the
 // source's pointer stands at the start of its block while the command runs, and is put back on every way out.

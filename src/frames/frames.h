@@ -140,8 +140,8 @@ inline constexpr uint64_t kFrameNowhere = UINT64_MAX;
 inline bool frameInPool(const DFRAME *frame) { return DFHEAP_Contains(mainHeap, frameData(frame)) != 0; }
 DataPlace framePlace(const DFRAME *frame);
 
-/** The bytes in use, but no more than there are from lpData to the end of its block, whatever dwBytesUsed says; of a
- *  pointer that lies in no block no more than the frame's length. */
+/** The bytes in use. Of a frame that says to use more than its length, no more than there are from lpData to the end
+ *  of its block, or its length if the pointer lies in no block. Takes the pool's lock for such a frame only. */
 uint32_t frameReadable(const DFRAME *frame, const DataPlace &place);
 
 /** Drops one reference on the data. lpData stays.

@@ -37,6 +37,9 @@ DataPlace framePlace(const DFRAME *frame) {
 }
 
 uint32_t frameReadable(const DFRAME *frame, const DataPlace &place) {
+    if (!frameOverwritten(frame)) { // nearly always: no lock, no look-up
+        return frame->dwBytesUsed;
+    }
     uint64_t there = 0;
     if (place.inPool) {
         there = DFHEAP_BytesFrom(mainHeap, frameData(frame));
