@@ -91,12 +91,12 @@ uint32_t lastRequest() { return last; }
 extern "C" __attribute__((visibility("default"))) void *QXAlloc(uint32_t size) {
     const uint64_t number = ++asked;
     last = size;
-    if (replaceAlloc != nullptr) { return replaceAlloc(size); }
     const uint64_t fails = failAt;
     if (fails != 0 && (number == fails || (failBehind && number > fails))) {
         failed = true;
         return nullptr;
     }
+    if (replaceAlloc != nullptr) { return replaceAlloc(size); }
     void *block = std::malloc(size);
     if (block != nullptr) {
         std::memset(block, 0xCD, size < 65536 ? size : 65536); // nobody may count on a content

@@ -1,7 +1,9 @@
 // The trace: when it runs, where its file lies, and what stands in it, byte for byte. It ends for good with its
 // process, so each case has a process of its own.
+#include "frames/frames.h"
 #include "harness.h"
-#include "local/counters.h"
+#include "local/local_block.h"
+#include "local/local_heap.h"
 #include "trace/trace.h"
 
 #include <gtest/gtest.h>
@@ -9,6 +11,7 @@
 #include <algorithm>
 #include <sstream>
 
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,6 +26,12 @@ std::string contentOf(const std::string &file) {
     return content.str();
 }
 
+// The whole file that a case has to leave; its first row names it.
+std::string expected(const std::string &name, const std::string &file) {
+    std::string content = contentOf(BRENVOLE_TEST_DATA + name);
+    return content.replace(content.find("FILE"), 4, file);
+}
+
 const void *at(uintptr_t address) { return reinterpret_cast<const void *>(address); }
 
 struct TraceFile : testing::Test {
@@ -34,11 +43,16 @@ struct TraceFile : testing::Test {
     Environment store{"QXUTIL_CONFIG", "/nonexistent"};
     Environment config{"QXUTIL_CONFIG_DIR", directory.path.c_str()};
 
-    // Runs it in a process that then ends as programs do.
+    // Runs it in a process that starts as programs do, whatever ran in ours before, and then ends as they do.
     static void inProcess(const std::function<void()> &body) {
         const pid_t child = fork();
         if (child == 0) {
             static LogCapture log;
+            traceState = -1; // off, to begin with
+            DFrameMem(DFRAME_CLOSE, 0, 0, nullptr);
+            traceState = 0;
+            traceRecheck = 0;
+            dframes = dframe_bytes = local_allocs = phys_allocs = localBytes = 0;
             clockMs = (uint64_t{1} << 32) + 8217344; // of which the low half is told
             body();
             std::exit(0);
@@ -55,8 +69,8 @@ TEST_F(TraceFile, EveryByteOfAFile) {
         TraceAlloc("phys", at(0x1004), at(0x20000), nullptr, 5000, 8192, 1, nullptr, 0, "x");
         TraceTouch("phys_addref", "phys", nullptr, at(0x21FFF), 2, "t", 1, "mid");
         TraceTouch("phys_addref", "phys", nullptr, at(0x22000), 2, "t", 1, "past");
-        TraceCall(0x8000000B, -1, nullptr, at(0x1004), nullptr, "c", 2);
-        TraceCall(0x107, 5, at(0xAB), nullptr, nullptr, nullptr, 0);
+        TraceCall(0x8000000Bu, -1, nullptr, at(0x1004), nullptr, "c", 2);
+        TraceCall(0x107u, 5, at(0xAB), nullptr, nullptr, nullptr, 0);
         TraceSwapOwner("phys_swapref_owner", "phys", nullptr, at(0x20000), 2, "s", 3, "first");
         TraceSwapOwner("phys_swapref_owner", "phys", at(0x1004), nullptr, 2, "s", 3, "no data");
         TraceRelease("phys_free", "phys", nullptr, at(0x20001), 1, "r", 4, "deref");
@@ -64,41 +78,196 @@ TEST_F(TraceFile, EveryByteOfAFile) {
         TraceRelease("phys_free", "local", nullptr, at(0x20000), 0, "r", 4, "wrong kind");
         TraceRelease("phys_free", "phys", nullptr, at(0x20000), -1, "r", 6, "release");
     });
-    const std::string counters = " dframes=" + std::to_string(dframes) +
-                                 " dframe_bytes=" + std::to_string(dframe_bytes) +
-                                 " phys_allocs=" + std::to_string(phys_allocs) +
-                                 " local_allocs=" + std::to_string(local_allocs) + " peak_active=2\"";
-    const std::string m95(95, 'm'), m100(100, 'm');
-    const std::string head = "\"alloc_site=a\"\"b c:7 last_site=a\"\"b c:7 alloc_event=2 last_event=2\"";
-    const std::string expected =
-        R"(record,event_id,time_ms,action,result,kind,alloc_id,msgarea,line,dframe,data,base,requested,actual,ref_count,active_count,detail
-"meta",1,8217344,"trace_open","ok","session",0,"brenvole",0,,,,0,0,0,0,")" +
-        file + R"("
-"event",2,8217344,"alloc","ok","dframe",1,"a""b c",7,0000000000001004,0000000000001004,0000000000001000,8480,8484,1,1,"allocPDFRAME"
-"event",3,8217344,"alloc","ok","phys",2,"",0,0000000000001004,0000000000020000,0000000000020000,5000,8192,1,2,"x"
-"event",4,8217344,"phys_addref","ok","phys",2,"t",1,,0000000000021FFF,0000000000020000,5000,8192,2,2,"mid"
-"event",5,8217344,"phys_addref","missing","phys",0,"t",1,,0000000000022000,,0,0,2,2,"past"
-"event",6,8217344,"DFRAME_FREE","call","local",2,"c",2,0000000000001004,,0000000000020000,18446744073709551615,0,2,2,"flags=0x8000000B param1=-1 param2=0x0000000000000000 sysheap"
-"event",7,8217344,"DFRAME_UNKNOWN","call","dframe",0,"",0,,,,5,0,0,2,"flags=0x00000107 param1=5 param2=0x00000000000000AB"
-"event",8,8217344,"phys_swapref_owner","ok","phys",2,"s",3,,0000000000020000,0000000000020000,5000,8192,2,2,"first"
-"event",9,8217344,"phys_swapref_owner","missing","phys",0,"s",3,0000000000001004,,,0,0,2,2,"no data"
-"event",10,8217344,"phys_free","deref","phys",2,"r",4,,0000000000020001,0000000000020000,5000,8192,1,2,"deref"
-"problem",11,8217344,"phys_free_missing","problem","phys",2,")" +
-        m100 + R"(",5,,0000000000020000,0000000000020000,1,2,0,2,"p"
-"summary",12,8217344,"snapshot","ok","session",0,"brenvole",0,,,,0,0,0,2,"reason=phys_free_missing)" +
-        counters + R"(
-"active",13,8217344,"outstanding","active","phys",2,"",0,,0000000000020000,0000000000020000,5000,8192,0,2,"alloc_site=:0 last_site=)" +
-        m95 + R"(:5 alloc_event=3 last_event=11"
-"active",14,8217344,"outstanding","active","dframe",1,"a""b c",7,0000000000001004,0000000000001004,0000000000001000,8480,8484,1,2,)" +
-        head + R"(
-"event",15,8217344,"phys_free","missing","local",0,"r",4,,0000000000020000,,0,0,0,2,"wrong kind"
-"event",16,8217344,"phys_free","release","phys",2,"r",6,,0000000000020000,0000000000020000,5000,8192,-1,2,"release"
-"summary",17,8217344,"snapshot","ok","session",0,"brenvole",0,,,,0,0,0,1,"reason=atexit)" +
-        counters + R"(
-"active",18,8217344,"outstanding","active","dframe",1,"a""b c",7,0000000000001004,0000000000001004,0000000000001000,8480,8484,1,1,)" +
-        head + R"(
-"meta",19,8217344,"trace_close","ok","session",0,"brenvole",0,,,,0,0,0,1,"atexit")";
-    EXPECT_EQ(contentOf(file), expected);
+    EXPECT_EQ(contentOf(file), expected("trace_rows.csv", file));
+}
+
+// ---- every operation's rows
+// ----------------------------------------------------------------------------------------
+
+// Blocks from a place that is the same in each run, none given out twice, so that a file can be told in advance. One
+// size or one block can be made to throw.
+constexpr uintptr_t kArena = 0x20000000; // where every sanitizer leaves a program its memory
+constexpr std::size_t kArenaBytes = 32 << 20;
+uintptr_t arenaNext = kArena;
+uint32_t throwAtSize = 0;
+const void *throwAtBlock = nullptr;
+
+void useArena() {
+    if (mmap(reinterpret_cast<void *>(kArena), kArenaBytes, PROT_READ | PROT_WRITE,
+             MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0) == MAP_FAILED) {
+        _exit(2);
+    }
+    replaceAlloc = [](uint32_t size) -> void * {
+        if (size == throwAtSize) { throw 1; }
+        return reinterpret_cast<void *>(std::exchange(arenaNext, (arenaNext + size + 4095) / 4096 * 4096));
+    };
+    replaceFree = [](void *block) {
+        if (block == throwAtBlock) { throw 1; }
+    };
+}
+
+// A command whose call site is a line of its own.
+uint32_t callLine = 0;
+uint64_t call(uint32_t command, PDFRAME *frame = nullptr, int64_t param1 = 0, PDFRAME *source = nullptr) {
+    const uintptr_t param2 = source != nullptr ? reinterpret_cast<uintptr_t>(source)
+                                               : uintptr_t{(command & 0xFF) == DFRAME_ALLOC ? 8500u : 0u};
+    return DFrameMemTrace(command, param1, param2, frame, "area", ++callLine);
+}
+
+PHALLOC *localOf(const DFRAME *frame) { return LHEAP_Find(frameData(frame)); }
+
+// Frames that must lie where they do in every run: their addresses are told by `param2`.
+PDFRAME *const frames = reinterpret_cast<PDFRAME *>(kArena);
+
+void localEvents() {
+    constexpr uint32_t kLocal = DFRAME_FLAG_SYSHEAP;
+    PDFRAME &big = frames[0], &small = frames[1], &shared = frames[2], &other = frames[3];
+    call(DFRAME_DUMP | kLocal);
+    call(DFRAME_ALLOC | kLocal, &big, 1000000);
+    call(DFRAME_ADDREF, &big);
+    shared = big;
+    call(DFRAME_FREE, &shared);
+    call(DFRAME_ALLOC | kLocal, &small, 5000);
+    PHALLOC *const cached = localOf(big);
+    call(DFRAME_FREE, &big); // into the cache
+    LHEAP_Free(cached, "again", 1);
+    call(DFRAME_DUP_FREE, &shared, 0, &small);
+    call(DFRAME_FREE, &shared);
+    call(DFRAME_ALLOC | kLocal, &other, 6000);
+    call(DFRAME_SWAP, &other, 0, &small);
+    PHALLOC *const descriptor = localOf(small);
+    descriptor->dwGuard1 = 0;
+    LHEAP_Free(descriptor, "guard", 1);
+    descriptor->dwGuard1 = kLocalGuard1;
+    descriptor->pSelf = nullptr;
+    LHEAP_Free(descriptor, "self", 1);
+    descriptor->pSelf = descriptor;
+    call(DFRAME_FREE, &small);
+    LHEAP_Alloc(5, nullptr, "null", 1);
+    LHEAP_Alloc(0, other, "zero", 1);
+    LHEAP_Free(nullptr, "null", 2);
+    throwAtBlock = reinterpret_cast<const void *>(localOf(other)->lpAddr);
+    call(DFRAME_FREE, &other);
+    throwAtSize = 24704; // a local block of the least size
+    call(DFRAME_ALLOC | kLocal, &other, 100);
+    throwAtSize = 0;
+    call(DFRAME_CLOSE | kLocal); // the pool that the other attempt has made
+    LHEAP_Alloc(9, reinterpret_cast<PDFRAME>(16), "unwritable", 1);
+}
+
+void failures() {
+    PDFRAME &frame = frames[0], &shared = frames[1];
+    failNth(1, true);
+    call(DFRAME_ALLOC, &frame, 100);
+    failNth(2); // no entry for the header
+    call(DFRAME_ALLOC, &frame, 100);
+    call(DFRAME_FREE, &frame);
+    failNth(3, true); // no data
+    call(DFRAME_ALLOC | DFRAME_FLAG_SYSHEAP, &frame, 100);
+    failNth(0);
+    call(DFRAME_ALLOC, &frame, 100);
+    failNth(1);
+    call(DFRAME_DUP_FREE, &shared, 0, &frame);
+    frame->dwBytesUsed = 9999;
+    frame->lpData = reinterpret_cast<uint8_t *>(16);
+    call(DFRAME_FREE, &frame);
+    heapHelpFreeDFrame(&frame, "gone", 1);
+    freePDFRAME(nullptr, "gone", 2);
+}
+
+void poolEvents() {
+    PDFRAME &one = frames[0], &two = frames[1], &three = frames[2];
+    call(DFRAME_RESET, nullptr, 1 << 20);
+    call(DFRAME_ALLOC, &one, 10000);
+    call(DFRAME_ALLOC, &two, 10000);
+    call(DFRAME_ADDREF, &one);
+    call(DFRAME_DUP_FREE, &three, 0, &one);
+    one->lpData += 100;
+    call(DFRAME_FINDALLOC, &one);
+    call(DFRAME_FIXALLOC, &one);
+    call(DFRAME_SWAP, &one, 0, &two);
+    call(DFRAME_RESIZE, &two, 20000);
+    call(DFRAME_ISBRENVOLE, &two);
+    call(DFRAME_LARGEST, &three);
+    three = one;
+    call(DFRAME_FREE, &one);
+    call(DFRAME_FREE, &three);
+    call(DFRAME_DUMP);
+    call(DFRAME_CLOSE); // with the block of `two`
+    call(4);
+}
+
+void heapProblems() {
+    const uint64_t base = uint64_t{1} << 40;
+    constexpr uint64_t kBytes = 4097 * 4096; // a heap that debug builds don't check at each step
+    uint64_t size = 5;
+    uint64_t nowhere = base + kBytes;
+    const uint64_t null = 0;
+    uint64_t owner = 0xA0;
+    DFHEAP *const heap = DFHEAP_Create(0, base, kBytes, 4096, 8192);
+    const auto alloc = [&](uint64_t bytes) {
+        size = bytes;
+        return DFHEAP_Alloc(heap, &size, ++owner, nullptr);
+    };
+    DFHEAP_Alloc(nullptr, &size, owner, nullptr);
+    alloc(0);
+    alloc(UINT64_MAX);
+    alloc(kBytes + 1);
+    const uint64_t all = alloc(kBytes);
+    alloc(1);
+    DFHEAP_Free(heap, all, nullptr);
+    failNth(1);
+    alloc(4096);
+    throwAtSize = sizeof(PHALLOC);
+    alloc(4096);
+    throwAtSize = 0;
+    const uint64_t low = alloc(12288), high = alloc(4096);
+    DFHEAP_AddRef(heap, 0, nullptr);
+    DFHEAP_AddRef(heap, nowhere, nullptr);
+    DFHEAP_FindAlloc(heap, nullptr);
+    DFHEAP_FindAlloc(heap, &null);
+    DFHEAP_FindAlloc(heap, &nowhere);
+    DFHEAP_FixAlloc(nullptr, &nowhere);
+    DFHEAP_FixAlloc(heap, &nowhere);
+    DFHEAP_SwapRef(heap, 0, 0xB1, low, 0xB2);
+    DFHEAP_SwapRef(heap, low, 0xB1, nowhere, 0xB2);
+    PHALLOC *const record = _DFHEAP_FindAlloc(heap, low);
+    record->lRefCount = 0;
+    DFHEAP_AddRef(heap, low, nullptr);
+    DFHEAP_Free(heap, low, nullptr);
+    record->lRefCount = 2;
+    DFHEAP_FreeTrace(heap, low, nullptr, "free", 1);
+    DFHEAP_Free(nullptr, low, nullptr);
+    DFHEAP_Free(heap, 0, nullptr);
+    DFHEAP_Free(heap, nowhere, nullptr);
+    throwAtBlock = _DFHEAP_FindAlloc(heap, high);
+    DFHEAP_Free(heap, high, nullptr);
+    throwAtBlock = nullptr;
+    const uint64_t above = alloc(12288); // behind `low`; then books that no heap has, so that sizes don't add up
+    DFHEAP_Free(heap, low, nullptr);
+    physRecord(d_ListTail(&heap->FreeList))->qwSize = UINT64_MAX - 5;
+    DFHEAP_Free(heap, above, nullptr);
+    const uint64_t again = alloc(12288);
+    physRecord(d_ListHead(&heap->FreeList))->qwSize = UINT64_MAX - 5;
+    DFHEAP_Free(heap, again, nullptr);
+    alloc(4096);
+    alloc(8192);
+    DFHEAP_Destroy(heap);
+}
+
+TEST_F(TraceFile, EveryEvent) {
+    inProcess([] {
+        const FakeSystem system;
+        useArena();
+        arenaNext += 4096; // behind the frames
+        localEvents();
+        failures();
+        poolEvents();
+        heapProblems();
+        DllMain(nullptr, 0, nullptr);
+        call(DFRAME_TOTAL); // no row any more
+    });
+    EXPECT_EQ(contentOf(file), expected("trace_events.csv", file));
 }
 
 TEST_F(TraceFile, SourcesInTheirOrder) {

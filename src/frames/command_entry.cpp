@@ -2,6 +2,7 @@
 #include "frames.h"
 
 #include "local/dfmem_lock.h"
+#include "trace/trace.h"
 
 namespace brenvole {
 
@@ -16,6 +17,24 @@ void frameReportOverwrite(const DFRAME *frame, const char *text) {
     }
 }
 
+namespace {
+
+constexpr uint32_t kCommandBits = 0xFF;
+
+// True for the commands whose ppDF leads to a frame. For some of the others it leads to a figure, or anywhere.
+bool takesFrame(uint32_t number) {
+    return (number >= DFRAME_ISLOCAL && number <= DFRAME_ISBRENVOLE) || number == DFRAME_FINDALLOC;
+}
+
+void traceCommand(uint32_t command, int64_t param1, uintptr_t param2, PDFRAME *ppDF, const char *msgarea,
+                  uint32_t line) {
+    const DFRAME *const frame = takesFrame(command & kCommandBits) && ppDF != nullptr ? *ppDF : nullptr;
+    const void *const data = frame != nullptr ? frame->lpData : nullptr;
+    TraceCall(command, param1, tracePointer(param2), frame, data, msgarea, line);
+}
+
+} // namespace
+
 } // namespace brenvole
 
 using namespace brenvole;
@@ -26,9 +45,10 @@ uint64_t DFrameMem(uint32_t command, int64_t param1, uintptr_t param2, PDFRAME *
 
 uint64_t DFrameMemTrace(uint32_t command, int64_t param1, uintptr_t param2, PDFRAME *ppDF, const char *msgarea,
                         uint32_t line) {
-    constexpr uint32_t kCommandBits = 0xFF;
     dfmemLockCreate(); // first, whatever the command
-    // The trace hooks in here, before the command runs.
+    if (TraceIsEnabled() != 0) {
+        traceCommand(command, param1, param2, ppDF, msgarea, line);
+    }
     switch (command & kCommandBits) {
     case DFRAME_TOTAL: return commandTotal(command);
     case DFRAME_LARGEST: return commandLargest(command, ppDF);

@@ -2,6 +2,7 @@
 #include "frames.h"
 
 #include "local/local_heap.h"
+#include "trace/trace.h"
 
 int DllMain(void *, uint32_t reason, void *) {
     constexpr uint32_t kProcessDetach = 0;
@@ -9,7 +10,7 @@ int DllMain(void *, uint32_t reason, void *) {
     if (reason == kProcessDetach) {
         brenvole::mainPoolDetach();
         brenvole::LHEAP_DropCache();
-        // The trace closes last.
+        brenvole::TraceClose("DllMainDetach"); // last: it tells what the others have left
     }
     return kTrue;
 }

@@ -3,6 +3,7 @@
 #include "frames.h"
 
 #include "local/local_heap.h"
+#include "trace/trace.h"
 
 #include <algorithm>
 
@@ -96,6 +97,8 @@ uint64_t dupShared(const DFRAME *source, PDFRAME *ppDF, const char *msgarea, uin
     if (destination == nullptr) { // 1
         destination = allocPDFRAME(frameCopySize(source), msgarea, line);
         if (destination == nullptr) {
+            TraceProblem("dupfree_dframe_alloc_failed", nullptr, nullptr, frameCopySize(source), 0, 0, msgarea, line,
+                         "DFrameDupFree unable to allocate DFrame header");
             return frameRefuse(DFMEM_E_OUTOFMEMORY, "DFRAME_DUP_FREE2|pDF==NULL(0x%lX)");
         }
     } else if (destination->lpData != nullptr) { // 2
@@ -109,7 +112,7 @@ uint64_t dupShared(const DFRAME *source, PDFRAME *ppDF, const char *msgarea, uin
         copyForeignData(destination, source, msgarea, line);
         return 0;
     }
-    const int32_t result = frameAddRefData(source, place, msgarea, line);
+    const int32_t result = frameAddRefData(source, place, msgarea, line, "DFrameDupFree local addref");
     if (result == -1) {
         freePDFRAME(ppDF, msgarea, line); // sets it to null
     }

@@ -1,6 +1,8 @@
 // DFRAME_ALLOC, DFRAME_FREE and DFRAME_ADDREF.
 #include "frames.h"
 
+#include "trace/trace.h"
+
 #include <cmath>
 
 namespace brenvole {
@@ -71,12 +73,14 @@ uint64_t commandAddRef(PDFRAME *ppDF, const char *msgarea, uint32_t line) {
         return frameRefuse(DFMEM_E_OUTOFMEMORY, "pDF->lpData==NULL(0x%lX)");
     }
     frameReportOverwrite(frame, "DFrameAddRef memory overwrite");
-    addRefPDFRAME(frame);
+    const uint32_t references = addRefPDFRAME(frame);
+    TraceTouch("dframe_addref", "dframe", frame, frame, static_cast<int32_t>(references), msgarea, line,
+               "DFrameAddRef header");
     const DataPlace place = framePlace(frame);
     if (!place.known()) {
         return frameRefuse(DFMEM_E_FAILED, "Unable to AddRef(0x%lX)");
     }
-    return static_cast<uint32_t>(frameAddRefData(frame, place, msgarea, line)); // -1 in 32 bits
+    return static_cast<uint32_t>(frameAddRefData(frame, place, msgarea, line, "DFrameAddRef local")); // -1 in 32 bits
 }
 
 } // namespace brenvole

@@ -5,6 +5,7 @@
 #include "frames.h"
 
 #include "local/local_heap.h"
+#include "trace/trace.h"
 
 #include <algorithm>
 
@@ -64,6 +65,8 @@ uint32_t heapHelpAllocDFrame(PDFRAME *ppDF, uint64_t recordSize, uint64_t dataSi
         if (frame == nullptr) {
             *ppDF = nullptr;
             ErrOut("heapHelpAllocDFrame(pDF==NULL)(0x%lX)", DFMEM_E_OUTOFMEMORY);
+            TraceProblem("dframe_alloc_failed", nullptr, nullptr, recordSize, 0, 0, msgarea, line,
+                         "unable to allocate DFrame header");
             return DFMEM_E_OUTOFMEMORY;
         }
     }
@@ -74,6 +77,8 @@ uint32_t heapHelpAllocDFrame(PDFRAME *ppDF, uint64_t recordSize, uint64_t dataSi
         }
         if (frame->lpData == nullptr && !placeLocally(frame, dataSize, msgarea, line)) { // 5
             ErrOut("LocalHeap:  DFrame failed request size = %ld.", static_cast<uint32_t>(dataSize));
+            TraceProblem("dframe_local_alloc_failed", frame, nullptr, dataSize, 0, 0, msgarea, line,
+                         "LHEAP_Alloc returned NULL");
             freePDFRAME(&frame, msgarea, line);
             *ppDF = nullptr;
             return DFMEM_E_OUTOFMEMORY;
@@ -91,16 +96,22 @@ int32_t heapHelpFreeDFrame(PDFRAME *ppDF, const char *msgarea, uint32_t line) {
     const DFRAME *const frame = *ppDF;
     if (frame == nullptr) {
         ErrOut("heapHelpFreeDFrame called with NULL pDF");
+        TraceProblem("dframe_free_null", nullptr, nullptr, 0, 0, 0, msgarea, line,
+                     "heapHelpFreeDFrame called with NULL pDF");
         return -1;
     }
     if (frameOverwritten(frame)) {
         ErrOut("heapHelpFreeDFrame: buffer overwrite detected (used=%d, length=%d)", frame->dwBytesUsed,
                frame->dwBufferLength);
+        TraceProblem("dframe_free_overwrite", frame, frame->lpData, frame->dwBytesUsed, frame->dwBufferLength, 0,
+                     msgarea, line, "dwBytesUsed exceeds dwBufferLength");
     }
     int32_t result = 0;
     if (frame->lpData != nullptr && !frameIsCustom(frame) && !frameReleaseData(frame, msgarea, line)) {
         ErrFmtOut(QX_WARNING, 0, 0, "WARNING(dfmem): %s\n", "Unable to free DFrame allocation! ");
         ErrOut("NO-Free(0x%08lX-%ld) ", static_cast<uint32_t>(frameData(frame)), frame->dwBufferLength);
+        TraceProblem("dframe_data_free_missing", frame, frame->lpData, 0, frame->dwBufferLength, 0, msgarea, line,
+                     "DFrame data was not found in phys or local heap");
         result = -2;
     }
     freePDFRAME(ppDF, msgarea, line); // the header goes even when the data wasn't found

@@ -3,6 +3,7 @@
 
 #include "local/dfmem_lock.h"
 #include "local/live_frames.h"
+#include "trace/trace.h"
 #include "util/guard.h"
 #include "util/hold.h"
 
@@ -63,31 +64,40 @@ void frameCopyBody(PDFRAME destination, const DFRAME *source) {
     }
 }
 
-PDFRAME allocPDFRAME(uint32_t size, [[maybe_unused]] const char *msgarea, [[maybe_unused]] uint32_t line) {
+PDFRAME allocPDFRAME(uint32_t size, const char *msgarea, uint32_t line) {
     const uint32_t recordSize = std::max(size, DFRAME_SIZE);
     FrameBlock *volatile block = nullptr;
     PDFRAME volatile frame = nullptr;
     if (!qxGuarded([&] { makeHeader(recordSize, block, frame); }) && frame == nullptr && block != nullptr) {
         qxGuarded([&] { QXFree(block); }); // what was caught is dropped, the block is not
     }
+    if (frame != nullptr) {
+        TraceAlloc("dframe", frame, frame, frameBlockOf(frame), size, uint64_t{recordSize} + kCountBytes, 1, msgarea,
+                   line, "allocPDFRAME");
+    }
     return frame;
 }
 
-int32_t freePDFRAME(PDFRAME *ppDF, [[maybe_unused]] const char *msgarea, [[maybe_unused]] uint32_t line) {
+int32_t freePDFRAME(PDFRAME *ppDF, const char *msgarea, uint32_t line) {
     if (ppDF == nullptr || *ppDF == nullptr) {
         ErrFmtOut(QX_CAUTION, 0, 0, "CAUTION(dfmem): %s\n", "Lost frame header memory allocation");
+        TraceProblem("dframe_free_missing", nullptr, nullptr, 0, 0, 0, msgarea, line,
+                     "freePDFRAME called without a frame");
         return -1;
     }
-    FrameBlock *const block = frameBlockOf(*ppDF);
+    PDFRAME const frame = *ppDF;
+    FrameBlock *const block = frameBlockOf(frame);
     uint32_t left = 0;
     {
         // Test and change are one step: of two threads that drop the last two references, one sees the 1.
         const QXHold hold(dfmemLock);
         left = --block->dwRefCount;
     }
+    TraceRelease("dframe_free", "dframe", frame, frame, static_cast<int32_t>(left), msgarea, line,
+                 left == 0 ? "freePDFRAME release" : "freePDFRAME deref");
     if (left == 0) {
-        const uint32_t recordSize = block->frame.dwSize;
-        liveFrameLeave(reinterpret_cast<uintptr_t>(&block->frame));
+        const uint32_t recordSize = frame->dwSize;
+        liveFrameLeave(reinterpret_cast<uintptr_t>(frame));
         QXFree(block);
         const QXHold hold(dfmemLock);
         dfmemUncount<uint64_t>(dframes, 1);
@@ -97,9 +107,9 @@ int32_t freePDFRAME(PDFRAME *ppDF, [[maybe_unused]] const char *msgarea, [[maybe
     return static_cast<int32_t>(left);
 }
 
-void addRefPDFRAME(PDFRAME frame) {
+uint32_t addRefPDFRAME(PDFRAME frame) {
     const QXHold hold(dfmemLock);
-    ++frameBlockOf(frame)->dwRefCount;
+    return ++frameBlockOf(frame)->dwRefCount;
 }
 
 } // namespace brenvole

@@ -107,8 +107,9 @@ PDFRAME allocPDFRAME(uint32_t size, const char *msgarea, uint32_t line);
  *  @return references left; 0 if the header is gone; -1 if there was no frame */
 int32_t freePDFRAME(PDFRAME *ppDF, const char *msgarea, uint32_t line);
 
-/** Adds one reference to the header. */
-void addRefPDFRAME(PDFRAME frame);
+/** Adds one reference to the header.
+ *  @return references there are now */
+uint32_t addRefPDFRAME(PDFRAME frame);
 
 /** Gives a frame a data buffer, and makes the frame if *ppDF is null. An existing frame's old data is released
  *  first.
@@ -150,8 +151,10 @@ uint32_t frameReadable(const DFRAME *frame, const DataPlace &place);
 bool frameReleaseData(const DFRAME *frame, const char *msgarea, uint32_t line);
 
 /** Adds one reference to data of a known place.
+ *  @param detail  for the trace, of data in the local heap
  *  @return 0, or -1 if the pool has no block there */
-int32_t frameAddRefData(const DFRAME *frame, const DataPlace &place, const char *msgarea, uint32_t line);
+int32_t frameAddRefData(const DFRAME *frame, const DataPlace &place, const char *msgarea, uint32_t line,
+                        const char *detail);
 
 /** Brings lpData to the start of its block.
  *  @return false if neither heap knows the pointer */

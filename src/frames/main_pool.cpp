@@ -10,6 +10,7 @@
 #include "frames.h"
 
 #include "local/local_heap.h"
+#include "trace/trace.h"
 #include "util/hold.h"
 
 #include <algorithm>
@@ -221,7 +222,7 @@ uint64_t commandClose(uint32_t command) {
     mainPoolSize = kDefaultPool; // 5
     mainGranularity = kDefaultGranularity;
     mainSmallest = kDefaultSmallest;
-    // 6. The trace writes a snapshot here.
+    TraceSnapshot("DFrameClose"); // 6
     return 0;
 }
 

@@ -5,6 +5,7 @@
 
 #include "local/dfmem_lock.h"
 #include "local/local_heap.h"
+#include "trace/trace.h"
 #include "util/hold.h"
 
 #include <algorithm>
@@ -63,12 +64,22 @@ bool frameReleaseData(const DFRAME *frame, const char *msgarea, uint32_t line) {
     return place.known();
 }
 
-int32_t frameAddRefData(const DFRAME *frame, const DataPlace &place, const char *msgarea, uint32_t line) {
+int32_t frameAddRefData(const DFRAME *frame, const DataPlace &place, const char *msgarea, uint32_t line,
+                        const char *detail) {
     if (place.inPool) {
         return DFHEAP_AddRefTrace(mainHeap, frameData(frame), nullptr, msgarea, line);
     }
-    const QXHold hold(dfmemLock);
-    qxOSInterlockedIncrement(&place.local->lRefCount);
+    PHALLOC *const descriptor = place.local;
+    int32_t count = 0;
+    uint64_t owner = 0;
+    {
+        const QXHold hold(dfmemLock);
+        qxOSInterlockedIncrement(&descriptor->lRefCount);
+        count = descriptor->lRefCount;
+        owner = descriptor->pOwner;
+    }
+    TraceTouch("local_addref", "local", tracePointer(owner), LHEAP_DataStart(descriptor), count, msgarea, line,
+               detail);
     return 0;
 }
 

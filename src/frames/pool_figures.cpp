@@ -2,6 +2,8 @@
 // local side: what a pool of the size to be tried next would hold beside the local blocks.
 #include "frames.h"
 
+#include "trace/trace.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -53,7 +55,7 @@ uint64_t commandDump(uint32_t command) {
     if (::DFHEAP *const heap = askedHeap(command)) {
         _DFHEAP_DumpList(heap);
     }
-    // The trace writes a snapshot here.
+    TraceSnapshot("DFrameDump");
     return 0;
 }
 

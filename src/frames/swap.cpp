@@ -3,6 +3,8 @@
 #include "frames.h"
 
 #include "local/dfmem_lock.h"
+#include "local/local_heap.h"
+#include "trace/trace.h"
 #include "util/guard.h"
 
 #include <algorithm>
@@ -68,6 +70,11 @@ uint64_t exchangeOwners(const Swapping &swapping) {
     return 0;
 }
 
+void traceOwner(const Swapping &swapping, const PHALLOC *descriptor, const char *detail) {
+    TraceSwapOwner("local_swapref_owner", "local", tracePointer(descriptor->pOwner), LHEAP_DataStart(descriptor),
+                   descriptor->lRefCount, swapping.msgarea, swapping.line, detail);
+}
+
 // Both in the local heap. Each count stays with its frame, each owner follows the buffer. What is caught under the
 // lock is dropped, and the buffers change frames all the same.
 void exchangeDescriptors(const Swapping &swapping, PHALLOC *ofSource, PHALLOC *ofTarget) {
@@ -78,6 +85,8 @@ void exchangeDescriptors(const Swapping &swapping, PHALLOC *ofSource, PHALLOC *o
         ofTarget->lRefCount = count;
         ofTarget->pOwner = reinterpret_cast<uintptr_t>(swapping.source);
         ofSource->pOwner = reinterpret_cast<uintptr_t>(swapping.target);
+        traceOwner(swapping, ofTarget, "DFrameSwap local target");
+        traceOwner(swapping, ofSource, "DFrameSwap local source");
     });
     qxOSLeaveCriticalSection(&dfmemLock);
     exchangeBuffers(swapping.source, swapping.target);

@@ -2,6 +2,7 @@
 
 #include "dfmem_lock.h"
 #include "local_block.h"
+#include "trace/trace.h"
 #include "util/guard.h"
 #include "util/hold.h"
 
@@ -72,6 +73,9 @@ void giveBack(char *block) {
 struct Making {
     PDFRAME pDF;
     uint32_t size; // the effective size
+    uint32_t wanted;
+    const char *msgarea;
+    uint32_t line;
     volatile bool locked = false;
     char *volatile block = nullptr; // obtained and not yet handed out
     uint8_t *volatile result = nullptr;
@@ -115,8 +119,14 @@ PHALLOC *writeDescriptor(const Making &making) {
     return descriptor;
 }
 
+// Lock held.
+void traceHandedOut(const Making &making, const PHALLOC *descriptor) {
+    TraceAlloc("local", making.pDF, LHEAP_DataStart(descriptor), tracePointer(descriptor->lpAddr), making.wanted,
+               descriptor->qwSize, descriptor->lRefCount, making.msgarea, making.line, "LHEAP_Alloc");
+}
+
 // Step 7: the frame gets its data. The store stands first, since it alone can fault: then nothing was counted.
-void handOut(Making &making) {
+void handOut(Making &making, const PHALLOC *descriptor) {
     enter(making);
     const bool whole = qxGuarded([&] {
         const_cast<volatile DFRAME *>(making.pDF)->lpData = dataOf(making.block);
@@ -125,8 +135,13 @@ void handOut(Making &making) {
         dfmemCount<uint64_t>(local_allocs, 1);
         dfmemCount(localBytes, making.size);
     });
-    if (!whole) {
+    if (whole) {
+        traceHandedOut(making, descriptor);
+    } else {
         warn("Exception settinging local audio video memory");
+        TraceProblem("local_alloc_set_exception", making.pDF, LHEAP_DataStart(descriptor), making.wanted,
+                     descriptor->qwSize, descriptor->lRefCount, making.msgarea, making.line,
+                     "exception setting local DFrame data");
     }
     leave(making);
     making.result = making.pDF->lpData; // step 8
@@ -138,10 +153,13 @@ void makeBlock(Making &making) {
         making.block = static_cast<char *>(QXAlloc(blockSizeOf(making.size)));
     }
     if (making.block == nullptr) { // 5: the callers report
+        TraceProblem("local_alloc_failed", making.pDF, nullptr, making.wanted, making.size, 0, making.msgarea,
+                     making.line, "QXAlloc failed for local DFrame data");
         return;
     }
-    localRemember(writeDescriptor(making));
-    handOut(making);
+    PHALLOC *const descriptor = writeDescriptor(making);
+    localRemember(descriptor);
+    handOut(making, descriptor);
 }
 
 // A block that a fault has kept from its frame. Its descriptor must not be found once the block is released; the
@@ -159,6 +177,8 @@ void dropUnused(Making &making) {
 
 struct Releasing {
     PHALLOC *pHA;
+    const char *msgarea;
+    uint32_t line;
     volatile bool locked = false;
     volatile bool counted = false;
     volatile int32_t count = -1; // references left, as read under the lock; valid if counted
@@ -178,29 +198,44 @@ void replaceCached(char *block, uint32_t size) {
     }
 }
 
+void traceRefused(const Releasing &releasing, const char *action, const char *detail) {
+    TraceProblem(action, nullptr, releasing.pHA, 0, 0, releasing.pHA->lRefCount, releasing.msgarea, releasing.line,
+                 detail);
+}
+
 // Steps 2 to 8.
 int32_t release(Releasing &releasing) {
     PHALLOC *const pHA = releasing.pHA;
     if (!localGuardsHold(pHA)) { // 2
         ErrOut("LHEAP_Free: PHALLOC magic corrupted - possible overwrite at 0x%p", static_cast<void *>(pHA));
+        traceRefused(releasing, "local_free_magic_corrupt", "PHALLOC magic corrupted");
         return -1;
     }
     if (pHA->pSelf != pHA) { // 3
         ErrOut("LHEAP_Free: PHALLOC self-pointer corrupted at 0x%p", static_cast<void *>(pHA));
+        traceRefused(releasing, "local_free_self_corrupt", "PHALLOC self pointer corrupted");
         return -1;
     }
-    const auto size = static_cast<uint32_t>(pHA->qwSize); // 4
+    const uint64_t whole = pHA->qwSize; // 4
+    const auto size = static_cast<uint32_t>(whole);
+    const uint64_t owner = pHA->pOwner; // the block may be gone when the trace tells of it
     auto *const block = reinterpret_cast<char *>(pHA->lpAddr);
+    const auto traceFreed = [&](const char *action, int32_t count, const char *detail) {
+        TraceRelease(action, "local", tracePointer(owner), dataOf(block), count, releasing.msgarea, releasing.line,
+                     detail);
+    };
     enter(releasing);
     qxOSInterlockedDecrement(&pHA->lRefCount);
     releasing.count = pHA->lRefCount;
     releasing.counted = true;
     if (releasing.count > 0) { // 5
         leave(releasing);
+        traceFreed("local_free", releasing.count, "LHEAP_Free deref");
         return releasing.count;
     }
     if (size > lastBigAllocSize) { // 6
         replaceCached(block, size);
+        traceFreed("local_cache_save", 0, "LHEAP_Free saved local allocation cache");
         leave(releasing);
         return 0;
     }
@@ -208,6 +243,8 @@ int32_t release(Releasing &releasing) {
         ErrOut("BRENVOLE:Attempt to free last big alloc ");
         lastBigAllocSize = size;
         leave(releasing);
+        TraceProblem("local_free_cached_again", tracePointer(owner), dataOf(block), 0, whole, releasing.count,
+                     releasing.msgarea, releasing.line, "attempt to free cached local allocation twice");
         return 0;
     }
     qxGuarded([&] { // 8
@@ -215,6 +252,7 @@ int32_t release(Releasing &releasing) {
         uncount(size);
     });
     leave(releasing);
+    traceFreed("local_free", 0, "LHEAP_Free release");
     giveBack(block);
     return 0;
 }
@@ -229,23 +267,27 @@ int32_t countAfterFault(Releasing &releasing) {
 
 } // namespace
 
-uint8_t *LHEAP_Alloc(uint32_t size, PDFRAME pDF, [[maybe_unused]] const char *msgarea,
-                     [[maybe_unused]] uint32_t line) {
+uint8_t *LHEAP_Alloc(uint32_t size, PDFRAME pDF, const char *msgarea, uint32_t line) {
     if (pDF == nullptr) { // 1
         ErrOut("LHEAP_Alloc called with NULL pDF");
+        TraceProblem("local_alloc_no_dframe", nullptr, nullptr, size, 0, 0, msgarea, line,
+                     "LHEAP_Alloc called with NULL pDF");
         return nullptr;
     }
     if (size == 0) { // 2
         ErrOut("LHEAP_Alloc called with zero size");
+        TraceProblem("local_alloc_zero", pDF, nullptr, 0, 0, 0, msgarea, line, "LHEAP_Alloc called with zero size");
         return nullptr;
     }
-    Making making{pDF, size};
+    Making making{.pDF = pDF, .size = size, .wanted = size, .msgarea = msgarea, .line = line};
     takeCached(making); // 3
     if (!qxGuarded([&] { makeBlock(making); })) {
         warnOfFault("Exception allocating local audio video memory");
         if (making.locked) {
             leave(making);
         }
+        TraceProblem("local_alloc_exception", pDF, nullptr, size, 0, 0, msgarea, line,
+                     "exception allocating local DFrame data");
         qxGuarded([&] { making.result = pDF->lpData; });
     }
     if (making.block != nullptr) {
@@ -254,18 +296,20 @@ uint8_t *LHEAP_Alloc(uint32_t size, PDFRAME pDF, [[maybe_unused]] const char *ms
     return making.result;
 }
 
-int32_t LHEAP_Free(PHALLOC *pHA, [[maybe_unused]] const char *msgarea, [[maybe_unused]] uint32_t line) {
+int32_t LHEAP_Free(PHALLOC *pHA, const char *msgarea, uint32_t line) {
     if (pHA == nullptr) { // 1
         ErrOut("LHEAP_Free called with NULL pHA");
+        TraceProblem("local_free_null", nullptr, nullptr, 0, 0, 0, msgarea, line, "LHEAP_Free called with NULL pHA");
         return -1;
     }
-    Releasing releasing{pHA};
+    Releasing releasing{.pHA = pHA, .msgarea = msgarea, .line = line};
     volatile int32_t result = -1;
     if (!qxGuarded([&] { result = release(releasing); })) {
         warnOfFault("Exception freeing audio video memory");
         if (releasing.locked) {
             leave(releasing);
         }
+        TraceProblem("local_free_exception", nullptr, pHA, 0, 0, 0, msgarea, line, "exception in LHEAP_Free");
         result = countAfterFault(releasing);
     }
     return result;

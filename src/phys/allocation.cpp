@@ -6,12 +6,23 @@
 #include "heap.h"
 
 #include "local/counters.h"
+#include "trace/trace.h"
 #include "util/guard.h"
 #include "util/hold.h"
 
 namespace brenvole {
 
 namespace {
+
+// Why there is no block, as the trace tells it.
+struct NoBlock {
+    const char *action;
+    const char *detail;
+};
+constexpr NoBlock kNoFree{"phys_alloc_no_free", "no free list entries"};
+constexpr NoBlock kNoFit{"phys_alloc_no_fit", "no free segment large enough"};
+constexpr NoBlock kNoRecord{"phys_alloc_descriptor_failed", "unable to allocate or remove PHALLOC descriptor"};
+constexpr NoBlock kException{"phys_alloc_exception", "exception in DFHEAP_Alloc"};
 
 // What the guarded work shares with the recovery from a fault. `record` is the new block's; until it stands on
 // AllocList it is ours alone.
@@ -24,6 +35,7 @@ struct Carving {
     volatile bool listLocked = false;
     volatile bool whole = false; // the record is a segment that was taken off FreeList
     volatile bool done = false;
+    const NoBlock *volatile noBlock = &kException; // unless the work says otherwise, or ends well
 
     bool fromBottom() const { return size > heap->qwSmallest; }
 };
@@ -101,15 +113,18 @@ bool split(Carving &carving, PHALLOC *segment) {
 void carve(Carving &carving) {
     PHALLOC *const segment = findSegment(carving);
     if (segment == nullptr) {
+        carving.noBlock = d_ListHead(&carving.heap->FreeList) == nullptr ? &kNoFree : &kNoFit;
         return;
     }
     const bool exact = segment->qwSize - carving.size < carving.heap->qwGranularity;
     if (!(exact ? takeWhole(carving, segment) : split(carving, segment))) {
+        carving.noBlock = &kNoRecord;
         return;
     }
     physTouchTail(&carving.heap->AllocList);
     d_ListAddTail(&carving.heap->AllocList, &carving.record->Node);
     if (!physStandsOn(carving.record, &carving.heap->AllocList)) {
+        carving.noBlock = &kNoRecord;
         return;
     }
     phys_allocs.fetch_add(1, std::memory_order_relaxed);
@@ -164,18 +179,22 @@ void recover(Carving &carving) {
 
 } // namespace
 
-uint64_t DFHEAP_AllocTrace(DFHEAP *heap, uint64_t *size, uint64_t owner, uint64_t *physOffset,
-                           [[maybe_unused]] const char *msgarea, [[maybe_unused]] uint32_t line) {
+uint64_t DFHEAP_AllocTrace(DFHEAP *heap, uint64_t *size, uint64_t owner, uint64_t *physOffset, const char *msgarea,
+                           uint32_t line) {
     const uint64_t wanted = *size;
+    const auto problem = [&](const NoBlock &noBlock, uint64_t rounded) {
+        TraceProblem(noBlock.action, tracePointer(owner), nullptr, wanted, rounded, 0, msgarea, line, noBlock.detail);
+        return uint64_t{0};
+    };
     if (heap == nullptr) {
-        return 0;
+        return problem({"phys_alloc_no_heap", "DFHEAP_Alloc called with NULL heap"}, 0);
     }
     if (wanted == 0) {
         ErrOut("DFHEAP_Alloc called with zero size");
-        return 0;
+        return problem({"phys_alloc_zero", "DFHEAP_Alloc called with zero size"}, 0);
     }
     if (!physRoundUp(*size, heap->qwGranularity)) {
-        return 0;
+        return problem({"phys_alloc_size_overflow", "allocation size alignment overflow"}, 0);
     }
     Carving carving{heap, *size, owner};
     {
@@ -186,14 +205,15 @@ uint64_t DFHEAP_AllocTrace(DFHEAP *heap, uint64_t *size, uint64_t owner, uint64_
             recover(carving);
         }
     }
-    // The trace writes its row here.
     if (!carving.done) {
-        return 0;
+        return problem(*carving.noBlock, carving.size);
     }
     const PHALLOC *const record = carving.record; // nobody else knows the block yet
     if (physOffset != nullptr) {
         *physOffset = record->qwOffset;
     }
+    TraceAlloc("phys", tracePointer(owner), tracePointer(record->lpAddr), tracePointer(record->lpAddr), wanted,
+               record->qwSize, record->lRefCount, msgarea, line, "DFHEAP_Alloc");
     return record->lpAddr;
 }
 

@@ -107,6 +107,8 @@ struct Placing {
     PHALLOC *volatile high = nullptr;
     PHALLOC *volatile spent = nullptr; // a record whose range is a segment's now, to be stamped and given back
     volatile bool listLocked = false;
+    const char *msgarea = nullptr; // for the trace
+    uint32_t line = 0;
 };
 
 /** Puts the loose record into FreeList at its address, merged with what it touches. Lock held. Called again after a

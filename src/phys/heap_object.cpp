@@ -2,6 +2,7 @@
 #include "heap.h"
 
 #include "local/counters.h"
+#include "trace/trace.h"
 #include "util/hold.h"
 
 namespace brenvole {
@@ -178,11 +179,13 @@ void DFHEAP_Destroy(DFHEAP *heap) {
     if (heap == nullptr) {
         return;
     }
+    TraceSnapshot("DFHEAP_Destroy");
     qxOSDeleteCriticalSection(&heap->Lock); // nobody else is in the family for this heap
-    // The trace lists what is outstanding here.
     releaseAll(&heap->FreeList, [](const PHALLOC *) {});
     releaseAll(&heap->AllocList, [](const PHALLOC *leak) {
         ErrOut("\nMemory found not free'ed size %d", static_cast<uint32_t>(leak->qwSize));
+        TraceProblem("phys_destroy_outstanding", tracePointer(leak->pOwner), tracePointer(leak->lpAddr), 0,
+                     leak->qwSize, leak->lRefCount, "brenvole", 0, "DFHEAP_Destroy found allocation still active");
     });
     d_ListClose(&heap->FreeList);
     d_ListClose(&heap->AllocList);

@@ -2,6 +2,7 @@
 #include "heap.h"
 
 #include "local/counters.h"
+#include "trace/trace.h"
 #include "util/guard.h"
 #include "util/hold.h"
 
@@ -150,10 +151,20 @@ void physUncountAlloc() {
     }
 }
 
+namespace {
+
+void traceRecord(const Placing &placing, const char *action, const PHALLOC *record, const char *detail) {
+    TraceProblem(action, tracePointer(record->pOwner), tracePointer(record->lpAddr), 0, record->qwSize,
+                 record->lRefCount, placing.msgarea, placing.line, detail);
+}
+
+} // namespace
+
 int32_t _DFHEAP_PlaceFree(Placing &placing) {
     DFHEAP *const heap = placing.heap;
     const Walk walked = placing.loose != nullptr ? mergeWalk(placing) : Walk::placed;
     if (walked == Walk::refused) {
+        traceRecord(placing, "phys_free_size_overflow", placing.loose, "free list merge size overflow");
         heap->bLargestValid = 0;
         physTouchTail(&heap->FreeList);
         d_ListAddTail(&heap->FreeList, &placing.loose->Node); // whatever its address
@@ -164,6 +175,7 @@ int32_t _DFHEAP_PlaceFree(Placing &placing) {
         return 0;
     }
     if (neighbourStep(placing) == Walk::refused) {
+        traceRecord(placing, "phys_free_size_overflow", placing.segment, "free list coalesce size overflow");
         heap->bLargestValid = 0;
         return -1;
     }
@@ -241,7 +253,12 @@ struct Freeing {
     volatile int32_t result = 0;
 };
 
-// The block has left AllocList: its owner is told, and it no longer counts. The trace writes its row here.
+void traceFreed(const Freeing &freeing, const PHALLOC *record, int32_t count, const char *detail) {
+    TraceRelease("phys_free", "phys", tracePointer(record->pOwner), tracePointer(record->lpAddr), count,
+                 freeing.placing.msgarea, freeing.placing.line, detail);
+}
+
+// The block has left AllocList: its owner is told, and it no longer counts.
 void noteReleased(Freeing &freeing) {
     if (freeing.owner != nullptr) {
         *freeing.owner = freeing.record->pOwner;
@@ -249,27 +266,35 @@ void noteReleased(Freeing &freeing) {
     physUncountAlloc();
     freeing.placing.loose = freeing.record;
     freeing.record = nullptr;
+    traceFreed(freeing, freeing.placing.loose, 0, "DFHEAP_Free release");
+}
+
+void traceMissed(const Freeing &freeing, const char *action, uint64_t addr, const char *detail) {
+    TraceProblem(action, nullptr, tracePointer(addr), 0, 0, 0, freeing.placing.msgarea, freeing.placing.line, detail);
 }
 
 // Lock held. Drops one reference; the last one releases the block.
-int32_t _DFHEAP_ActualFree(Freeing &freeing, uint64_t addr, [[maybe_unused]] const char *msgarea,
-                           [[maybe_unused]] uint32_t line) {
+int32_t _DFHEAP_ActualFree(Freeing &freeing, uint64_t addr) {
     DFHEAP *const heap = freeing.placing.heap;
     if (freeing.owner != nullptr) {
         *freeing.owner = 0;
     }
     PHALLOC *const record = _DFHEAP_FindAlloc(heap, addr);
-    if (record == nullptr) { // The trace tells it here, as it does each way out below.
+    if (record == nullptr) {
+        traceMissed(freeing, "phys_free_missing", addr, "DFHEAP_Free allocation not found");
         return 0;
     }
     if (record->lRefCount < 1) {
         ErrOut("_DFHEAP_ActualFree: refcount corrupt (%d) for alloc at 0x%p", record->lRefCount,
                reinterpret_cast<void *>(record->lpAddr));
+        traceRecord(freeing.placing, "phys_free_refcount_corrupt", record, "refcount below one");
         return -1;
     }
     if (record->lRefCount > 1) {
         qxOSInterlockedDecrement(&record->lRefCount);
-        return record->lRefCount;
+        const int32_t left = record->lRefCount;
+        traceFreed(freeing, record, left, "DFHEAP_Free deref");
+        return left;
     }
     physTouchAround(&record->Node);
     freeing.record = record;
@@ -292,17 +317,20 @@ void recover(Freeing &freeing) {
 } // namespace
 
 int32_t DFHEAP_FreeTrace(DFHEAP *heap, uint64_t addr, uint64_t *owner, const char *msgarea, uint32_t line) {
+    Freeing freeing{{.heap = heap, .msgarea = msgarea, .line = line}, owner};
     if (heap == nullptr) {
+        traceMissed(freeing, "phys_free_no_heap", addr, "DFHEAP_Free called with NULL heap");
         return -1;
     }
     if (addr == 0) {
         ErrOut("DFHEAP_Free called with NULL memory pointer");
+        traceMissed(freeing, "phys_free_null", 0, "DFHEAP_Free called with NULL memory pointer");
         return -1;
     }
-    Freeing freeing{{heap}, owner};
     const QXHold hold(heap->Lock);
-    const bool whole = qxGuarded([&] { freeing.result = _DFHEAP_ActualFree(freeing, addr, msgarea, line); });
-    if (!whole) { // The trace tells of the exception here.
+    const bool whole = qxGuarded([&] { freeing.result = _DFHEAP_ActualFree(freeing, addr); });
+    if (!whole) {
+        traceMissed(freeing, "phys_free_exception", addr, "exception in DFHEAP_Free"); // under Lock
         recover(freeing);
         return 0;
     }

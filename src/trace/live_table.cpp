@@ -2,7 +2,6 @@
 #include "trace.h"
 
 #include "util/format.h"
-#include "util/hold.h"
 
 #include <algorithm>
 #include <cstring>
@@ -121,73 +120,66 @@ void traceNoteSite(TraceEntry *entry, const char *msgarea, uint32_t line) {
     copyText(entry->lastMsgarea, sizeof entry->lastMsgarea, msgarea);
 }
 
-void TraceCall(uint32_t command, int64_t param1, const void *param2, const void *dframe, const void *data,
-               const char *msgarea, uint32_t line) {
-    if (TraceIsEnabled() == 0) {
-        return;
-    }
-    traceLockCreate();
-    const QXHold hold(traceLock);
-    const TraceEntry *const entry = traceFindAny(dframe, data);
-    const bool local = static_cast<int32_t>(command) < 0;
-    char detail[160] = {};
-    qxFormat(detail, sizeof detail, "flags=0x%08lX param1=%lld param2=0x%p%s", command,
-             static_cast<long long>(param1), param2, local ? " sysheap" : "");
-    TraceWriteRow("event", commandName(command), "call", local ? "local" : "dframe",
-                  entry != nullptr ? entry->allocId : 0, dframe, data, entry != nullptr ? entry->base : nullptr,
-                  static_cast<uint64_t>(param1), 0, entry != nullptr ? entry->refCount : 0, msgarea, line, detail);
+void traceRecordCall(uint32_t command, int64_t param1, const void *param2, const void *dframe, const void *data,
+                     const char *msgarea, uint32_t line) {
+    traceLocked([&] {
+        const TraceEntry *const entry = traceFindAny(dframe, data);
+        const bool local = static_cast<int32_t>(command) < 0;
+        char detail[160] = {};
+        qxFormat(detail, sizeof detail, "flags=0x%08lX param1=%lld param2=0x%p%s", command,
+                 static_cast<long long>(param1), param2, local ? " sysheap" : "");
+        TraceWriteRow("event", commandName(command), "call", local ? "local" : "dframe",
+                      entry != nullptr ? entry->allocId : 0, dframe, data, entry != nullptr ? entry->base : nullptr,
+                      static_cast<uint64_t>(param1), 0, entry != nullptr ? entry->refCount : 0, msgarea, line,
+                      detail);
+    });
 }
 
-void TraceAlloc(const char *kind, const void *dframe, const void *data, const void *base, uint64_t requested,
-                uint64_t actual, int32_t refCount, const char *msgarea, uint32_t line, const char *detail) {
-    if (TraceIsEnabled() == 0) {
-        return;
-    }
-    traceLockCreate();
-    const QXHold hold(traceLock);
-    TraceEntry *entry = *find(filterOf(kind), Match::addressElseOwner, dframe, data);
-    if (entry == nullptr) {
-        entry = makeEntry(kind, msgarea, line);
-    }
-    if (entry == nullptr) {
-        TraceWriteRow("event", "alloc", "trace_alloc_failed", kind, 0, dframe, data, base, requested, actual,
-                      refCount, msgarea, line, detail);
-        return;
-    }
-    entry->dframe = dframe;
-    entry->data = data;
-    entry->base = base != nullptr ? base : data;
-    entry->requested = requested;
-    entry->actual = actual;
-    entry->refCount = refCount;
-    traceNoteSite(entry, msgarea, line);
-    writeEvent(entry, "alloc", "ok", kind, dframe, data, refCount, msgarea, line, detail);
-    entry->lastEvent = traceEventId;
-}
-
-void TraceRelease(const char *action, const char *kind, const void *dframe, const void *data, int32_t refCount,
-                  const char *msgarea, uint32_t line, const char *detail) {
-    if (TraceIsEnabled() == 0) {
-        return;
-    }
-    traceLockCreate();
-    const QXHold hold(traceLock);
-    TraceEntry **const at = find(kind, Match::addressElseOwner, dframe, data);
-    TraceEntry *const entry = *at;
-    const char *const result = entry == nullptr ? "missing" : refCount > 0 ? "deref" : "release";
-    writeEvent(entry, action, result, kind, dframe, data, refCount, msgarea, line, detail); // counts the entry still
-    if (entry == nullptr) {
-        return;
-    }
-    entry->lastEvent = traceEventId;
-    if (refCount > 0) {
+void traceRecordAlloc(const char *kind, const void *dframe, const void *data, const void *base, uint64_t requested,
+                      uint64_t actual, int32_t refCount, const char *msgarea, uint32_t line, const char *detail) {
+    traceLocked([&] {
+        TraceEntry *entry = *find(filterOf(kind), Match::addressElseOwner, dframe, data);
+        if (entry == nullptr) {
+            entry = makeEntry(kind, msgarea, line);
+        }
+        if (entry == nullptr) {
+            TraceWriteRow("event", "alloc", "trace_alloc_failed", kind, 0, dframe, data, base, requested, actual,
+                          refCount, msgarea, line, detail);
+            return;
+        }
+        entry->dframe = dframe;
+        entry->data = data;
+        entry->base = base != nullptr ? base : data;
+        entry->requested = requested;
+        entry->actual = actual;
         entry->refCount = refCount;
         traceNoteSite(entry, msgarea, line);
-        return;
-    }
-    *at = entry->next;
-    traceActiveCount -= traceActiveCount != 0 ? 1 : 0;
-    QXFree(entry);
+        writeEvent(entry, "alloc", "ok", kind, dframe, data, refCount, msgarea, line, detail);
+        entry->lastEvent = traceEventId;
+    });
+}
+
+void traceRecordRelease(const char *action, const char *kind, const void *dframe, const void *data, int32_t refCount,
+                        const char *msgarea, uint32_t line, const char *detail) {
+    traceLocked([&] {
+        TraceEntry **const at = find(kind, Match::addressElseOwner, dframe, data);
+        TraceEntry *const entry = *at;
+        const char *const result = entry == nullptr ? "missing" : refCount > 0 ? "deref" : "release";
+        writeEvent(entry, action, result, kind, dframe, data, refCount, msgarea, line,
+                   detail); // counts the entry still
+        if (entry == nullptr) {
+            return;
+        }
+        entry->lastEvent = traceEventId;
+        if (refCount > 0) {
+            entry->refCount = refCount;
+            traceNoteSite(entry, msgarea, line);
+            return;
+        }
+        *at = entry->next;
+        traceActiveCount -= traceActiveCount != 0 ? 1 : 0;
+        QXFree(entry);
+    });
 }
 
 namespace {
@@ -207,32 +199,26 @@ void touch(TraceEntry *entry, const char *action, const char *kind, const void *
 
 } // namespace
 
-void TraceSwapOwner(const char *action, const char *kind, const void *dframe, const void *data, int32_t refCount,
-                    const char *msgarea, uint32_t line, const char *detail) {
-    if (TraceIsEnabled() == 0) {
-        return;
-    }
-    traceLockCreate();
-    const QXHold hold(traceLock);
-    TraceEntry *const entry = *find(filterOf(kind), Match::addressOnly, dframe, data);
-    if (entry != nullptr) {
-        entry->dframe = dframe; // the new owner, also if it is null
-    }
-    touch(entry, action, kind, dframe, data, refCount, msgarea, line, detail);
+void traceRecordSwapOwner(const char *action, const char *kind, const void *dframe, const void *data,
+                          int32_t refCount, const char *msgarea, uint32_t line, const char *detail) {
+    traceLocked([&] {
+        TraceEntry *const entry = *find(filterOf(kind), Match::addressOnly, dframe, data);
+        if (entry != nullptr) {
+            entry->dframe = dframe; // the new owner, also if it is null
+        }
+        touch(entry, action, kind, dframe, data, refCount, msgarea, line, detail);
+    });
 }
 
-void TraceTouch(const char *action, const char *kind, const void *dframe, const void *data, int32_t refCount,
-                const char *msgarea, uint32_t line, const char *detail) {
-    if (TraceIsEnabled() == 0) {
-        return;
-    }
-    traceLockCreate();
-    const QXHold hold(traceLock);
-    TraceEntry *const entry = *find(filterOf(kind), Match::addressOrOwner, dframe, data);
-    if (entry != nullptr && dframe != nullptr) {
-        entry->dframe = dframe;
-    }
-    touch(entry, action, kind, dframe, data, refCount, msgarea, line, detail);
+void traceRecordTouch(const char *action, const char *kind, const void *dframe, const void *data, int32_t refCount,
+                      const char *msgarea, uint32_t line, const char *detail) {
+    traceLocked([&] {
+        TraceEntry *const entry = *find(filterOf(kind), Match::addressOrOwner, dframe, data);
+        if (entry != nullptr && dframe != nullptr) {
+            entry->dframe = dframe;
+        }
+        touch(entry, action, kind, dframe, data, refCount, msgarea, line, detail);
+    });
 }
 
 } // namespace brenvole

@@ -4,7 +4,6 @@
 
 #include "local/counters.h"
 #include "util/format.h"
-#include "util/hold.h"
 
 #include <bit>
 
@@ -16,10 +15,9 @@ constexpr uint64_t kEachUpTo = 8;
 
 uint64_t problemCount = 0; // under traceLock
 
-// Lock held. The number of the problem.
-uint64_t writeProblem(const char *action, const void *dframe, const void *data, uint64_t requested, uint64_t actual,
-                      int32_t refCount, const char *msgarea, uint32_t line, const char *detail) {
-    const uint64_t number = ++problemCount;
+// Lock held.
+void writeProblem(const char *action, const void *dframe, const void *data, uint64_t requested, uint64_t actual,
+                  int32_t refCount, const char *msgarea, uint32_t line, const char *detail) {
     TraceEntry *const entry = traceFindAny(dframe, data);
     TraceWriteRow("problem", action, "problem", entry != nullptr ? entry->kind : "",
                   entry != nullptr ? entry->allocId : 0, dframe, data, entry != nullptr ? entry->base : nullptr,
@@ -29,7 +27,6 @@ uint64_t writeProblem(const char *action, const void *dframe, const void *data, 
         entry->refCount = refCount;
         traceNoteSite(entry, msgarea, line);
     }
-    return number;
 }
 
 void writeActive(const TraceEntry *entry) {
@@ -42,30 +39,8 @@ void writeActive(const TraceEntry *entry) {
                   entry->allocLine, detail);
 }
 
-} // namespace
-
-void TraceProblem(const char *action, const void *dframe, const void *data, uint64_t requested, uint64_t actual,
-                  int32_t refCount, const char *msgarea, uint32_t line, const char *detail) {
-    if (TraceIsEnabled() == 0) {
-        return;
-    }
-    traceLockCreate();
-    uint64_t number = 0;
-    {
-        const QXHold hold(traceLock);
-        number = writeProblem(action, dframe, data, requested, actual, refCount, msgarea, line, detail);
-    }
-    if (number <= kEachUpTo || std::has_single_bit(number)) {
-        TraceSnapshot(action);
-    }
-}
-
-void TraceSnapshot(const char *reason) {
-    if (traceState != 1 || traceFile.load() == nullptr || traceClosed != 0) {
-        return;
-    }
-    traceLockCreate();
-    const QXHold hold(traceLock);
+// Lock held.
+void writeSnapshot(const char *reason) {
     char summary[256] = {};
     qxFormat(summary, sizeof summary,
              "reason=%s dframes=%I64u dframe_bytes=%I64u phys_allocs=%I64u local_allocs=%I64u peak_active=%I64u",
@@ -78,6 +53,27 @@ void TraceSnapshot(const char *reason) {
     if (std::FILE *const file = traceFile) {
         std::fflush(file);
     }
+}
+
+} // namespace
+
+void traceRecordProblem(const char *action, const void *dframe, const void *data, uint64_t requested, uint64_t actual,
+                        int32_t refCount, const char *msgarea, uint32_t line, const char *detail) {
+    volatile uint64_t number = 0;
+    traceLocked([&] {
+        number = ++problemCount;
+        writeProblem(action, dframe, data, requested, actual, refCount, msgarea, line, detail);
+    });
+    if (number <= kEachUpTo || std::has_single_bit(uint64_t{number})) {
+        TraceSnapshot(action);
+    }
+}
+
+void TraceSnapshot(const char *reason) {
+    if (traceState != 1 || traceFile.load() == nullptr || traceClosed != 0) {
+        return;
+    }
+    traceLocked([reason] { writeSnapshot(reason); });
 }
 
 } // namespace brenvole

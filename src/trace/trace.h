@@ -8,12 +8,14 @@
 #ifndef BRENVOLE_TRACE_H
 #define BRENVOLE_TRACE_H
 
+#include "util/guard.h"
 #include "util/qxutil.h"
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <utility>
 
 namespace brenvole {
 
@@ -28,12 +30,31 @@ extern QXCRITICALSECTION traceLock;
 /** Creates traceLock once, whichever thread comes first. It is never deleted. */
 void traceLockCreate();
 
+/** Runs a piece of a recorder with traceLock held. A fault in it, such as a call site's text that has gone, ends that
+ *  piece and nothing else: the program goes on as it does without the trace. */
+template <class Work> void traceLocked(Work &&work) {
+    traceLockCreate();
+    qxOSEnterCriticalSection(&traceLock);
+    qxGuarded(std::forward<Work>(work));
+    qxOSLeaveCriticalSection(&traceLock);
+}
+
 /** The rare part of TraceIsEnabled: reads the sources, and opens the file if one says on. */
 int32_t TraceDecide();
+
+/** False in a build that measures what the calls cost: then none is made. */
+#ifdef BRENVOLE_NO_TRACE_CALLS
+inline constexpr bool kTraceCalls = false;
+#else
+inline constexpr bool kTraceCalls = true;
+#endif
 
 /** 1 if a recorder may go on, else 0. While the trace is off, the sources are read on every 4096th call. */
 inline int32_t TraceIsEnabled() {
     constexpr uint32_t kRecheckMask = 0xFFF;
+    if constexpr (!kTraceCalls) {
+        return 0;
+    }
     const int32_t state = traceState.load(std::memory_order_relaxed);
     if (state == 1 && traceFile.load(std::memory_order_relaxed) != nullptr &&
         traceClosed.load(std::memory_order_relaxed) == 0) {
@@ -73,20 +94,55 @@ void TraceWriteSession(const char *record, const char *action, const char *detai
 /** @} */
 
 /** @name Recorders
- *  Each returns at once while the trace is off. `msgarea` and `line` name the call site; all texts may be null.
+ *  Each returns at once while the trace is off: the test is inlined where the event is, and the arguments are read
+ * behind it. `msgarea` and `line` name the call site; all texts may be null.
  *  @{ */
-void TraceCall(uint32_t command, int64_t param1, const void *param2, const void *dframe, const void *data,
-               const char *msgarea, uint32_t line);
-void TraceAlloc(const char *kind, const void *dframe, const void *data, const void *base, uint64_t requested,
-                uint64_t actual, int32_t refCount, const char *msgarea, uint32_t line, const char *detail);
-void TraceRelease(const char *action, const char *kind, const void *dframe, const void *data, int32_t refCount,
-                  const char *msgarea, uint32_t line, const char *detail);
-void TraceSwapOwner(const char *action, const char *kind, const void *dframe, const void *data, int32_t refCount,
-                    const char *msgarea, uint32_t line, const char *detail);
-void TraceTouch(const char *action, const char *kind, const void *dframe, const void *data, int32_t refCount,
-                const char *msgarea, uint32_t line, const char *detail);
-void TraceProblem(const char *action, const void *dframe, const void *data, uint64_t requested, uint64_t actual,
-                  int32_t refCount, const char *msgarea, uint32_t line, const char *detail);
+void traceRecordCall(uint32_t command, int64_t param1, const void *param2, const void *dframe, const void *data,
+                     const char *msgarea, uint32_t line);
+void traceRecordAlloc(const char *kind, const void *dframe, const void *data, const void *base, uint64_t requested,
+                      uint64_t actual, int32_t refCount, const char *msgarea, uint32_t line, const char *detail);
+void traceRecordRelease(const char *action, const char *kind, const void *dframe, const void *data, int32_t refCount,
+                        const char *msgarea, uint32_t line, const char *detail);
+void traceRecordSwapOwner(const char *action, const char *kind, const void *dframe, const void *data,
+                          int32_t refCount, const char *msgarea, uint32_t line, const char *detail);
+void traceRecordTouch(const char *action, const char *kind, const void *dframe, const void *data, int32_t refCount,
+                      const char *msgarea, uint32_t line, const char *detail);
+void traceRecordProblem(const char *action, const void *dframe, const void *data, uint64_t requested, uint64_t actual,
+                        int32_t refCount, const char *msgarea, uint32_t line, const char *detail);
+
+template <class... Values> void TraceCall(Values... values) {
+    if (TraceIsEnabled() != 0) {
+        traceRecordCall(values...);
+    }
+}
+template <class... Values> void TraceAlloc(Values... values) {
+    if (TraceIsEnabled() != 0) {
+        traceRecordAlloc(values...);
+    }
+}
+template <class... Values> void TraceRelease(Values... values) {
+    if (TraceIsEnabled() != 0) {
+        traceRecordRelease(values...);
+    }
+}
+template <class... Values> void TraceSwapOwner(Values... values) {
+    if (TraceIsEnabled() != 0) {
+        traceRecordSwapOwner(values...);
+    }
+}
+template <class... Values> void TraceTouch(Values... values) {
+    if (TraceIsEnabled() != 0) {
+        traceRecordTouch(values...);
+    }
+}
+template <class... Values> void TraceProblem(Values... values) {
+    if (TraceIsEnabled() != 0) {
+        traceRecordProblem(values...);
+    }
+}
+
+/** Owners and addresses are numbers in the heaps. */
+inline const void *tracePointer(uint64_t address) { return reinterpret_cast<const void *>(address); }
 
 /** Writes all that is alive, newest first, and flushes. Never opens the file. */
 void TraceSnapshot(const char *reason);
