@@ -60,6 +60,12 @@ PDFRAME entered(FrameLedger &ledger, PDFRAME frame, uint64_t bytes) {
 
 uintptr_t asSource(PDFRAME &frame) { return reinterpret_cast<uintptr_t>(&frame); }
 
+uint64_t command(const CallSite &site, uint32_t number, PDFRAME &frame, int64_t size = 0, uintptr_t other = 0) {
+    const char *const path = site.file_name();
+    const char *const slash = std::strrchr(path, '/');
+    return DFrameMemTrace(number, size, other, &frame, slash != nullptr ? slash + 1 : path, site.line());
+}
+
 } // namespace
 
 FrameLedger &ledgerOf(const DFRAME *frame) {
@@ -68,10 +74,10 @@ FrameLedger &ledgerOf(const DFRAME *frame) {
     return *body.ledger;
 }
 
-PDFRAME ledgerAlloc(FrameLedger &ledger, uint64_t size) {
+PDFRAME ledgerAlloc(FrameLedger &ledger, uint64_t size, const CallSite &site) {
     PDFRAME frame = nullptr;
     if (size <= kLargestRequest) {
-        DFrameMem(DFRAME_ALLOC | ledger.side, static_cast<int64_t>(size), DFRAME_SIZE, &frame); // null if it fails
+        command(site, DFRAME_ALLOC | ledger.side, frame, static_cast<int64_t>(size), DFRAME_SIZE); // null if it fails
     }
     if (frame != nullptr) {
         frame->dwBytesUsed = static_cast<uint32_t>(size);
@@ -81,21 +87,21 @@ PDFRAME ledgerAlloc(FrameLedger &ledger, uint64_t size) {
     return entered(ledger, frame, frame != nullptr ? frame->dwBufferLength : 0);
 }
 
-PDFRAME ledgerCopy(PDFRAME source) {
+PDFRAME ledgerCopy(PDFRAME source, const CallSite &site) {
     PDFRAME frame = nullptr;
-    DFrameMem(DFRAME_COPY, 0, asSource(source), &frame); // the body comes along
+    command(site, DFRAME_COPY, frame, 0, asSource(source)); // the body comes along
     return entered(ledgerOf(source), frame, frame != nullptr ? frame->dwBufferLength : 0);
 }
 
-PDFRAME ledgerDuplicate(PDFRAME source) {
+PDFRAME ledgerDuplicate(PDFRAME source, const CallSite &site) {
     PDFRAME frame = nullptr;
-    DFrameMem(DFRAME_DUP_FREE, 0, asSource(source), &frame);
+    command(site, DFRAME_DUP_FREE, frame, 0, asSource(source));
     return entered(ledgerOf(source), frame, 0);
 }
 
-bool ledgerSwap(PDFRAME first, PDFRAME second) {
+bool ledgerSwap(PDFRAME first, PDFRAME second, const CallSite &site) {
     FrameLedger &ledger = ledgerOf(first);
-    if (DFrameMem(DFRAME_SWAP, 0, asSource(second), &first) != 0) {
+    if (command(site, DFRAME_SWAP, first, 0, asSource(second)) != 0) {
         noteFailure(ledger);
         return false;
     }
@@ -105,9 +111,9 @@ bool ledgerSwap(PDFRAME first, PDFRAME second) {
     return true;
 }
 
-bool ledgerResize(PDFRAME frame, uint32_t size) {
+bool ledgerResize(PDFRAME frame, uint32_t size, const CallSite &site) {
     FrameLedger &ledger = ledgerOf(frame);
-    const uint64_t status = DFrameMem(DFRAME_RESIZE, size, 0, &frame);
+    const uint64_t status = command(site, DFRAME_RESIZE, frame, size);
     if (status != 0) {
         if (status != DFMEM_E_OUTOFMEMORY) {
             noteFailure(ledger);
@@ -123,9 +129,9 @@ bool ledgerResize(PDFRAME frame, uint32_t size) {
     return true;
 }
 
-bool ledgerShare(PDFRAME frame) {
+bool ledgerShare(PDFRAME frame, const CallSite &site) {
     FrameLedger &ledger = ledgerOf(frame);
-    if (DFrameMem(DFRAME_ADDREF, 0, 0, &frame) != 0) {
+    if (command(site, DFRAME_ADDREF, frame) != 0) {
         noteFailure(ledger);
         return false;
     }
@@ -134,7 +140,7 @@ bool ledgerShare(PDFRAME frame) {
     return true;
 }
 
-void ledgerDrop(PDFRAME frame) {
+void ledgerDrop(PDFRAME frame, const CallSite &site) {
     FrameLedger &ledger = ledgerOf(frame);
     {
         // Before the command: after it, the address may be another frame's already.
@@ -145,7 +151,7 @@ void ledgerDrop(PDFRAME frame) {
             ledger.accounts.erase(entry);
         }
     }
-    if (DFrameMem(DFRAME_FREE, 0, 0, &frame) != 0) {
+    if (command(site, DFRAME_FREE, frame) != 0) {
         noteFailure(ledger);
     }
 }

@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <source_location>
 #include <unordered_map>
 
 /** The figures of a ledger. */
@@ -40,24 +41,27 @@ struct FrameLedger {
     LedgerFigures figures;
 };
 
+/** Who gives a command: the file and line that the trace tells. Nobody has to pass one. */
+using CallSite = std::source_location;
+
 /** Allocates a frame with `size` bytes in use. The content is undefined.
  *  @return the frame, with one reference, which is the caller's; null if there is no memory */
-PDFRAME ledgerAlloc(FrameLedger &ledger, uint64_t size);
+PDFRAME ledgerAlloc(FrameLedger &ledger, uint64_t size, const CallSite &site = CallSite::current());
 /** Adds a reference, on behalf of somebody else than the holder who calls.
  *  @return false if the library refuses */
-bool ledgerShare(PDFRAME frame);
+bool ledgerShare(PDFRAME frame, const CallSite &site = CallSite::current());
 /** A frame with the header and the bytes of another one: its own (DFRAME_COPY), or the same (DFRAME_DUP_FREE).
  *  @return the frame, with one reference; null if there is no memory */
-PDFRAME ledgerCopy(PDFRAME source);
-PDFRAME ledgerDuplicate(PDFRAME source);
+PDFRAME ledgerCopy(PDFRAME source, const CallSite &site = CallSite::current());
+PDFRAME ledgerDuplicate(PDFRAME source, const CallSite &site = CallSite::current());
 /** Exchanges the contents of two frames (DFRAME_SWAP), or gives one another size (DFRAME_RESIZE).
  *  @return false if the library refuses */
-bool ledgerSwap(PDFRAME first, PDFRAME second);
-bool ledgerResize(PDFRAME frame, uint32_t size);
+bool ledgerSwap(PDFRAME first, PDFRAME second, const CallSite &site = CallSite::current());
+bool ledgerResize(PDFRAME frame, uint32_t size, const CallSite &site = CallSite::current());
 /** The ledger that a frame belongs to. */
 FrameLedger &ledgerOf(const DFRAME *frame);
 /** Drops a reference. */
-void ledgerDrop(PDFRAME frame);
+void ledgerDrop(PDFRAME frame, const CallSite &site = CallSite::current());
 /** True if a frame stands at this address, which may be any value. */
 bool ledgerKnows(FrameLedger &ledger, const void *address);
 LedgerFigures ledgerFigures(FrameLedger &ledger);

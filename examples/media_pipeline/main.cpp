@@ -2,17 +2,21 @@
 #include "libav_log.h"
 #include "options.h"
 #include "pipeline.h"
+#include "platform.h"
 #include "report.h"
-#include "terminal.h"
 #include "verify.h"
 
 #include "util/qxutil.h"
+
+#include <brenvole/dframe.h>
 
 #include <array>
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <filesystem>
 #include <mutex>
+#include <system_error>
 
 namespace {
 
@@ -73,10 +77,13 @@ std::string problemsOf(const PipelineResult &result) {
     if (frames.failures != 0) {
         add(problems, "references that the library refused: " + std::to_string(frames.failures));
     }
-    if (frames.alive != 0) {
+    if (frames.alive != result.edits.lost) {
         add(problems, "frames still alive at the end: " + std::to_string(frames.alive));
     }
-    if (result.pool.used != 0) {
+    if (result.edits.lost != result.edits.toLose) {
+        add(problems, "only so many frames to lose: " + std::to_string(result.edits.lost));
+    }
+    if (result.pool.used != 0 && result.edits.lost == 0) {
         add(problems, "bytes still used in the pool at the end: " + std::to_string(result.pool.used));
     }
     if (messages.unexpected != 0) {
@@ -86,20 +93,36 @@ std::string problemsOf(const PipelineResult &result) {
     return problems;
 }
 
+// The library decides at its first command whether it writes one.
+bool openTrace(const std::string &file) {
+    setVariable("QXBRENVOLE_TRACE", "1");
+    setVariable("QXBRENVOLE_TRACE_FILE", file.c_str());
+    DFrameMem(DFRAME_TOTAL, 0, 0, nullptr);
+    std::error_code error;
+    return std::filesystem::file_size(file, error) != 0 && !error;
+}
+
 int run(const Options &options, Progress &progress) {
     qxSetLogSink(takeLibraryMessage, nullptr); // for good: the library may log until the process ends
+    if (!options.trace.empty() && !openTrace(options.trace)) {
+        complain(options.trace, "the trace can't be written there");
+        return kFailure;
+    }
     const bool local = options.poolBytes == 0;
     if (!local && !framePoolOpen(options.poolBytes)) {
         complain("", "no memory for a pool, not even for a smaller one");
         return kFailure;
     }
     countMessages(true);
-    const PipelineResult result = runPipeline(options.file, options.threads, local, progress);
+    const PipelineResult result = runPipeline(options.file, options.threads, local, options.leak, progress);
     countMessages(false);
     framePoolClose();
 
     if (result.opened && !options.quiet) {
         printReport(options.file, result, messages.count);
+        if (!options.trace.empty()) {
+            std::printf("\n%-26s%s; docs/trace.md tells how to read it\n", "trace", options.trace.c_str());
+        }
     }
     std::string problems = problemsOf(result);
     if (options.verify && result.opened) {

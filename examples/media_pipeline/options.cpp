@@ -13,6 +13,9 @@ Without a file it takes the clip that comes with the program.
   --threads N   threads of each decoder, 1 to 16 (2)
   --pool N      megabytes of the pool that the frames lie in, 1 to 60000 (524)
   --local       no pool: every frame goes to the local heap. Not with --pool.
+  --trace FILE  the library's trace of every event goes there
+  --leak N      lose N frames on purpose, 1 to 1000: previews of pictures that
+                nobody lets go. The trace says whose they are.
   --quiet       print errors only
   --help        print this
 
@@ -24,6 +27,7 @@ namespace {
 
 constexpr int kMostThreads = 16;
 constexpr int kMostMegabytes = 60000;
+constexpr int kMostLeaks = 1000;
 constexpr uint64_t kMegabyte = 1000000;
 
 // The number behind an option, from 1 to `most`.
@@ -72,6 +76,16 @@ bool parseOptions(Options &options, int count, char **arguments, std::string &er
             }
             options.poolBytes = static_cast<uint64_t>(megabytes) * kMegabyte;
             sized = true;
+        } else if (word == "--leak") {
+            if (!parseNumber(options.leak, arguments[++i], kMostLeaks, word, error)) {
+                return false;
+            }
+        } else if (word == "--trace") {
+            if (arguments[++i] == nullptr || *arguments[i] == 0) {
+                error = "--trace wants a file";
+                return false;
+            }
+            options.trace = arguments[i];
         } else if (word == "--local") {
             local = true;
         } else {

@@ -10,6 +10,8 @@ struct Options {
     std::string file;               ///< the shipped clip if none is named
     int threads = 2;                ///< of each decoder
     uint64_t poolBytes = 524255000; ///< what the library makes when nobody says otherwise; 0: no pool
+    std::string trace;              ///< file of the library's trace; empty: none
+    int leak = 0;                   ///< frames to be lost on purpose
     bool verify = false;
     bool quiet = false;
     bool help = false;

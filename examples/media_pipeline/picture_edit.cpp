@@ -71,4 +71,8 @@ void editPicture(EditFigures &figures, const SharedFrame &share) {
     } else if (!previewMatches(preview.get(), share, caption)) {
         ++figures.differing;
     }
+    if (preview != nullptr && figures.lost < figures.toLose) {
+        static_cast<void>(preview.release()); // the fault: nobody holds it any more, and it is still there
+        ++figures.lost;
+    }
 }

@@ -184,8 +184,9 @@ void runStages(Pipeline &pipeline, Progress &progress) {
 
 } // namespace
 
-PipelineResult runPipeline(const std::string &path, int threads, bool local, Progress &progress) {
+PipelineResult runPipeline(const std::string &path, int threads, bool local, int leak, Progress &progress) {
     Pipeline pipeline;
+    pipeline.result.edits.toLose = static_cast<uint64_t>(leak);
     pipeline.ledger.side = local ? DFRAME_FLAG_SYSHEAP : 0;
     pipeline.file = openMedia(path, threads, &pipeline.ledger, pipeline.result.error);
     if (pipeline.file.demuxer == nullptr) {

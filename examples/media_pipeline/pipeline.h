@@ -43,8 +43,9 @@ struct PipelineResult {
     double seconds = 0;
 };
 
-/** @param local  all frames to the local heap, be there a pool or not */
-PipelineResult runPipeline(const std::string &path, int threads, bool local, Progress &progress);
+/** @param local  all frames to the local heap, be there a pool or not
+ *  @param leak   frames to be lost on purpose */
+PipelineResult runPipeline(const std::string &path, int threads, bool local, int leak, Progress &progress);
 
 /** All records of pictures, or of blocks of samples. */
 uint64_t countRecords(const PipelineResult &result, bool pictures);

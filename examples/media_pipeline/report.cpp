@@ -80,7 +80,9 @@ void printReport(const std::string &path, const PipelineResult &result, uint64_t
     printLine("frames allocated", std::to_string(frames.allocated));
     printLine("bytes through the library", megabytes(frames.bytesUsed));
     printLine("most frames alive", std::to_string(frames.peak));
-    printLine("frames alive at the end", std::to_string(frames.alive));
+    printLine("frames alive at the end",
+              std::to_string(frames.alive) +
+                  (result.edits.lost != 0 ? ", of which lost on purpose: " + std::to_string(result.edits.lost) : ""));
     printLine("messages of the library", std::to_string(messages));
     char text[80];
     if (pictures != 0) {

@@ -28,9 +28,16 @@ bool takesFrame(uint32_t number) {
 
 void traceCommand(uint32_t command, int64_t param1, uintptr_t param2, PDFRAME *ppDF, const char *msgarea,
                   uint32_t line) {
-    const DFRAME *const frame = takesFrame(command & kCommandBits) && ppDF != nullptr ? *ppDF : nullptr;
-    const void *const data = frame != nullptr ? frame->lpData : nullptr;
-    TraceCall(command, param1, tracePointer(param2), frame, data, msgarea, line);
+    const DFRAME *volatile frame = nullptr;
+    const void *volatile data = nullptr;
+    if (takesFrame(command & kCommandBits) && ppDF != nullptr) {
+        qxGuarded([&] { // the command may refuse without having looked at the frame
+            frame = *ppDF;
+            data = frame != nullptr ? frame->lpData : nullptr;
+        });
+    }
+    TraceCall(command, param1, tracePointer(param2), static_cast<const void *>(frame),
+              static_cast<const void *>(data), msgarea, line);
 }
 
 } // namespace
@@ -46,7 +53,7 @@ uint64_t DFrameMem(uint32_t command, int64_t param1, uintptr_t param2, PDFRAME *
 uint64_t DFrameMemTrace(uint32_t command, int64_t param1, uintptr_t param2, PDFRAME *ppDF, const char *msgarea,
                         uint32_t line) {
     dfmemLockCreate(); // first, whatever the command
-    if (TraceIsEnabled() != 0) {
+    if (TraceIsEnabled() != 0) [[unlikely]] {
         traceCommand(command, param1, param2, ppDF, msgarea, line);
     }
     switch (command & kCommandBits) {

@@ -71,11 +71,12 @@ PDFRAME allocPDFRAME(uint32_t size, const char *msgarea, uint32_t line) {
     if (!qxGuarded([&] { makeHeader(recordSize, block, frame); }) && frame == nullptr && block != nullptr) {
         qxGuarded([&] { QXFree(block); }); // what was caught is dropped, the block is not
     }
-    if (frame != nullptr) {
-        TraceAlloc("dframe", frame, frame, frameBlockOf(frame), size, uint64_t{recordSize} + kCountBytes, 1, msgarea,
+    PDFRAME const whole = frame;
+    if (whole != nullptr) {
+        TraceAlloc("dframe", whole, whole, frameBlockOf(whole), size, uint64_t{recordSize} + kCountBytes, 1, msgarea,
                    line, "allocPDFRAME");
     }
-    return frame;
+    return whole;
 }
 
 int32_t freePDFRAME(PDFRAME *ppDF, const char *msgarea, uint32_t line) {
@@ -93,9 +94,11 @@ int32_t freePDFRAME(PDFRAME *ppDF, const char *msgarea, uint32_t line) {
         const QXHold hold(dfmemLock);
         left = --block->dwRefCount;
     }
-    TraceRelease("dframe_free", "dframe", frame, frame, static_cast<int32_t>(left), msgarea, line,
-                 left == 0 ? "freePDFRAME release" : "freePDFRAME deref");
-    if (left == 0) {
+    if (left != 0) {
+        TraceRelease("dframe_free", "dframe", frame, frame, static_cast<int32_t>(left), msgarea, line,
+                     "freePDFRAME deref");
+    } else {
+        TraceRelease("dframe_free", "dframe", frame, frame, 0, msgarea, line, "freePDFRAME release");
         const uint32_t recordSize = frame->dwSize;
         liveFrameLeave(reinterpret_cast<uintptr_t>(frame));
         QXFree(block);

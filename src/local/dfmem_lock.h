@@ -1,7 +1,7 @@
 /** @file
  *  The global lock. It guards the reference count of every frame, the frame counters, the local heap's counters
  *  and cache, and the reference counts and owners of local blocks. It is never held together with a phys heap's
- *  lock, and never over QXAlloc. */
+ *  lock, and over QXAlloc only by the trace, for its own records. */
 #ifndef BRENVOLE_DFMEM_LOCK_H
 #define BRENVOLE_DFMEM_LOCK_H
 

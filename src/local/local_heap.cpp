@@ -181,11 +181,13 @@ struct Releasing {
     uint32_t line;
     volatile bool locked = false;
     volatile bool counted = false;
-    volatile int32_t count = -1; // references left, as read under the lock; valid if counted
+    volatile bool faulted = false; // where the work went on, as far as it had to
+    volatile int32_t count = -1;   // references left, as read under the lock; valid if counted
 };
 
 // Step 6, lock held. The new block is in place before the old one goes, so that a fault in QXFree loses neither.
-void replaceCached(char *block, uint32_t size) {
+// False after such a fault.
+bool replaceCached(char *block, uint32_t size) {
     char *const old = lastBigAlloc.load(std::memory_order_relaxed);
     if (old != nullptr) {
         assert(old != block && size > lastBigAllocSize);
@@ -193,9 +195,7 @@ void replaceCached(char *block, uint32_t size) {
     }
     lastBigAlloc.store(block, std::memory_order_relaxed);
     lastBigAllocSize = size;
-    if (old != nullptr) {
-        giveBack(old);
-    }
+    return old == nullptr || qxGuarded([old] { giveBack(old); });
 }
 
 void traceRefused(const Releasing &releasing, const char *action, const char *detail) {
@@ -218,8 +218,8 @@ int32_t release(Releasing &releasing) {
     }
     const uint64_t whole = pHA->qwSize; // 4
     const auto size = static_cast<uint32_t>(whole);
-    const uint64_t owner = pHA->pOwner; // the block may be gone when the trace tells of it
     auto *const block = reinterpret_cast<char *>(pHA->lpAddr);
+    uint64_t owner = 0;
     const auto traceFreed = [&](const char *action, int32_t count, const char *detail) {
         TraceRelease(action, "local", tracePointer(owner), dataOf(block), count, releasing.msgarea, releasing.line,
                      detail);
@@ -228,14 +228,19 @@ int32_t release(Releasing &releasing) {
     qxOSInterlockedDecrement(&pHA->lRefCount);
     releasing.count = pHA->lRefCount;
     releasing.counted = true;
+    owner = pHA->pOwner;       // the block may be gone when the trace tells of it
     if (releasing.count > 0) { // 5
         leave(releasing);
         traceFreed("local_free", releasing.count, "LHEAP_Free deref");
         return releasing.count;
     }
     if (size > lastBigAllocSize) { // 6
-        replaceCached(block, size);
+        const bool replaced = replaceCached(block, size);
         traceFreed("local_cache_save", 0, "LHEAP_Free saved local allocation cache");
+        if (!replaced) {
+            releasing.faulted = true;
+            return 0;
+        }
         leave(releasing);
         return 0;
     }
@@ -304,7 +309,7 @@ int32_t LHEAP_Free(PHALLOC *pHA, const char *msgarea, uint32_t line) {
     }
     Releasing releasing{.pHA = pHA, .msgarea = msgarea, .line = line};
     volatile int32_t result = -1;
-    if (!qxGuarded([&] { result = release(releasing); })) {
+    if (!qxGuarded([&] { result = release(releasing); }) || releasing.faulted) {
         warnOfFault("Exception freeing audio video memory");
         if (releasing.locked) {
             leave(releasing);

@@ -20,7 +20,7 @@ namespace brenvole {
 /** Makes a block and stores its data pointer in pDF->lpData.
  *  @param size  bytes, not 0; above 0xFFFFA000 it is refused like a failed QXAlloc
  *  @return the data pointer; null if refused, or what pDF->lpData then holds after a caught fault
- *  @note Takes dfmemLock, but not over QXAlloc. The data is not cleared. */
+ *  @note Takes dfmemLock, but not over its QXAlloc. The data is not cleared. */
 uint8_t *LHEAP_Alloc(uint32_t size, PDFRAME pDF, const char *msgarea, uint32_t line);
 
 /** Drops one reference; the last one caches the block or gives it to QXFree.

@@ -4,6 +4,8 @@
 #include "util/format.h"
 #include "util/hold.h"
 #include "util/host.h"
+#include "util/uninterrupted.h"
+#include "util/unload.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -18,10 +20,17 @@ constexpr uint32_t kPathCapacity = 520;
 constexpr std::size_t kFileBuffer = 0x100000; // rows stay in it until a flush
 constexpr int32_t kScope = -1;                // of configuration values, as QXUtil wants it
 
-char tracePath[kPathCapacity];
 char *fileBuffer = nullptr; // of the open file
 bool atExitDone = false;
+std::atomic<bool> atExitCame = false; // first of all that end the trace, so that its name stands in the file
 std::once_flag lockOnce;
+
+// Lock held.
+void flush() {
+    if (std::FILE *const file = traceFile) {
+        std::fflush(file);
+    }
+}
 
 bool equalsIgnoringCase(const char *text, const char *lower) {
     for (; *text != 0 && *lower != 0; ++text, ++lower) {
@@ -94,20 +103,55 @@ bool TraceBuildPath(char *path, uint32_t capacity) {
     return false;
 }
 
-void closeAtExit() { TraceClose("atexit"); }
+// The host's own handlers and static objects may still release frames, and the pool tells of its leaks: where the
+// library is unloaded behind them, the file is closed then. What there is goes out now, should nobody come that far.
+void closeAtExit() {
+    if (!qxUnloadsBehindExit()) {
+        TraceClose("atexit");
+        return;
+    }
+    atExitCame = true;
+    const QXHold hold(traceLock);
+    flush();
+}
+
+// A forked child has a file of its parent's, with rows that haven't gone out: they go out before, and the child's
+// trace ends where it begins.
+void beforeFork() {
+    qxOSEnterCriticalSection(&traceLock);
+    flush();
+}
+
+void forkedParent() { qxOSLeaveCriticalSection(&traceLock); }
+
+void forkedChild() {
+    traceClosed = 1;
+    if (std::FILE *const file = traceFile.exchange(nullptr)) {
+        std::fclose(file);
+    }
+    qxOSLeaveCriticalSection(&traceLock);
+}
+
+// What TraceOpen works on. The path is found before traceLock is taken, and the message goes out behind it: a message
+// sink may take other locks, and run commands.
+struct Opening {
+    char tracePath[kPathCapacity] = "";
+    bool named = false; // by the user
+    const char *message = nullptr;
+};
 
 // Lock held.
-int32_t TraceOpen() {
+int32_t TraceOpen(Opening &opening) {
     if (traceFile.load() != nullptr) { // 1
         return 1;
     }
-    if (traceClosed != 0) { // 2
+    if (traceClosed != 0) { // 2, and 3 before the lock
         return 0;
     }
-    const bool named = TraceBuildPath(tracePath, sizeof tracePath);                           // 3
-    std::FILE *const file = named ? std::fopen(tracePath, "wb") : qxCreatePrivate(tracePath); // 4
+    std::FILE *const file =
+        opening.named ? qxCreateNamed(opening.tracePath) : qxCreatePrivate(opening.tracePath); // 4
     if (file == nullptr) {
-        ErrOut("Brenvole DFrame trace enabled but unable to open '%s'", tracePath);
+        opening.message = "Brenvole DFrame trace enabled but unable to open '%s'";
         return 0;
     }
     fileBuffer = static_cast<char *>(std::malloc(kFileBuffer)); // 5; a null buffer would be one of another size
@@ -116,11 +160,12 @@ int32_t TraceOpen() {
     }
     traceFile = file;
     TraceWriteHeader();
-    TraceWriteSession("meta", "trace_open", tracePath);
-    std::fflush(file);                                      // 6
-    ErrOut("Brenvole DFrame trace enabled: %s", tracePath); // 7
-    if (!atExitDone) {                                      // 8
+    TraceWriteSession("meta", "trace_open", opening.tracePath);
+    std::fflush(file);                                     // 6
+    opening.message = "Brenvole DFrame trace enabled: %s"; // 7
+    if (!atExitDone) {                                     // 8
         atExitDone = std::atexit(closeAtExit) == 0;
+        qxAtFork(beforeFork, forkedParent, forkedChild);
     }
     return 1;
 }
@@ -138,21 +183,40 @@ void traceLockCreate() {
 }
 
 int32_t TraceDecide() {
+    if (traceState == 1 && traceFile.load() != nullptr && traceClosed == 0) {
+        return 1;
+    }
+    const QXUninterrupted whole;
     if (!anySourceSaysOn()) {
         traceState = -1;
         return 0;
     }
+    Opening opening;
+    if (traceClosed == 0) {
+        opening.named = TraceBuildPath(opening.tracePath, sizeof opening.tracePath);
+    }
     traceLockCreate();
-    const QXHold hold(traceLock);
-    traceState = TraceOpen() != 0 ? 1 : -1;
-    return traceState == 1 ? 1 : 0;
+    int32_t on = 0;
+    {
+        const QXHold hold(traceLock);
+        on = TraceOpen(opening);
+        traceState = on != 0 ? 1 : -1; // before anybody hears of it
+    }
+    if (opening.message != nullptr) {
+        ErrOut(opening.message, opening.tracePath);
+    }
+    return on;
 }
 
 void TraceClose(const char *reason) {
     if (traceState != 1 || traceFile.load() == nullptr || traceClosed != 0) {
         return;
     }
+    if (atExitCame) {
+        reason = "atexit";
+    }
     TraceSnapshot(reason);
+    const QXUninterrupted whole;
     traceLockCreate();
     const QXHold hold(traceLock);
     if (std::FILE *const file = traceFile) {

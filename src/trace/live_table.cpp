@@ -34,6 +34,10 @@ bool matches(const TraceEntry *entry, Match match, const void *dframe, const voi
 
 // From the newest on, entry by entry. A null `kind` takes all. The place that leads to the entry, for its removal.
 TraceEntry **find(const char *kind, Match match, const void *dframe, const void *data) {
+    static TraceEntry *none = nullptr;
+    if (data == nullptr && (dframe == nullptr || match == Match::addressOnly)) {
+        return &none; // nothing to be found: the table may be long
+    }
     TraceEntry **at = &traceActiveHead;
     while (*at != nullptr &&
            ((kind != nullptr && std::strcmp((*at)->kind, kind) != 0) || !matches(*at, match, dframe, data))) {
@@ -59,7 +63,9 @@ void writeEvent(const TraceEntry *entry, const char *action, const char *result,
 
 // Null if there is no memory: the allocation goes on without an entry.
 TraceEntry *makeEntry(const char *kind, const char *msgarea, uint32_t line) {
-    auto *const entry = static_cast<TraceEntry *>(QXAlloc(sizeof(TraceEntry)));
+    void *volatile block = nullptr;
+    qxGuarded([&] { block = QXAlloc(sizeof(TraceEntry)); }); // one that throws has none, either
+    auto *const entry = static_cast<TraceEntry *>(block);
     if (entry == nullptr) {
         return nullptr;
     }
@@ -122,7 +128,7 @@ void traceNoteSite(TraceEntry *entry, const char *msgarea, uint32_t line) {
 
 void traceRecordCall(uint32_t command, int64_t param1, const void *param2, const void *dframe, const void *data,
                      const char *msgarea, uint32_t line) {
-    traceLocked([&] {
+    traceLocked(msgarea, [&](const char *area) {
         const TraceEntry *const entry = traceFindAny(dframe, data);
         const bool local = static_cast<int32_t>(command) < 0;
         char detail[160] = {};
@@ -130,21 +136,20 @@ void traceRecordCall(uint32_t command, int64_t param1, const void *param2, const
                  static_cast<long long>(param1), param2, local ? " sysheap" : "");
         TraceWriteRow("event", commandName(command), "call", local ? "local" : "dframe",
                       entry != nullptr ? entry->allocId : 0, dframe, data, entry != nullptr ? entry->base : nullptr,
-                      static_cast<uint64_t>(param1), 0, entry != nullptr ? entry->refCount : 0, msgarea, line,
-                      detail);
+                      static_cast<uint64_t>(param1), 0, entry != nullptr ? entry->refCount : 0, area, line, detail);
     });
 }
 
 void traceRecordAlloc(const char *kind, const void *dframe, const void *data, const void *base, uint64_t requested,
                       uint64_t actual, int32_t refCount, const char *msgarea, uint32_t line, const char *detail) {
-    traceLocked([&] {
+    traceLocked(msgarea, [&](const char *area) {
         TraceEntry *entry = *find(filterOf(kind), Match::addressElseOwner, dframe, data);
         if (entry == nullptr) {
-            entry = makeEntry(kind, msgarea, line);
+            entry = makeEntry(kind, area, line);
         }
         if (entry == nullptr) {
             TraceWriteRow("event", "alloc", "trace_alloc_failed", kind, 0, dframe, data, base, requested, actual,
-                          refCount, msgarea, line, detail);
+                          refCount, area, line, detail);
             return;
         }
         entry->dframe = dframe;
@@ -153,19 +158,19 @@ void traceRecordAlloc(const char *kind, const void *dframe, const void *data, co
         entry->requested = requested;
         entry->actual = actual;
         entry->refCount = refCount;
-        traceNoteSite(entry, msgarea, line);
-        writeEvent(entry, "alloc", "ok", kind, dframe, data, refCount, msgarea, line, detail);
+        traceNoteSite(entry, area, line);
+        writeEvent(entry, "alloc", "ok", kind, dframe, data, refCount, area, line, detail);
         entry->lastEvent = traceEventId;
     });
 }
 
 void traceRecordRelease(const char *action, const char *kind, const void *dframe, const void *data, int32_t refCount,
                         const char *msgarea, uint32_t line, const char *detail) {
-    traceLocked([&] {
+    traceLocked(msgarea, [&](const char *area) {
         TraceEntry **const at = find(kind, Match::addressElseOwner, dframe, data);
         TraceEntry *const entry = *at;
         const char *const result = entry == nullptr ? "missing" : refCount > 0 ? "deref" : "release";
-        writeEvent(entry, action, result, kind, dframe, data, refCount, msgarea, line,
+        writeEvent(entry, action, result, kind, dframe, data, refCount, area, line,
                    detail); // counts the entry still
         if (entry == nullptr) {
             return;
@@ -173,7 +178,7 @@ void traceRecordRelease(const char *action, const char *kind, const void *dframe
         entry->lastEvent = traceEventId;
         if (refCount > 0) {
             entry->refCount = refCount;
-            traceNoteSite(entry, msgarea, line);
+            traceNoteSite(entry, area, line);
             return;
         }
         *at = entry->next;
@@ -201,23 +206,23 @@ void touch(TraceEntry *entry, const char *action, const char *kind, const void *
 
 void traceRecordSwapOwner(const char *action, const char *kind, const void *dframe, const void *data,
                           int32_t refCount, const char *msgarea, uint32_t line, const char *detail) {
-    traceLocked([&] {
+    traceLocked(msgarea, [&](const char *area) {
         TraceEntry *const entry = *find(filterOf(kind), Match::addressOnly, dframe, data);
         if (entry != nullptr) {
             entry->dframe = dframe; // the new owner, also if it is null
         }
-        touch(entry, action, kind, dframe, data, refCount, msgarea, line, detail);
+        touch(entry, action, kind, dframe, data, refCount, area, line, detail);
     });
 }
 
 void traceRecordTouch(const char *action, const char *kind, const void *dframe, const void *data, int32_t refCount,
                       const char *msgarea, uint32_t line, const char *detail) {
-    traceLocked([&] {
+    traceLocked(msgarea, [&](const char *area) {
         TraceEntry *const entry = *find(filterOf(kind), Match::addressOrOwner, dframe, data);
         if (entry != nullptr && dframe != nullptr) {
             entry->dframe = dframe;
         }
-        touch(entry, action, kind, dframe, data, refCount, msgarea, line, detail);
+        touch(entry, action, kind, dframe, data, refCount, area, line, detail);
     });
 }
 

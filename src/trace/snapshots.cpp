@@ -60,9 +60,9 @@ void writeSnapshot(const char *reason) {
 void traceRecordProblem(const char *action, const void *dframe, const void *data, uint64_t requested, uint64_t actual,
                         int32_t refCount, const char *msgarea, uint32_t line, const char *detail) {
     volatile uint64_t number = 0;
-    traceLocked([&] {
+    traceLocked(msgarea, [&](const char *area) {
         number = ++problemCount;
-        writeProblem(action, dframe, data, requested, actual, refCount, msgarea, line, detail);
+        writeProblem(action, dframe, data, requested, actual, refCount, area, line, detail);
     });
     if (number <= kEachUpTo || std::has_single_bit(uint64_t{number})) {
         TraceSnapshot(action);
@@ -73,7 +73,7 @@ void TraceSnapshot(const char *reason) {
     if (traceState != 1 || traceFile.load() == nullptr || traceClosed != 0) {
         return;
     }
-    traceLocked([reason] { writeSnapshot(reason); });
+    traceLocked(nullptr, [reason](const char *) { writeSnapshot(reason); });
 }
 
 } // namespace brenvole

@@ -10,12 +10,13 @@
 
 #include "util/guard.h"
 #include "util/qxutil.h"
+#include "util/uninterrupted.h"
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <utility>
+#include <cstring>
 
 namespace brenvole {
 
@@ -30,16 +31,21 @@ extern QXCRITICALSECTION traceLock;
 /** Creates traceLock once, whichever thread comes first. It is never deleted. */
 void traceLockCreate();
 
-/** Runs a piece of a recorder with traceLock held. A fault in it, such as a call site's text that has gone, ends that
- *  piece and nothing else: the program goes on as it does without the trace. */
-template <class Work> void traceLocked(Work &&work) {
+/** Runs a recorder's work with traceLock held, as work(msgarea). A call site's text that has gone is as good as none.
+ * A fault in the work, such as an allocator's, ends it and nothing else: the program goes on as it does without the
+ *  trace. */
+template <class Work> void traceLocked(const char *msgarea, Work &&work) {
+    const QXUninterrupted whole;
+    const char *volatile readable = nullptr;
+    qxGuarded([&] { readable = msgarea != nullptr && std::strlen(msgarea) != 0 ? msgarea : nullptr; });
     traceLockCreate();
     qxOSEnterCriticalSection(&traceLock);
-    qxGuarded(std::forward<Work>(work));
+    qxGuarded([&] { work(readable); });
     qxOSLeaveCriticalSection(&traceLock);
 }
 
-/** The rare part of TraceIsEnabled: reads the sources, and opens the file if one says on. */
+/** The rest of TraceIsEnabled: 1 at once while the trace runs; else reads the sources, and opens the file if one says
+ *  on. */
 int32_t TraceDecide();
 
 /** False in a build that measures what the calls cost: then none is made. */
@@ -55,15 +61,10 @@ inline int32_t TraceIsEnabled() {
     if constexpr (!kTraceCalls) {
         return 0;
     }
-    const int32_t state = traceState.load(std::memory_order_relaxed);
-    if (state == 1 && traceFile.load(std::memory_order_relaxed) != nullptr &&
-        traceClosed.load(std::memory_order_relaxed) == 0) {
-        return 1;
-    }
-    if (state == -1) {
+    if (traceState.load(std::memory_order_relaxed) == -1) [[likely]] {
         const uint32_t calls = traceRecheck.load(std::memory_order_relaxed) + 1;
         traceRecheck.store(calls, std::memory_order_relaxed);
-        if ((calls & kRecheckMask) != 0) {
+        if ((calls & kRecheckMask) != 0) [[likely]] {
             return 0;
         }
     }
@@ -110,33 +111,33 @@ void traceRecordTouch(const char *action, const char *kind, const void *dframe, 
 void traceRecordProblem(const char *action, const void *dframe, const void *data, uint64_t requested, uint64_t actual,
                         int32_t refCount, const char *msgarea, uint32_t line, const char *detail);
 
-template <class... Values> void TraceCall(Values... values) {
-    if (TraceIsEnabled() != 0) {
+template <class... Values> void TraceCall(const Values &...values) {
+    if (TraceIsEnabled() != 0) [[unlikely]] {
         traceRecordCall(values...);
     }
 }
-template <class... Values> void TraceAlloc(Values... values) {
-    if (TraceIsEnabled() != 0) {
+template <class... Values> void TraceAlloc(const Values &...values) {
+    if (TraceIsEnabled() != 0) [[unlikely]] {
         traceRecordAlloc(values...);
     }
 }
-template <class... Values> void TraceRelease(Values... values) {
-    if (TraceIsEnabled() != 0) {
+template <class... Values> void TraceRelease(const Values &...values) {
+    if (TraceIsEnabled() != 0) [[unlikely]] {
         traceRecordRelease(values...);
     }
 }
-template <class... Values> void TraceSwapOwner(Values... values) {
-    if (TraceIsEnabled() != 0) {
+template <class... Values> void TraceSwapOwner(const Values &...values) {
+    if (TraceIsEnabled() != 0) [[unlikely]] {
         traceRecordSwapOwner(values...);
     }
 }
-template <class... Values> void TraceTouch(Values... values) {
-    if (TraceIsEnabled() != 0) {
+template <class... Values> void TraceTouch(const Values &...values) {
+    if (TraceIsEnabled() != 0) [[unlikely]] {
         traceRecordTouch(values...);
     }
 }
-template <class... Values> void TraceProblem(Values... values) {
-    if (TraceIsEnabled() != 0) {
+template <class... Values> void TraceProblem(const Values &...values) {
+    if (TraceIsEnabled() != 0) [[unlikely]] {
         traceRecordProblem(values...);
     }
 }

@@ -11,7 +11,9 @@
 #include "ini.h"
 #include "platform.h"
 #include "qxutil.h"
+#include "uninterrupted.h"
 
+#include <chrono>
 #include <cstring>
 #include <mutex>
 #include <optional>
@@ -27,9 +29,12 @@ constexpr uint32_t kFound = 0;
 constexpr uint32_t kNotFound = 2;
 constexpr uint32_t kTooLong = 234;
 
+using Clock = std::chrono::steady_clock;
+
 struct Store {
     std::string path;
     QXFileStamp stamp;
+    Clock::time_point freshUntil; // questions that come at once behind one another share a look at the file
     std::string content;
     IniEntries entries;
 };
@@ -50,10 +55,18 @@ std::string storePath() {
 void refresh(std::string &complaints) {
     Store fresh;
     fresh.path = storePath();
+    const Clock::time_point begin = Clock::now();
+    if (store != nullptr && store->path == fresh.path && begin < store->freshUntil) {
+        return;
+    }
     fresh.stamp = fresh.path.empty() ? QXFileStamp{} : qxFileStamp(fresh.path.c_str());
+    const Clock::time_point end = Clock::now();
+    // Nobody changes a file in half the time that it takes to look at it.
+    fresh.freshUntil = fresh.stamp.bSettled ? end + (end - begin) / 2 : end;
     if (store == nullptr) {
         store = new Store;
     } else if (store->path == fresh.path && store->stamp == fresh.stamp && store->stamp.bSettled) {
+        store->freshUntil = fresh.freshUntil;
         return;
     }
     if (fresh.stamp.bExists && !qxReadFile(fresh.path.c_str(), kLargestStore, fresh.content)) {
@@ -77,9 +90,11 @@ std::optional<std::string> find(const char *section, const char *key) {
     {
         const std::scoped_lock hold(storeLock);
         refresh(complaints);
-        const auto entry = store->entries.find(iniName(section, key));
-        if (entry != store->entries.end()) {
-            value = entry->second;
+        if (!store->entries.empty()) { // often it is: then no name has to be made up
+            const auto entry = store->entries.find(iniName(section, key));
+            if (entry != store->entries.end()) {
+                value = entry->second;
+            }
         }
     }
     if (!complaints.empty()) {
@@ -94,6 +109,7 @@ uint32_t qxCFGValueDword(int32_t, const char *section, const char *key, uint32_t
     if (section == nullptr || key == nullptr || value == nullptr) {
         return kNotFound;
     }
+    const QXUninterrupted whole; // a cancelled thread would get stuck in what is caught below
     try {
         const std::optional<std::string> text = find(section, key);
         return text && iniNumber(*text, *value) ? kFound : kNotFound;
@@ -106,6 +122,7 @@ uint32_t qxCFGValueString(int32_t, const char *section, const char *key, char *b
     if (section == nullptr || key == nullptr || buffer == nullptr || size == nullptr) {
         return kNotFound;
     }
+    const QXUninterrupted whole;
     try {
         const std::optional<std::string> text = find(section, key);
         if (!text) {

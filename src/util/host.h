@@ -9,9 +9,18 @@
  *  must not decide what it writes, and where. Valid until the variable changes. */
 const char *qxHostEnvironment(const char *name) noexcept;
 
+/** Opens a file that the user has named for writing; what stands there is replaced. Programs that this one starts
+ * don't inherit it, nor the other one.
+ *  @return null if it can't be opened */
+std::FILE *qxCreateNamed(const char *path) noexcept;
+
 /** Opens a file of the process's own for writing, under a name that somebody else could have guessed: nothing that
  *  stands there is followed or kept, and nobody else can read what is written.
  *  @return null if it can't be made */
 std::FILE *qxCreatePrivate(const char *path) noexcept;
+
+/** From now on: `before` runs ahead of each fork of this process, then one of the others on either side. Where
+ * processes don't fork, none runs. */
+void qxAtFork(void (*before)(), void (*inParent)(), void (*inChild)()) noexcept;
 
 #endif

@@ -2,6 +2,7 @@
 // one write at the file's end, so that several processes may share it and none is lost if the process dies.
 #include "platform.h"
 #include "qxutil.h"
+#include "uninterrupted.h"
 
 #include <cerrno>
 #include <cstring>
@@ -10,7 +11,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,18 +19,6 @@ namespace {
 int logFile = -1;        // open file of QXUTIL_LOG, or standard error; -1 until the first message; under logLock
 struct stat logIdentity; // of that file, if it isn't standard error
 std::mutex logLock;
-
-// Message writing must not become a point where a thread can be cancelled: the caller may hold locks.
-class NoCancel {
-  public:
-    NoCancel() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-    ~NoCancel() { pthread_setcancelstate(before_, nullptr); }
-    NoCancel(const NoCancel &) = delete;
-    NoCancel &operator=(const NoCancel &) = delete;
-
-  private:
-    int before_ = PTHREAD_CANCEL_ENABLE;
-};
 
 void writeAll(int file, std::string_view text) {
     constexpr int kPatienceMs = 1000; // with a full pipe that doesn't block
@@ -69,14 +57,10 @@ bool logStillOpen() {
 } // namespace
 
 void qxLogWrite(const char *text, std::size_t length) noexcept {
-    const int error = errno; // a message must not change what its caller sees
-    {
-        const NoCancel whole;
-        const std::scoped_lock hold(logLock);
-        if (!logStillOpen()) {
-            logFile = openLog();
-        }
-        writeAll(logFile, {text, length});
+    const QXUninterrupted whole;
+    const std::scoped_lock hold(logLock);
+    if (!logStillOpen()) {
+        logFile = openLog();
     }
-    errno = error;
+    writeAll(logFile, {text, length});
 }

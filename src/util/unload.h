@@ -7,4 +7,7 @@
  *  do so itself. Called by the first command; later calls do nothing. */
 void qxHookUnload();
 
+/** True if that comes behind the at-exit handlers and static objects of the whole process. */
+bool qxUnloadsBehindExit();
+
 #endif

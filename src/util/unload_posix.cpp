@@ -13,3 +13,5 @@ __attribute__((destructor)) void detach() { DllMain(nullptr, kProcessDetach, nul
 } // namespace
 
 void qxHookUnload() {} // that a command names this unit is what brings it into a static link
+
+bool qxUnloadsBehindExit() { return true; }

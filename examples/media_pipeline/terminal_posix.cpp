@@ -1,5 +1,0 @@
-#include "terminal.h"
-
-#include <unistd.h>
-
-bool errorsGoToTerminal() { return isatty(STDERR_FILENO) != 0; }
