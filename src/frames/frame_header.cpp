@@ -73,8 +73,10 @@ PDFRAME allocPDFRAME(uint32_t size, const char *msgarea, uint32_t line) {
     }
     PDFRAME const whole = frame;
     if (whole != nullptr) {
-        TraceAlloc("dframe", whole, whole, frameBlockOf(whole), size, uint64_t{recordSize} + kCountBytes, 1, msgarea,
-                   line, "allocPDFRAME");
+        whenTracing([&] {
+            traceRecordAlloc("dframe", whole, whole, frameBlockOf(whole), size, uint64_t{recordSize} + kCountBytes, 1,
+                             msgarea, line, "allocPDFRAME");
+        });
     }
     return whole;
 }

@@ -121,8 +121,11 @@ PHALLOC *writeDescriptor(const Making &making) {
 
 // Lock held.
 void traceHandedOut(const Making &making, const PHALLOC *descriptor) {
-    TraceAlloc("local", making.pDF, LHEAP_DataStart(descriptor), tracePointer(descriptor->lpAddr), making.wanted,
-               descriptor->qwSize, descriptor->lRefCount, making.msgarea, making.line, "LHEAP_Alloc");
+    whenTracing([&] {
+        traceRecordAlloc("local", making.pDF, LHEAP_DataStart(descriptor), tracePointer(descriptor->lpAddr),
+                         making.wanted, descriptor->qwSize, descriptor->lRefCount, making.msgarea, making.line,
+                         "LHEAP_Alloc");
+    });
 }
 
 // Step 7: the frame gets its data. The store stands first, since it alone can fault: then nothing was counted.
@@ -221,8 +224,10 @@ int32_t release(Releasing &releasing) {
     auto *const block = reinterpret_cast<char *>(pHA->lpAddr);
     uint64_t owner = 0;
     const auto traceFreed = [&](const char *action, int32_t count, const char *detail) {
-        TraceRelease(action, "local", tracePointer(owner), dataOf(block), count, releasing.msgarea, releasing.line,
-                     detail);
+        whenTracing([&] {
+            traceRecordRelease(action, "local", tracePointer(owner), dataOf(block), count, releasing.msgarea,
+                               releasing.line, detail);
+        });
     };
     enter(releasing);
     qxOSInterlockedDecrement(&pHA->lRefCount);

@@ -212,9 +212,12 @@ uint64_t DFHEAP_AllocTrace(DFHEAP *heap, uint64_t *size, uint64_t owner, uint64_
     if (physOffset != nullptr) {
         *physOffset = record->qwOffset;
     }
-    TraceAlloc("phys", tracePointer(owner), tracePointer(record->lpAddr), tracePointer(record->lpAddr), wanted,
-               record->qwSize, record->lRefCount, msgarea, line, "DFHEAP_Alloc");
-    return record->lpAddr;
+    const uint64_t addr = record->lpAddr;
+    whenTracing([&] {
+        traceRecordAlloc("phys", tracePointer(owner), tracePointer(addr), tracePointer(addr), wanted, record->qwSize,
+                         record->lRefCount, msgarea, line, "DFHEAP_Alloc");
+    });
+    return addr;
 }
 
 } // namespace brenvole

@@ -254,8 +254,10 @@ struct Freeing {
 };
 
 void traceFreed(const Freeing &freeing, const PHALLOC *record, int32_t count, const char *detail) {
-    TraceRelease("phys_free", "phys", tracePointer(record->pOwner), tracePointer(record->lpAddr), count,
-                 freeing.placing.msgarea, freeing.placing.line, detail);
+    whenTracing([&] {
+        traceRecordRelease("phys_free", "phys", tracePointer(record->pOwner), tracePointer(record->lpAddr), count,
+                           freeing.placing.msgarea, freeing.placing.line, detail);
+    });
 }
 
 // The block has left AllocList: its owner is told, and it no longer counts.

@@ -172,8 +172,6 @@ int32_t TraceOpen(Opening &opening) {
 
 } // namespace
 
-std::atomic<int32_t> traceState = 0;
-std::atomic<uint32_t> traceRecheck = 0;
 std::atomic<int32_t> traceClosed = 0;
 std::atomic<std::FILE *> traceFile = nullptr;
 QXCRITICALSECTION traceLock;

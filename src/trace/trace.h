@@ -22,10 +22,11 @@ namespace brenvole {
 
 /** @name Activation and file
  *  @{ */
-extern std::atomic<int32_t> traceState;    // 0 not decided yet, 1 on, -1 off
-extern std::atomic<uint32_t> traceRecheck; // calls of TraceIsEnabled while off; an increment may get lost
-extern std::atomic<int32_t> traceClosed;   // 1 once the trace has ended for good
-extern std::atomic<std::FILE *> traceFile; // written under traceLock
+// Inline, so that a test reads them in place and not by way of a table.
+inline std::atomic<int32_t> traceState = 0;    // 0 not decided yet, 1 on, -1 off
+inline std::atomic<uint32_t> traceRecheck = 0; // calls of TraceIsEnabled while off; an increment may get lost
+extern std::atomic<int32_t> traceClosed;       // 1 once the trace has ended for good
+extern std::atomic<std::FILE *> traceFile;     // written under traceLock
 extern QXCRITICALSECTION traceLock;
 
 /** Creates traceLock once, whichever thread comes first. It is never deleted. */
@@ -110,6 +111,13 @@ void traceRecordTouch(const char *action, const char *kind, const void *dframe, 
                       const char *msgarea, uint32_t line, const char *detail);
 void traceRecordProblem(const char *action, const void *dframe, const void *data, uint64_t requested, uint64_t actual,
                         int32_t refCount, const char *msgarea, uint32_t line, const char *detail);
+
+/** The same where an event is on every frame's way: what `record` reads, it reads only while the trace runs. */
+template <class Record> void whenTracing(const Record &record) {
+    if (TraceIsEnabled() != 0) [[unlikely]] {
+        record();
+    }
+}
 
 template <class... Values> void TraceCall(const Values &...values) {
     if (TraceIsEnabled() != 0) [[unlikely]] {

@@ -41,24 +41,29 @@ struct Store {
 Store *store = nullptr; // made at the first question, never deleted: threads may ask until the process ends
 std::mutex storeLock;   // guards `store`; messages go out after it is left, since a sink may ask the store
 
-std::string storePath() {
+// Where the store is; empty if nowhere. In `built`, if the path has to be made up: memory would cost more than the
+// rest, and the trace asks again and again.
+constexpr char kStoreName[] = "qxutil.ini";
+using BuiltPath = char[QX_PATH_CAPACITY + sizeof kStoreName];
+const char *storePath(BuiltPath &built) {
     if (const char *own = qxEnvironment("QXUTIL_CONFIG")) {
         return own;
     }
-    char directory[QX_PATH_CAPACITY];
-    qxOSGetConfigDir(directory, 0);
-    return *directory != 0 ? std::string(directory) + "qxutil.ini" : std::string();
+    qxOSGetConfigDir(built, 0);
+    return *built != 0 ? std::strcat(built, kStoreName) : built;
 }
 
 // Lock held. Reads the file anew if it is another one, or has changed, since the last time. What it replaces goes
 // when all of the new is there, so that want of memory in between loses nothing.
 void refresh(std::string &complaints) {
-    Store fresh;
-    fresh.path = storePath();
+    BuiltPath built;
+    const char *const path = storePath(built);
     const Clock::time_point begin = Clock::now();
-    if (store != nullptr && store->path == fresh.path && begin < store->freshUntil) {
+    if (store != nullptr && begin < store->freshUntil && store->path == path) {
         return;
     }
+    Store fresh;
+    fresh.path = path;
     fresh.stamp = fresh.path.empty() ? QXFileStamp{} : qxFileStamp(fresh.path.c_str());
     const Clock::time_point end = Clock::now();
     // Nobody changes a file in half the time that it takes to look at it.

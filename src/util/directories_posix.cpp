@@ -13,29 +13,31 @@
 
 namespace {
 
-bool copyOut(std::string_view path, char *buffer, std::size_t capacity) {
-    const bool ends = path.ends_with('/');
-    const std::size_t length = path.size() + (ends ? 0 : 1);
+// Writes `path`, `below` and a slash at their end. False if it doesn't fit, with an empty buffer.
+bool copyOut(std::string_view path, std::string_view below, char *buffer, std::size_t capacity) {
+    const std::string_view last = below.empty() ? path : below;
+    const std::size_t length = path.size() + below.size() + (last.ends_with('/') ? 0 : 1);
     if (length >= capacity) {
         return false;
     }
     std::memcpy(buffer, path.data(), path.size());
+    std::memcpy(buffer + path.size(), below.data(), below.size());
     buffer[length - 1] = '/';
     buffer[length] = 0;
     return true;
 }
 
-// QXUTIL_CONFIG_DIR, else `qxutil` below the user's configuration directory; empty if there is none.
-std::string configDirectory() {
+// QXUTIL_CONFIG_DIR, else `qxutil` below the user's configuration directory. False if there is none.
+bool configDirectory(char *buffer) {
     if (const char *own = qxEnvironment("QXUTIL_CONFIG_DIR")) {
-        return own;
+        return copyOut(own, "", buffer, QX_PATH_CAPACITY);
     }
     const char *user = qxEnvironment("XDG_CONFIG_HOME");
     if (user != nullptr && *user == '/') { // a relative one is to be ignored
-        return std::string(user) + "/qxutil";
+        return copyOut(user, "/qxutil", buffer, QX_PATH_CAPACITY);
     }
     const char *home = qxEnvironment("HOME");
-    return home != nullptr && *home == '/' ? std::string(home) + "/.config/qxutil" : std::string();
+    return home != nullptr && *home == '/' && copyOut(home, "/.config/qxutil", buffer, QX_PATH_CAPACITY);
 }
 
 // Makes the directory and what is missing above it, for the user alone. False if it isn't there at the end.
@@ -56,13 +58,16 @@ void qxOSGetConfigDir(char *buffer, int32_t create) {
         return;
     }
     *buffer = 0;
+    if (!configDirectory(buffer) || create == 0) {
+        return;
+    }
     try {
-        const std::string path = configDirectory();
-        if (!path.empty() && copyOut(path, buffer, QX_PATH_CAPACITY) && create != 0 && !makeDirectory(path)) {
-            *buffer = 0;
+        if (makeDirectory(buffer)) {
+            return;
         }
     } catch (const std::bad_alloc &) { // then there is no directory either
     }
+    *buffer = 0;
 }
 
 void qxOSGetTempDir(char *buffer, uint32_t capacity) {
@@ -71,7 +76,7 @@ void qxOSGetTempDir(char *buffer, uint32_t capacity) {
     }
     *buffer = 0;
     const char *own = qxEnvironment("TMPDIR");
-    if (own == nullptr || !copyOut(own, buffer, capacity)) {
-        copyOut("/tmp/", buffer, capacity);
+    if (own == nullptr || !copyOut(own, "", buffer, capacity)) {
+        copyOut("/tmp/", "", buffer, capacity);
     }
 }
