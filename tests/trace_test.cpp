@@ -364,6 +364,7 @@ TEST_F(TraceFile, NothingOfItReachesTheProgram) {
         PDFRAME garbage = reinterpret_cast<PDFRAME>(16);
         const bool refused = DFrameMem(DFRAME_ALLOC, 0, 1, &garbage) == DFMEM_E_INVALIDARG;
         DFrameMemTrace(DFRAME_SMALLEST, 0, 0, nullptr, reinterpret_cast<const char *>(16), 7777);
+        const int error = errno;
         pthread_t cancelled;
         const auto cancelledInside = [](void *) -> void * {
             pthread_cancel(pthread_self());
@@ -377,7 +378,7 @@ TEST_F(TraceFile, NothingOfItReachesTheProgram) {
         const pid_t child = fork();
         if (child == 0) { std::exit(0); }
         waitpid(child, nullptr, 0);
-        if (!refused || errno != 7) { _exit(1); }
+        if (!refused || error != 7) { _exit(1); }
     });
     const std::string content = contentOf(file);
     const auto rows = std::to_string(std::count(content.begin(), content.end(), '\n'));
