@@ -361,10 +361,10 @@ TEST_F(TraceFile, NothingOfItReachesTheProgram) {
         DFrameMem(DFRAME_ALLOC | DFRAME_FLAG_SYSHEAP, 100, 1, &late); // the first try to open a file
         setenv("QXBRENVOLE_TRACE_FILE", file.c_str(), 1);
         while (TraceIsEnabled() == 0) {} // the next one
+        const int error = errno;
         PDFRAME garbage = reinterpret_cast<PDFRAME>(16);
         const bool refused = DFrameMem(DFRAME_ALLOC, 0, 1, &garbage) == DFMEM_E_INVALIDARG;
         DFrameMemTrace(DFRAME_SMALLEST, 0, 0, nullptr, reinterpret_cast<const char *>(16), 7777);
-        const int error = errno;
         pthread_t cancelled;
         const auto cancelledInside = [](void *) -> void * {
             pthread_cancel(pthread_self());
