@@ -16,6 +16,10 @@ add_library(brenvole_settings INTERFACE)
 target_compile_options(brenvole_settings INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow
   $<$<BOOL:${BRENVOLE_WERROR}>:-Werror>)
 target_include_directories(brenvole_settings INTERFACE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src)
+if(WIN32)
+  add_link_options(-static) # a program needs nothing but our two libraries and the system's
+  add_compile_definitions(_WIN32_WINNT=0x0601 WIN32_LEAN_AND_MEAN NOMINMAX)
+endif()
 if(BRENVOLE_SANITIZE)
   # noinline frames make reports readable; a failed check ends the program, so that no test passes over it
   add_compile_options(-fsanitize=${BRENVOLE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
@@ -26,17 +30,28 @@ endif()
 # that a library that embeds it doesn't pass our names on.
 function(brenvole_library name api)
   find_package(Threads REQUIRED)
-  set(map ${PROJECT_SOURCE_DIR}/cmake/${name}.map)
-  add_library(${name} SHARED ${ARGN})
+  if(WIN32)
+    set(map ${PROJECT_SOURCE_DIR}/cmake/${name}.def)
+    add_library(${name} SHARED ${ARGN} ${map})
+  else()
+    set(map ${PROJECT_SOURCE_DIR}/cmake/${name}.map)
+    add_library(${name} SHARED ${ARGN})
+  endif()
   add_library(${name}_static STATIC ${ARGN})
   set_target_properties(${name}_static PROPERTIES OUTPUT_NAME ${name} POSITION_INDEPENDENT_CODE ON)
-  target_compile_definitions(${name} PRIVATE "${api}=__attribute__((visibility(\"default\")))")
-  set_target_properties(${name} PROPERTIES
-    VERSION ${PROJECT_VERSION} SOVERSION ${BRENVOLE_ABI} LINK_DEPENDS ${map} BUILD_RPATH_USE_ORIGIN ON
-    INSTALL_RPATH $ORIGIN)
-  # symbolic: the library's calls of its own exports stay inside it; DllMain is a name that others have too
-  target_link_options(${name} PRIVATE -Wl,--version-script=${map} -Wl,-Bsymbolic-functions)
-  if(NOT BRENVOLE_SANITIZE) # a sanitizer's runtime is linked into the program, not into its libraries
+  if(WIN32)
+    set(dll_qxutil QXUtil)
+    set(dll_brenvole Brenvole)
+    set_target_properties(${name} PROPERTIES OUTPUT_NAME ${dll_${name}} PREFIX "" LINK_DEPENDS ${map})
+  else()
+    target_compile_definitions(${name} PRIVATE "${api}=__attribute__((visibility(\"default\")))")
+    set_target_properties(${name} PROPERTIES
+      VERSION ${PROJECT_VERSION} SOVERSION ${BRENVOLE_ABI} LINK_DEPENDS ${map} BUILD_RPATH_USE_ORIGIN ON
+      INSTALL_RPATH $ORIGIN)
+    # symbolic: the library's calls of its own exports stay inside it; DllMain is a name that others have too
+    target_link_options(${name} PRIVATE -Wl,--version-script=${map} -Wl,-Bsymbolic-functions)
+  endif()
+  if(NOT BRENVOLE_SANITIZE AND NOT WIN32) # a sanitizer's runtime is linked into the program, not into its libraries
     target_link_options(${name} PRIVATE -Wl,--no-undefined)
   endif()
   foreach(target ${name} ${name}_static)

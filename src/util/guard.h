@@ -42,6 +42,10 @@ ForeignWord qxLookAtForeign(std::uintptr_t address, std::uint32_t expected);
 /** Marks a function that reads memory which nobody vouches for. The sanitizers would report what is its
  *  purpose: to look where released blocks, other threads' blocks and red zones may lie. It reads through
  *  volatile and calls nothing. */
+#ifdef __GNUC__
 #define QX_READS_FOREIGN_MEMORY __attribute__((noinline, no_sanitize("address", "thread", "undefined")))
+#else
+#define QX_READS_FOREIGN_MEMORY
+#endif
 
 #endif
