@@ -16,3 +16,10 @@ install(FILES ${PROJECT_BINARY_DIR}/brenvole-config.cmake ${PROJECT_BINARY_DIR}/
 file(RELATIVE_PATH pc_prefix /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(cmake/brenvole.pc.in ${PROJECT_BINARY_DIR}/brenvole.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/brenvole.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+if(WIN32)
+  # Import libraries for this compiler are installed with the targets; the other one's `lib` tool makes its own of these.
+  install(FILES cmake/brenvole.def cmake/qxutil.def README.md LICENSE DESTINATION .)
+  set(CPACK_PACKAGE_FILE_NAME brenvole-${PROJECT_VERSION}-windows-x64)
+  include(CPack)
+endif()

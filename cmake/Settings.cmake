@@ -17,7 +17,7 @@ target_compile_options(brenvole_settings INTERFACE -Wall -Wextra -Wpedantic -Wco
   $<$<BOOL:${BRENVOLE_WERROR}>:-Werror>)
 target_include_directories(brenvole_settings INTERFACE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src)
 if(WIN32)
-  add_link_options(-static) # a program needs nothing but our two libraries and the system's
+  add_link_options(-static $<$<CONFIG:Release>:-s>) # programs need nothing but our two libraries and the system's
   add_compile_definitions(_WIN32_WINNT=0x0601 WIN32_LEAN_AND_MEAN NOMINMAX)
 endif()
 if(BRENVOLE_SANITIZE)

@@ -1,0 +1,65 @@
+/* Loads Brenvole.dll by its name, as programs do that aren't linked with it: every function by ordinal and by name, a
+ * frame's life, unloaded, and once more from the start. */
+#include <brenvole/dfheap.h>
+#include <brenvole/dframe.h>
+
+#include <stdio.h>
+#include <string.h>
+
+#include <windows.h>
+
+static const struct {
+    WORD ordinal;
+    const char *name;
+} kExports[] = {{1, "DllMain"},          {2, "DFrameMem"},         {3, "DFHEAP_Alloc"},
+                {4, "DFHEAP_AddRef"},    {5, "DFHEAP_Free"},       {6, "DFHEAP_Create"},
+                {7, "DFHEAP_Resize"},    {8, "DFHEAP_Destroy"},    {9, "DFHEAP_LargestAvail"},
+                {10, "DFHEAP_State"},    {11, "DFHEAP_Lock"},      {12, "DFHEAP_SwapRef"},
+                {13, "DFHEAP_FixAlloc"}, {14, "DFHEAP_FindAlloc"}, {15, "DFrameMemTrace"},
+                {99, "_DFHEAP_DumpList"}};
+
+typedef uint64_t (*Command)(uint32_t, int64_t, uintptr_t, PDFRAME *);
+
+static int fail(const char *what) {
+    printf("failed: %s\n", what);
+    return 1;
+}
+
+static int life(Command run) {
+    PDFRAME frame = NULL, copy = NULL;
+    if (run(DFRAME_RESET, 8000000, 0, NULL) != 0 || run(DFRAME_ALLOC, 100000, DFRAME_SIZE, &frame) != 0) {
+        return fail("a pool and a frame");
+    }
+    memset(frame->lpData, 7, 100000);
+    frame->dwBytesUsed = 100000;
+    if (run(DFRAME_ISBRENVOLE, 0, 0, &frame) != 1 || run(DFRAME_COPY, 0, (uintptr_t)&frame, &copy) != 0 ||
+        memcmp(frame->lpData, copy->lpData, 100000) != 0) {
+        return fail("a copy");
+    }
+    if (run(DFRAME_FREE, 0, 0, &frame) != 0 || run(DFRAME_FREE, 0, 0, &copy) != 0 || frame != NULL) {
+        return fail("the release");
+    }
+    return run(DFRAME_TOTALUSED, 0, 0, NULL) != 0 ? fail("an empty pool") : 0;
+}
+
+static int once(void) {
+    HMODULE library = LoadLibraryA("Brenvole.dll");
+    if (library == NULL) { return fail("LoadLibrary"); }
+    for (size_t i = 0; i < sizeof kExports / sizeof *kExports; ++i) {
+        FARPROC named = GetProcAddress(library, kExports[i].name);
+        if (named == NULL || named != GetProcAddress(library, (LPCSTR)(ULONG_PTR)kExports[i].ordinal)) {
+            return fail(kExports[i].name);
+        }
+    }
+    if (life((Command)(uintptr_t)GetProcAddress(library, (LPCSTR)2)) != 0) { return 1; }
+    FreeLibrary(library);
+    return GetModuleHandleA("Brenvole.dll") != NULL ? fail("FreeLibrary") : 0;
+}
+
+int main(void) {
+    for (int i = 0; i < 3; ++i) {
+        if (once() != 0) { return 1; }
+    }
+    puts("ok");
+    return 0;
+}
