@@ -26,7 +26,7 @@ TEST(Format, LongHas32Bits) {
     EXPECT_EQ(format("%hd %hhu %zu %I32u", 65537, 511u, std::size_t{9}, 8u), "1 255 9 8");
 }
 
-TEST(Format, TextsPointersAndDoubles) {
+TEST(Format, TextsPointersDoublesAndTheRest) {
     EXPECT_EQ(format("0x%p|%p", reinterpret_cast<void *>(0x1F2A3B40080), static_cast<void *>(nullptr)),
               "0x000001F2A3B40080|0000000000000000");
     EXPECT_EQ(format("%s|%s|%c|%%|%5s|%-5s|%.2s", "a", static_cast<const char *>(nullptr), 'x', "ab", "ab", "abc"),
@@ -38,10 +38,7 @@ TEST(Format, TextsPointersAndDoubles) {
     EXPECT_EQ(
         format("%5d|%-5d|%05d|%+d|% d|%.3d|%*d|%-*d|%.*s|%#x", 42, 42, -42, 42, 42, 7, 4, 1, 3, 2, 1, "xyz", 255u),
         "   42|42   |-0042|+42| 42|007|   1|2  |x|0xff");
-}
-
-// What is no conversion is printed as it stands and takes no argument.
-TEST(Format, UnknownConversions) {
+    // What is no conversion is printed as it stands and takes no argument.
     EXPECT_EQ(format("%n%q%-08.3lk|%d", 5), "%n%q%-08.3lk|5");
     EXPECT_EQ(format("100%"), "100%");
     EXPECT_EQ(format("%5"), "%5");
@@ -56,17 +53,12 @@ TEST(Format, NeverPastTheBuffer) {
         for (auto i = random() % 12; i > 0; --i) { text += letters[random() % letters.size()]; }
         // Arguments that serve every conversion: a pointer to a text, whatever reads it. Doubles come from
         // registers of their own.
-        char guarded[48];
-        std::memset(guarded, 0x7E, sizeof guarded);
+        std::string guarded(48, '~');
         const std::size_t capacity = random() % 32;
-        const char *text_argument = "text";
-        qxFormat(guarded, capacity, text.c_str(), text_argument, text_argument, text_argument, text_argument,
-                 text_argument, text_argument, text_argument, text_argument, text_argument, text_argument,
-                 text_argument, text_argument);
-        for (std::size_t i = capacity; i < sizeof guarded; ++i) {
-            ASSERT_EQ(guarded[i], 0x7E) << "format " << text << " capacity " << capacity;
-        }
-        ASSERT_TRUE(capacity == 0 || std::memchr(guarded, 0, capacity) != nullptr);
+        const char *const s = "text";
+        qxFormat(guarded.data(), capacity, text.c_str(), s, s, s, s, s, s, s, s, s, s, s, s);
+        ASSERT_EQ(guarded.substr(capacity), std::string(48 - capacity, '~')) << text << " capacity " << capacity;
+        ASSERT_TRUE(capacity == 0 || guarded.find('\0') < capacity);
     }
     EXPECT_EQ(qxFormat(nullptr, 0, "%s", "seven"), 5u);
 }

@@ -9,7 +9,11 @@
 
 #include <gtest/gtest.h>
 
+#include <iomanip>
+#include <sstream>
+
 inline constexpr uint64_t kWidenedOutOfMemory = 0xFFFFFFFFE8108020;
+inline constexpr uint64_t kNowhere = UINT64_MAX;
 inline constexpr int64_t kNoData = 0xB6DB6DB7; // times 1.4 is 0 in 32 bits
 
 inline uint64_t run(uint32_t command, int64_t param1 = 0) { return DFrameMem(command, param1, 0, nullptr); }
@@ -22,6 +26,25 @@ inline uint64_t alloc(PDFRAME &frame, int64_t size, uint32_t side = 0, uintptr_t
 inline uint64_t addRef(PDFRAME frame) { return run(DFRAME_ADDREF, frame); }
 inline uint64_t free(PDFRAME &frame) { return run(DFRAME_FREE, frame); }
 inline uint32_t &countOf(PDFRAME frame) { return reinterpret_cast<uint32_t *>(frame)[-1]; }
+
+// The caller lays a frame's data out anew.
+inline void give(PDFRAME frame, uint8_t *data, uint32_t length, uint32_t used, uint32_t flags) {
+    frame->lpData = data;
+    frame->dwBufferLength = length;
+    frame->dwBytesUsed = used;
+    frame->dwFlags = flags;
+}
+
+// The rows of a table under data/; what begins with # is for its reader.
+inline std::vector<std::istringstream> rowsOf(const std::string &name) {
+    std::ifstream file(BRENVOLE_TEST_DATA + name);
+    std::vector<std::istringstream> rows;
+    for (std::string line; std::getline(file, line);) {
+        if (line[0] != '#') { rows.emplace_back(line) >> std::setbase(0); }
+    }
+    EXPECT_FALSE(rows.empty()) << name;
+    return rows;
+}
 
 struct FrameTest : testing::Test {
     LogCapture log;

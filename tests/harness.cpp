@@ -1,11 +1,7 @@
 #include "harness.h"
 
-#include "util/qxutil.h"
-
 #include <atomic>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <thread>
 
 #include <dlfcn.h>
@@ -61,18 +57,21 @@ uint64_t mappedPages() {
     return pages;
 }
 
-int mappingsAt(const void *address) {
-    std::ifstream maps("/proc/self/maps");
-    int count = 0;
+std::string mappingAt(const void *address) {
+    std::ifstream maps("/proc/self/smaps");
+    std::string found;
+    bool inside = false;
     for (std::string line; std::getline(maps, line);) {
-        char *end = nullptr;
-        const uint64_t from = std::strtoull(line.c_str(), &end, 16);
-        const uint64_t to = std::strtoull(end + 1, nullptr, 16);
-        const auto at = reinterpret_cast<uint64_t>(address);
-        count += at >= from && at < to ? 1 : 0;
+        uint64_t from = 0, to = 0;
+        if (std::sscanf(line.c_str(), "%lx-%lx ", &from, &to) == 2) {
+            inside = reinterpret_cast<uint64_t>(address) >= from && reinterpret_cast<uint64_t>(address) < to;
+        }
+        if (inside) { found += line + " "; }
     }
-    return count;
+    return found;
 }
+
+int mappingsAt(const void *address) { return mappingAt(address).empty() ? 0 : 1; }
 
 void *(*replaceAlloc)(uint32_t size) = nullptr;
 void (*replaceFree)(void *block) = nullptr;

@@ -48,7 +48,8 @@ struct FakeSystem {
     ~FakeSystem();
 };
 
-// Mappings of this process that hold the address, and pages of them all.
+// The system's words on the mapping that holds the address, how many do (one or none), and pages of them all.
+std::string mappingAt(const void *address);
 int mappingsAt(const void *address);
 uint64_t mappedPages();
 
