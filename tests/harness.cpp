@@ -83,7 +83,8 @@ void failNth(uint32_t nth, bool andAllBehind) {
 }
 
 bool anyFailed() { return failed; }
-int64_t blocksOut() { return out; }
+const uint64_t *blocksAside = nullptr;
+int64_t blocksOut() { return out - static_cast<int64_t>(blocksAside != nullptr ? *blocksAside : 0); }
 uint64_t requests() { return asked; }
 uint32_t lastRequest() { return last; }
 

@@ -28,6 +28,8 @@ void failNth(uint32_t nth, bool andAllBehind = false);
 bool anyFailed();
 // Blocks that are out, and how many have been asked for in all.
 int64_t blocksOut();
+// Blocks that belong to somebody whom a test doesn't ask about, and aren't counted, if not null.
+extern const uint64_t *blocksAside;
 uint64_t requests();
 uint32_t lastRequest();
 // Called in the place of QXAlloc or QXFree while set.

@@ -1,0 +1,29 @@
+#!/bin/sh
+# The model of all commands once more with the trace on, and its file played back: every row's number and count, every
+# allocation's begin and end, every list of what is alive: traced.sh PROGRAM
+set -eu
+place=$(mktemp -d)
+trap 'rm -rf "$place"' EXIT
+mkfifo "$place/rows" # the file would have some 400 MB
+export QXUTIL_LOG=/dev/null QXBRENVOLE_TRACE=1 QXBRENVOLE_TRACE_FILE=$place/rows
+{ "$1" --gtest_filter='FrameModel.*' --gtest_brief=1 || touch "$place/failed"; } &
+awk -F, '
+function bad(what) { print "row " NR ": " what ": " $0; if (++faults > 9) exit }
+function listEnds() { if (listing && listed != alive) bad("a list of " listed " of " alive) ; listing = 0 }
+NR == 1 { if (NF != 17 || $1 != "record") bad("header"); next }
+$2 != NR - 1 { bad("number") }
+$1 == "\"active\"" { ++listed; if (!($7 in live)) bad("listed, not alive"); next }
+{ listEnds() }
+$1 == "\"summary\"" { listing = 1; listed = 0 }
+$4 == "\"alloc\"" && $5 == "\"ok\"" && !($7 in live) { if ($7 <= last) bad("an old number"); live[last = $7]; ++alive }
+$7 != 0 && !($7 in live) { bad("not alive") }
+$16 != alive { bad("count " alive) }
+$5 == "\"release\"" { delete live[$7]; --alive; ++ended }
+END {
+  listEnds()
+  if (faults == 0 && (NR < 100000 || ended < 10000)) bad("too little came of it")
+  print NR " rows, " last " allocations, " ended " ended, " alive " not"
+  exit faults != 0
+}' "$place/rows"
+wait
+[ ! -e "$place/failed" ]
