@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <csetjmp>
 #include <csignal>
 #include <cstdio>
@@ -30,20 +31,17 @@ struct Pages {
     }
 };
 
-const Pages &pages() {
-    static const Pages all;
-    return all;
-}
+const Pages pages;
 
 TEST(Guard, CatchesFaultsAndExceptions) {
     for (int round = 0; round < 3; ++round) { // a caught fault leaves no mask and no state behind
-        EXPECT_FALSE(canRead(pages().unmapped));
-        EXPECT_FALSE(canRead(pages().noAccess));
-        EXPECT_FALSE(canRead(pages().pastFile));
+        EXPECT_FALSE(canRead(pages.unmapped));
+        EXPECT_FALSE(canRead(pages.noAccess));
+        EXPECT_FALSE(canRead(pages.pastFile));
         EXPECT_FALSE(canRead(reinterpret_cast<const int *>(0x8000000000000000))); // no canonical address
-        EXPECT_TRUE(canRead(pages().fine));
+        EXPECT_TRUE(canRead(pages.fine));
         int sum = 0; // the code whose reads must stay inside: no call, no volatile, the result used
-        qxGuarded([&sum, at = pages().noAccess] { sum += *at; });
+        qxGuarded([&sum, at = pages.noAccess] { sum += *at; });
         EXPECT_EQ(sum, 0);
     }
 }
@@ -51,19 +49,21 @@ TEST(Guard, CatchesFaultsAndExceptions) {
 TEST(Guard, SectionsNest) {
     bool behind = false;
     EXPECT_FALSE(qxGuarded([&] {
-        EXPECT_FALSE(canRead(pages().noAccess));
+        EXPECT_FALSE(canRead(pages.noAccess));
         EXPECT_TRUE(qxGuarded([] {}));
         EXPECT_FALSE(qxGuarded([] { throw 1; }));
         behind = true;
-        readAt(pages().noAccess); // the outer one is armed again
+        readAt(pages.noAccess); // the outer one is armed again
     }));
     EXPECT_TRUE(behind);
 }
 
 TEST(Guard, ManyThreads) {
-    onThreads(4, [](int t) {
+    std::atomic<int> ready = 0;
+    onThreads(4, [&](int t) {
+        for (++ready; ready < 4;) {} // all at once
         for (int i = 0; i < 500; ++i) {
-            ASSERT_EQ(canRead((i + t) % 3 == 0 ? pages().fine : pages().noAccess), (i + t) % 3 == 0);
+            ASSERT_EQ(canRead((i + t) % 3 == 0 ? pages.fine : pages.noAccess), (i + t) % 3 == 0);
             ASSERT_FALSE(qxGuarded([] { throw 1; }));
         }
     });
@@ -102,12 +102,12 @@ bool faultReachesHost(const int *at) {
 TEST(GuardDeathTest, EarlierHandlerGetsWhatIsNotOurs) {
     inChild([] {
         installHost();
-        const bool ours = !canRead(pages().noAccess) && !canRead(pages().pastFile) && hostCalls == 0;
-        const bool theirs = faultReachesHost(pages().noAccess) && faultReachesHost(pages().pastFile) &&
+        const bool ours = !canRead(pages.noAccess) && !canRead(pages.pastFile) && hostCalls == 0;
+        const bool theirs = faultReachesHost(pages.noAccess) && faultReachesHost(pages.pastFile) &&
                             sigismember(&maskInHost, SIGUSR1) == 1 && sigismember(&maskInHost, SIGBUS) == 1;
         raise(SIGSEGV); // sent, no fault: theirs too, inside a section as well
         const bool sent = hostCalls == 3 && qxGuarded([] { raise(SIGSEGV); }) && hostCalls == 4;
-        return ours && theirs && sent && !canRead(pages().noAccess);
+        return ours && theirs && sent && !canRead(pages.noAccess);
     });
 }
 
@@ -115,32 +115,32 @@ struct sigaction replacedByLater;
 
 TEST(GuardDeathTest, LaterHandlerMayKeepAFaultOrPassItOn) {
     inChild([] {
-        const bool ours = !canRead(pages().noAccess);
+        const bool ours = !canRead(pages.noAccess);
         installHost();
-        return ours && faultReachesHost(pages().noAccess) && faultReachesHost(pages().unmapped);
+        return ours && faultReachesHost(pages.noAccess) && faultReachesHost(pages.unmapped);
     });
     inChild([] {
-        canRead(pages().noAccess);
+        canRead(pages.noAccess);
         struct sigaction later {};
         later.sa_flags = SA_SIGINFO; // the signal is blocked while it runs
         later.sa_sigaction = [](int fault, siginfo_t *info, void *context) {
             replacedByLater.sa_sigaction(fault, info, context);
         };
         sigaction(SIGSEGV, &later, &replacedByLater);
-        const bool first = !canRead(pages().noAccess);
-        return first && !canRead(pages().unmapped) && canRead(pages().fine);
+        const bool first = !canRead(pages.noAccess);
+        return first && !canRead(pages.unmapped) && canRead(pages.fine);
     });
 }
 
 TEST(GuardDeathTest, WithoutAHandlerTheProcessDiesOfTheTrueCause) {
     const int *const sent = nullptr; // no read but a signal
     for (const auto &[signal, page] :
-         {std::pair<int, const int *>{SIGSEGV, pages().noAccess}, {SIGBUS, pages().pastFile}, {SIGSEGV, sent}}) {
+         {std::pair<int, const int *>{SIGSEGV, pages.noAccess}, {SIGBUS, pages.pastFile}, {SIGSEGV, sent}}) {
         EXPECT_EXIT(
             {
                 std::signal(SIGSEGV, SIG_DFL);
                 std::signal(SIGBUS, SIG_IGN); // the system doesn't let a fault be ignored
-                canRead(pages().noAccess);
+                canRead(pages.noAccess);
                 page != sent ? readAt(page) : raise(SIGSEGV);
             },
             testing::KilledBySignal(signal), "");

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <random>
 
 namespace {
@@ -67,7 +68,9 @@ TEST(Lock, OwnerEntersAgainAndOthersWait) {
     QXCRITICALSECTION lock;
     qxOSInitializeCriticalSection(&lock);
     uint32_t plain = 0; // guarded by the lock alone
+    std::atomic<int> ready = 0;
     onThreads(4, [&](int) {
+        for (++ready; ready < 4;) {} // all at once
         for (int i = 0; i < 5000; ++i) {
             qxOSEnterCriticalSection(&lock);
             qxOSEnterCriticalSection(&lock);
