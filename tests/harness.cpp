@@ -4,8 +4,6 @@
 #include <cstring>
 #include <thread>
 
-#include <dlfcn.h>
-
 namespace {
 
 std::atomic<int64_t> out = 0;
@@ -18,7 +16,7 @@ FakeSystem *fakeSystem = nullptr;
 
 // QXUtil's own function, whose place one of ours has taken.
 template <class Function> Function *replaced(Function *ours, const char *name) {
-    return reinterpret_cast<decltype(ours)>(dlsym(RTLD_NEXT, name));
+    return reinterpret_cast<decltype(ours)>(systemReplaced(name));
 }
 
 } // namespace
@@ -26,30 +24,31 @@ template <class Function> Function *replaced(Function *ours, const char *name) {
 FakeSystem::FakeSystem() { fakeSystem = this; }
 FakeSystem::~FakeSystem() { fakeSystem = nullptr; }
 
-extern "C" __attribute__((visibility("default"))) void *qxOSVirtualAlloc(uint64_t size) {
+extern "C" void *qxOSVirtualAlloc(uint64_t size) {
     if (fakeSystem == nullptr) { return replaced(qxOSVirtualAlloc, "qxOSVirtualAlloc")(size); }
     ++fakeSystem->tries;
     if (size == 0 || size > fakeSystem->largest) { return nullptr; }
     const uint64_t base = fakeSystem->nextBase;
     fakeSystem->nextBase += (size + 65535) / 65536 * 65536;
     fakeSystem->regions[base] = size;
+    if (fakeSystem->backed) { systemProtect(reinterpret_cast<void *>(base), size, Access::write); }
     return reinterpret_cast<void *>(base);
 }
 
-extern "C" __attribute__((visibility("default"))) void qxOSVirtualFree(void *base) {
+extern "C" void qxOSVirtualFree(void *base) {
     if (fakeSystem == nullptr || fakeSystem->regions.erase(reinterpret_cast<uint64_t>(base)) == 0) {
         replaced(qxOSVirtualFree, "qxOSVirtualFree")(base);
     }
 }
 
-extern "C" __attribute__((visibility("default"))) void qxOSMemoryStatus(uint64_t *total, uint64_t *available) {
+extern "C" void qxOSMemoryStatus(uint64_t *total, uint64_t *available) {
     if (fakeSystem == nullptr) { return replaced(qxOSMemoryStatus, "qxOSMemoryStatus")(total, available); }
     *total = fakeSystem->total;
     *available = fakeSystem->available;
 }
 
 uint64_t clockMs = 5000;
-extern "C" __attribute__((visibility("default"))) uint64_t qxOSGetTimeMs() { return clockMs; }
+extern "C" uint64_t qxOSGetTimeMs() { return clockMs; }
 
 uint64_t mappedPages() {
     uint64_t pages = 0;
@@ -88,7 +87,7 @@ int64_t blocksOut() { return out - static_cast<int64_t>(blocksAside != nullptr ?
 uint64_t requests() { return asked; }
 uint32_t lastRequest() { return last; }
 
-extern "C" __attribute__((visibility("default"))) void *QXAlloc(uint32_t size) {
+extern "C" void *QXAlloc(uint32_t size) {
     const uint64_t number = ++asked;
     last = size;
     const uint64_t fails = failAt;
@@ -105,7 +104,7 @@ extern "C" __attribute__((visibility("default"))) void *QXAlloc(uint32_t size) {
     return block;
 }
 
-extern "C" __attribute__((visibility("default"))) void QXFree(void *block) {
+extern "C" void QXFree(void *block) {
     if (replaceFree != nullptr) {
         replaceFree(block);
         return;

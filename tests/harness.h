@@ -3,6 +3,7 @@
 #ifndef BRENVOLE_TESTS_HARNESS_H
 #define BRENVOLE_TESTS_HARNESS_H
 
+#include "system.h"
 #include "util/qxutil.h"
 
 #include <cstdint>
@@ -45,6 +46,7 @@ struct FakeSystem {
     uint64_t tries = 0;
     uint64_t nextBase = uint64_t{1} << 50; // where no program can have memory
     std::map<uint64_t, uint64_t> regions;  // base and size of those that are out
+    bool backed = false;                   // the addresses are reserved, and get memory when they are granted
 
     FakeSystem();
     ~FakeSystem();
@@ -100,16 +102,16 @@ struct Environment {
 
     Environment(const char *variable, const char *value) : name(variable) {
         if (const char *now = std::getenv(variable)) { before = now; }
-        value != nullptr ? setenv(variable, value, 1) : unsetenv(variable);
+        systemSetVariable(variable, value);
     }
-    ~Environment() { before ? setenv(name.c_str(), before->c_str(), 1) : unsetenv(name.c_str()); }
+    ~Environment() { systemSetVariable(name.c_str(), before ? before->c_str() : nullptr); }
 };
 
 // A directory of the test's own, with a slash at its end, removed behind it.
 struct TemporaryDirectory {
-    std::string path = std::filesystem::temp_directory_path() / "brenvole-XXXXXX";
+    std::string path = systemNewDirectory();
 
-    TemporaryDirectory() { path = std::string(mkdtemp(path.data())) + "/"; }
+    TemporaryDirectory() = default;
     ~TemporaryDirectory() { std::filesystem::remove_all(path); }
     // Writes a file below it, with the directories in front of it; gives its full name.
     std::string write(const std::string &name, const std::string &content) const {

@@ -9,8 +9,6 @@
 
 #include <random>
 
-#include <dlfcn.h>
-
 using namespace brenvole;
 
 // Strikes at a call of the list operations that move records.
@@ -23,18 +21,15 @@ template <class Result, class... Arguments> static Result listCall(const char *n
     if (strikes) { listCallsLeft = -1; }
     if (strikes && listFault == ListFault::throwBefore) { throw 1; }
     if (strikes && listFault == ListFault::refuse) { return {}; }
-    const Result result = reinterpret_cast<Result (*)(Arguments...)>(dlsym(RTLD_NEXT, name))(arguments...);
+    const Result result = reinterpret_cast<Result (*)(Arguments...)>(systemReplaced(name))(arguments...);
     if (strikes) { throw 1; }
     return result;
 }
 
-#define LIST_EXPORT extern "C" __attribute__((visibility("default")))
-LIST_EXPORT uint32_t d_ListAddHead(d_List *l, d_ListNode *n) { return listCall<uint32_t>("d_ListAddHead", l, n); }
-LIST_EXPORT uint32_t d_ListAddTail(d_List *l, d_ListNode *n) { return listCall<uint32_t>("d_ListAddTail", l, n); }
-LIST_EXPORT d_ListNode *d_ListRemove(d_List *l, d_ListNode *n) {
-    return listCall<d_ListNode *>("d_ListRemove", l, n);
-}
-LIST_EXPORT uint32_t d_ListInsert(d_List *l, d_ListNode *after, d_ListNode *n) {
+extern "C" uint32_t d_ListAddHead(d_List *l, d_ListNode *n) { return listCall<uint32_t>("d_ListAddHead", l, n); }
+extern "C" uint32_t d_ListAddTail(d_List *l, d_ListNode *n) { return listCall<uint32_t>("d_ListAddTail", l, n); }
+extern "C" d_ListNode *d_ListRemove(d_List *l, d_ListNode *n) { return listCall<d_ListNode *>("d_ListRemove", l, n); }
+extern "C" uint32_t d_ListInsert(d_List *l, d_ListNode *after, d_ListNode *n) {
     return listCall<uint32_t>("d_ListInsert", l, after, n);
 }
 

@@ -6,11 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <cstring>
-
-#include <sys/mman.h>
-#include <unistd.h>
 
 using namespace brenvole;
 
@@ -76,16 +72,14 @@ TEST_F(LocalHeap, FoundUpToItsReach) {
 
 // Even with every signal blocked, as worker threads of hosts have it: a fault would end the process.
 TEST_F(LocalHeap, AnyAddressMayBeAsked) {
-    const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    constexpr std::size_t kPages = 1 << 20;
     uint8_t *const data = make(20000);
-    auto *const hole = static_cast<char *>(mmap(nullptr, 65 * page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    char *const gone = hole + 64 * page;
-    munmap(gone, page);
+    void *const hole = systemReserve(kPages);
+    void *const gone = systemReserve(kPages);
+    systemRelease(gone, kPages);
     onThreads(1, [&](int) {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_BLOCK, &all, nullptr);
-        for (const void *at : std::initializer_list<const void *>{hole, gone, environ, data - 1}) {
+        systemBlockSignals();
+        for (const void *at : std::initializer_list<const void *>{hole, gone, std::getenv("PATH"), data - 1}) {
             EXPECT_EQ(find(at), nullptr) << at;
         }
         for (uint64_t bits = 0; bits < 64; ++bits) { // null, small, kernel's, non-canonical, wrapping
@@ -95,7 +89,7 @@ TEST_F(LocalHeap, AnyAddressMayBeAsked) {
         EXPECT_EQ(LHEAP_Find(0), nullptr);
         EXPECT_EQ(find(data), descriptor(data));
     });
-    munmap(hole, 64 * page);
+    systemRelease(hole, kPages);
     EXPECT_EQ(drop(data), 0);
 }
 
@@ -146,7 +140,7 @@ TEST_F(LocalHeap, DamageIsNoticed) {
 }
 
 TEST_F(LocalHeap, AllocationFaults) {
-    static void *const page = mmap(nullptr, 65536, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    static void *const page = systemReserve(65536);
     static int freed = 0;
     replaceFree = [](void *) { ++freed; };
     replaceAlloc = [](uint32_t) { return page; }; // memory that faults
@@ -155,13 +149,13 @@ TEST_F(LocalHeap, AllocationFaults) {
     EXPECT_EQ(freed, 1); // not lost
     replaceAlloc = nullptr;
     replaceFree = nullptr;
-    mprotect(page, 65536, PROT_READ); // a frame that can't be written: nothing is counted, nothing lost
+    systemProtect(page, 65536, Access::read); // a frame that can't be written: nothing is counted, nothing lost
     EXPECT_EQ(LHEAP_Alloc(4096, static_cast<PDFRAME>(page), nullptr, 0), nullptr);
     EXPECT_EQ(log.take(), Texts{"WARNING(dfmem): Exception settinging local audio video memory\n"});
     qxSetLogSink([](uint32_t, const char *, void *) { throw 1; }, nullptr); // not even that keeps the lock held
     EXPECT_EQ(LHEAP_Alloc(4096, static_cast<PDFRAME>(page), nullptr, 0), nullptr);
     qxSetLogSink(nullptr, nullptr);
-    munmap(page, 65536);
+    systemRelease(page, 65536);
 }
 
 TEST_F(LocalHeap, ReleaseFaults) {

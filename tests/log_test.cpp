@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 namespace {
 
 // The log opens once a process: each of these runs in a process of its own.
@@ -22,7 +20,7 @@ TEST(LogDeathTest, FileGetsEachMessageWholeWithOneLineFeed) {
             onThreads(4, [](int t) {
                 for (int i = 0; i < 200; ++i) { ErrOut("%s", std::string(100, static_cast<char>('a' + t)).c_str()); }
             });
-            _exit(given ? 0 : 1); // all is through to the system before the process ends
+            std::_Exit(given ? 0 : 1); // all is through to the system before the process ends
         },
         testing::ExitedWithCode(0), "");
     const std::string first =
@@ -42,7 +40,7 @@ TEST(LogDeathTest, UnwritableFileFallsBackToStandardError) {
     EXPECT_EXIT(
         {
             ErrOut("still here");
-            _exit(0);
+            std::_Exit(0);
         },
         testing::ExitedWithCode(0), "can't open the log file.*\nstill here\n");
 }

@@ -1,0 +1,22 @@
+// What the tests ask of the platform beside the library; implemented once per platform.
+#ifndef BRENVOLE_TESTS_SYSTEM_H
+#define BRENVOLE_TESTS_SYSTEM_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+// Addresses, at a certain place if it is free; without memory until it is asked for. Null if there are none.
+void *systemReserve(std::size_t size, uintptr_t at = 0);
+enum class Access { none, read, write };
+void systemProtect(void *pages, std::size_t size, Access access);
+void systemRelease(void *pages, std::size_t size);
+
+// QXUtil's own function of that name, whose place a test has taken.
+void *systemReplaced(const char *name);
+
+void systemBlockSignals();                                   // all of them, for the calling thread
+void systemSetVariable(const char *name, const char *value); // null: unset
+std::string systemNewDirectory();                            // ends in a slash
+
+#endif
