@@ -48,7 +48,6 @@ void checkHeader(std::size_t column, const DFRAME *after, const DFRAME &own, con
         case 'T': set(other.dwFlags & ~DFRAME_FLAG_TAIL); break;
         case 'n': set(other.dwFlags & ~DFRAME_FLAG_CUSTOM); break;
         case '-': continue;
-        default: break;
         }
         EXPECT_TRUE(std::equal(expected.begin(), expected.end(), at(after))) << name << " " << column;
     }
@@ -132,7 +131,7 @@ TEST_F(Commands, Refusals) {
 }
 
 // A frame that says to use more than it has is read no further than it goes.
-TEST_F(Commands, OverwrittenFrames) {
+TEST_F(Commands, OutOfReach) {
     makePool(1000000);
     PDFRAME custom = nullptr, made = nullptr, local = nullptr, pool = nullptr;
     ASSERT_EQ(alloc(custom, kNoData) | alloc(local, 1000, DFRAME_FLAG_SYSHEAP) | alloc(pool, 700000), 0u);
@@ -155,6 +154,10 @@ TEST_F(Commands, OverwrittenFrames) {
     EXPECT_EQ(run(DFRAME_RESIZE, local, 0x20000000), 0u);
     local->dwBytesUsed = 0x40000000;
     EXPECT_EQ(run(DFRAME_SWAP, pool, 0, &local), 0u); // one way, as far as it goes
+    // The full pool leaves a copy to the local heap, and there no pointer so far inside would be found.
+    give(pool, pool->lpData + 300000, 600000, 1000, 0);
+    EXPECT_EQ(free(made), 0u);
+    EXPECT_EQ(run(DFRAME_COPY, made, 0, &pool), 0u);
     for (PDFRAME frame : {custom, made, local, pool}) { EXPECT_EQ(free(frame), 0u); }
     log.take();
 }

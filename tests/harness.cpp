@@ -50,28 +50,6 @@ extern "C" void qxOSMemoryStatus(uint64_t *total, uint64_t *available) {
 uint64_t clockMs = 5000;
 extern "C" uint64_t qxOSGetTimeMs() { return clockMs; }
 
-uint64_t mappedPages() {
-    uint64_t pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
-    return pages;
-}
-
-std::string mappingAt(const void *address) {
-    std::ifstream maps("/proc/self/smaps");
-    std::string found;
-    bool inside = false;
-    for (std::string line; std::getline(maps, line);) {
-        uint64_t from = 0, to = 0;
-        if (std::sscanf(line.c_str(), "%lx-%lx ", &from, &to) == 2) {
-            inside = reinterpret_cast<uint64_t>(address) >= from && reinterpret_cast<uint64_t>(address) < to;
-        }
-        if (inside) { found += line + " "; }
-    }
-    return found;
-}
-
-int mappingsAt(const void *address) { return mappingAt(address).empty() ? 0 : 1; }
-
 void *(*replaceAlloc)(uint32_t size) = nullptr;
 void (*replaceFree)(void *block) = nullptr;
 

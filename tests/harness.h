@@ -52,11 +52,6 @@ struct FakeSystem {
     ~FakeSystem();
 };
 
-// The system's words on the mapping that holds the address, how many do (one or none), and pages of them all.
-std::string mappingAt(const void *address);
-int mappingsAt(const void *address);
-uint64_t mappedPages();
-
 // What qxOSGetTimeMs tells.
 extern uint64_t clockMs;
 
@@ -118,7 +113,7 @@ struct TemporaryDirectory {
         const std::filesystem::path file = path + name;
         std::filesystem::create_directories(file.parent_path());
         std::ofstream(file, std::ios::binary) << content;
-        return file;
+        return file.generic_string();
     }
 };
 

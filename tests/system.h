@@ -19,4 +19,10 @@ void systemBlockSignals();                                   // all of them, for
 void systemSetVariable(const char *name, const char *value); // null: unset
 std::string systemNewDirectory();                            // ends in a slash
 
+// Not on every platform.
+// The system's words on the mapping that holds the address, how many do (one or none), and pages of them all.
+std::string mappingAt(const void *address);
+int mappingsAt(const void *address);
+uint64_t mappedPages();
+
 #endif

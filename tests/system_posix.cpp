@@ -3,6 +3,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 
 #include <dlfcn.h>
 #include <sys/mman.h>
@@ -40,3 +42,25 @@ std::string systemNewDirectory() {
     std::string path = std::filesystem::temp_directory_path() / "brenvole-XXXXXX";
     return std::string(mkdtemp(path.data())) + "/";
 }
+
+uint64_t mappedPages() {
+    uint64_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    return pages;
+}
+
+std::string mappingAt(const void *address) {
+    std::ifstream maps("/proc/self/smaps");
+    std::string found;
+    bool inside = false;
+    for (std::string line; std::getline(maps, line);) {
+        uint64_t from = 0, to = 0;
+        if (std::sscanf(line.c_str(), "%lx-%lx ", &from, &to) == 2) {
+            inside = reinterpret_cast<uint64_t>(address) >= from && reinterpret_cast<uint64_t>(address) < to;
+        }
+        if (inside) { found += line + " "; }
+    }
+    return found;
+}
+
+int mappingsAt(const void *address) { return mappingAt(address).empty() ? 0 : 1; }
