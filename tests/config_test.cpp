@@ -80,45 +80,4 @@ TEST(Config, HostileStores) {
     }
 }
 
-std::string configDirectory(int32_t create) {
-    char buffer[QX_PATH_CAPACITY];
-    qxOSGetConfigDir(buffer, create);
-    return buffer;
-}
-
-TEST(Directories, EndInASlashOrAreEmpty) {
-    const TemporaryDirectory directory;
-    const Environment own("QXUTIL_CONFIG_DIR", nullptr);
-    const Environment user("XDG_CONFIG_HOME", nullptr);
-    const Environment at("HOME", directory.path.substr(0, directory.path.size() - 1).c_str());
-    const std::string ours = directory.path + ".config/qxutil/", fits(QX_PATH_CAPACITY - 2, 'x');
-    for (const int32_t create : {0, 1}) {
-        EXPECT_EQ(configDirectory(create), ours);
-        EXPECT_EQ(std::filesystem::is_directory(ours), create != 0);
-    }
-    const std::string cases[][3] = {{"XDG_CONFIG_HOME", "/somewhere", "/somewhere/qxutil/"},
-                                    {"XDG_CONFIG_HOME", "relative", ours},
-                                    {"QXUTIL_CONFIG_DIR", "/a/b", "/a/b/"},
-                                    {"QXUTIL_CONFIG_DIR", fits, fits + "/"},
-                                    {"QXUTIL_CONFIG_DIR", fits + "x", ""},
-                                    {"HOME", "", ""}};
-    for (const auto &[name, value, expected] : cases) {
-        const Environment set(name.c_str(), value.c_str());
-        EXPECT_EQ(configDirectory(0), expected) << name << " " << value;
-    }
-    const Environment file("QXUTIL_CONFIG_DIR", directory.write("file", "").c_str());
-    EXPECT_EQ(configDirectory(1), ""); // no directory, and none can be made
-}
-
-TEST(Directories, Temporary) {
-    const std::tuple<const char *, uint32_t, std::string> cases[] = {
-        {"/var/tmp", 10, "/var/tmp/"}, {"/var/tmp", 9, "/tmp/"}, {nullptr, 6, "/tmp/"}, {nullptr, 5, ""}};
-    for (const auto &[variable, capacity, expected] : cases) {
-        const Environment set("TMPDIR", variable);
-        char buffer[16];
-        qxOSGetTempDir(buffer, capacity);
-        EXPECT_EQ(buffer, expected);
-    }
-}
-
 } // namespace

@@ -4,10 +4,6 @@
 
 #include <cstring>
 
-#include <sys/prctl.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
 namespace {
 
 const std::string kHelpFailed = "heapHelpAllocDFrame(pDF==NULL)(0xE8108020)";
@@ -61,35 +57,6 @@ TEST_F(Frames, AFaultInAnAllocation) { // is caught, and dropped without the hea
     replaceAlloc = [](uint32_t) -> void * { throw 1; };
     EXPECT_EQ(alloc(frame, 1000), kWidenedOutOfMemory);
     EXPECT_EQ(log.take(), (Texts{kHelpFailed, kLocalFailed, kHelpFailed}));
-}
-
-// Only read, write and exit are left to the process: a round trip that made any other call would end it.
-TEST(FramesDeathTest, CachedRoundTripMakesNoSystemCall) {
-    if (kSanitized) { GTEST_SKIP() << "the sanitizers' allocators make calls of their own"; }
-    EXPECT_EXIT(
-        {
-            const auto roundTrips = [] {
-                int failures = 0;
-                for (uint32_t i = 0; i < 100; ++i) { // events, before the trace looks at its sources again
-                    const uint32_t side = i % 2 * DFRAME_FLAG_SYSHEAP; // both heaps
-                    PDFRAME small = nullptr;
-                    PDFRAME big = nullptr;
-                    failures += DFrameMem(DFRAME_ALLOC | side, 3110400, 1, &big) != 0;
-                    failures += DFrameMem(DFRAME_ALLOC | side, 4096, 1, &small) != 0;
-                    failures += DFrameMem(DFRAME_ADDREF, 0, 0, &big) != 0;
-                    PDFRAME second = big;
-                    failures += DFrameMem(DFRAME_FREE, 0, 0, &second) != 0;
-                    failures += DFrameMem(DFRAME_FREE, 0, 0, &big) != 0;
-                    failures += DFrameMem(DFRAME_FREE, 0, 0, &small) != 0;
-                }
-                return failures;
-            };
-            DFrameMem(DFRAME_RESET, 20000000, 0, nullptr);
-            roundTrips(); // fills the cache, and the allocator's own
-            if (prctl(PR_SET_SECCOMP, 1) != 0) { _exit(2); }
-            syscall(SYS_exit, roundTrips() == 0 ? 0 : 1);
-        },
-        testing::ExitedWithCode(0), "");
 }
 
 } // namespace

@@ -446,7 +446,7 @@ struct FrameModel : FrameTest {
 
 TEST_F(FrameModel, RandomCommands) {
     std::map<std::pair<bool, bool>, int> seen;
-    for (int number = 0; number < (kSanitized ? 4000 : 30000) && !HasFatalFailure(); ++number) {
+    for (int number = 0; number < (kSanitized || systemIsSlow ? 4000 : 30000) && !HasFatalFailure(); ++number) {
         SCOPED_TRACE(number);
         step();
         if (forgotten != nullptr) { DFHEAP_Destroy(std::exchange(forgotten, nullptr)); } // nobody else does

@@ -8,6 +8,9 @@
 
 // Addresses, at a certain place if it is free; without memory until it is asked for. Null if there are none.
 void *systemReserve(std::size_t size, uintptr_t at = 0);
+// False where a region may come to lie where one was before.
+extern const bool systemKeepsPlaces;
+extern const bool systemIsSlow; // where it is emulated, memory takes its time
 enum class Access { none, read, write };
 void systemProtect(void *pages, std::size_t size, Access access);
 void systemRelease(void *pages, std::size_t size);

@@ -9,6 +9,9 @@
 #include <dlfcn.h>
 #include <sys/mman.h>
 
+const bool systemKeepsPlaces = true;
+const bool systemIsSlow = false;
+
 void *systemReserve(std::size_t size, uintptr_t at) {
     const int place = at != 0 ? MAP_FIXED_NOREPLACE : 0;
     void *const pages = mmap(reinterpret_cast<void *>(at), size, PROT_NONE,

@@ -2,21 +2,37 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <map>
 
 #include <windows.h>
+
+const bool systemKeepsPlaces = false;
+const bool systemIsSlow = true;
 
 void *systemReserve(std::size_t size, uintptr_t at) {
     return VirtualAlloc(reinterpret_cast<void *>(at), size, MEM_RESERVE, PAGE_NOACCESS);
 }
 
+namespace {
+
+std::map<uintptr_t, std::size_t> committed; // to decommit what isn't takes the system its time, too
+
+void decommit(uintptr_t from, std::size_t size) {
+    for (auto at = committed.lower_bound(from); at != committed.end() && at->first < from + size;) {
+        VirtualFree(reinterpret_cast<void *>(at->first), at->second, MEM_DECOMMIT);
+        at = committed.erase(at);
+    }
+}
+
+} // namespace
+
 void systemProtect(void *pages, std::size_t size, Access access) {
     if (access == Access::none) {
-        VirtualFree(pages, size, MEM_DECOMMIT);
+        decommit(reinterpret_cast<uintptr_t>(pages), size);
         return;
     }
-    DWORD before = 0;
-    VirtualAlloc(pages, size, MEM_COMMIT, PAGE_READWRITE);
-    VirtualProtect(pages, size, access == Access::write ? PAGE_READWRITE : PAGE_READONLY, &before);
+    committed[reinterpret_cast<uintptr_t>(pages)] = size;
+    VirtualAlloc(pages, size, MEM_COMMIT, access == Access::write ? PAGE_READWRITE : PAGE_READONLY);
 }
 
 void systemRelease(void *pages, std::size_t) { VirtualFree(pages, 0, MEM_RELEASE); }
@@ -37,4 +53,9 @@ std::string systemNewDirectory() {
                       ("brenvole-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++number));
     std::filesystem::create_directories(path);
     return path.generic_string() + "/";
+}
+
+int mappingsAt(const void *address) {
+    MEMORY_BASIC_INFORMATION about{};
+    return VirtualQuery(address, &about, sizeof about) != 0 && about.State == MEM_COMMIT ? 1 : 0;
 }

@@ -1,33 +1,13 @@
 // The trace: when it runs, where its file lies, and what stands in it, byte for byte. It ends for good with its
 // process, so each case has a process of its own.
 #include "frames/frames.h"
-#include "harness.h"
 #include "local/local_block.h"
 #include "local/local_heap.h"
-#include "trace/trace.h"
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <sstream>
-
-#include <dlfcn.h>
-#include <pthread.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include "trace_fixture.h"
 
 using namespace brenvole;
 
 namespace {
-
-std::string contentOf(const std::string &file) {
-    std::ostringstream content;
-    content << std::ifstream(file, std::ios::binary).rdbuf();
-    return content.str();
-}
 
 // The whole file that a case has to leave; its first row names it.
 std::string expected(const std::string &name, const std::string &file) {
@@ -36,35 +16,6 @@ std::string expected(const std::string &name, const std::string &file) {
 }
 
 const void *at(uintptr_t address) { return reinterpret_cast<const void *>(address); }
-
-struct TraceFile : testing::Test {
-    TemporaryDirectory directory;
-    std::string file = directory.path + "trace.csv";
-    Environment first{"QXBRENVOLE_TRACE", "1"};
-    Environment second{"BRENVOLE_DFRAME_TRACE", nullptr};
-    Environment place{"QXBRENVOLE_TRACE_FILE", file.c_str()};
-    Environment store{"QXUTIL_CONFIG", "/nonexistent"};
-    Environment config{"QXUTIL_CONFIG_DIR", directory.path.c_str()};
-
-    // Runs it in a process that starts as programs do, whatever ran in ours before, and then ends as they do.
-    static void inProcess(const std::function<void()> &body) {
-        const pid_t child = fork();
-        if (child == 0) {
-            static LogCapture log;
-            traceState = -1; // off, to begin with
-            DFrameMem(DFRAME_CLOSE, 0, 0, nullptr);
-            traceState = 0;
-            traceRecheck = 0;
-            dframes = dframe_bytes = local_allocs = phys_allocs = localBytes = 0;
-            clockMs = (uint64_t{1} << 32) + 8217344; // of which the low half is told
-            body();
-            std::exit(0);
-        }
-        int status = -1;
-        waitpid(child, &status, 0);
-        EXPECT_EQ(status, 0);
-    }
-};
 
 TEST_F(TraceFile, EveryByteOfAFile) {
     inProcess([] {
@@ -84,8 +35,7 @@ TEST_F(TraceFile, EveryByteOfAFile) {
     EXPECT_EQ(contentOf(file), expected("trace_rows.csv", file));
 }
 
-// ---- every operation's rows
-// ----------------------------------------------------------------------------------------
+// ---- every operation's rows -------------------------------------------------------------------------------------
 
 // Blocks from a place that is the same in each run, none given out twice, so that a file can be told in advance. One
 // size or one block can be made to throw.
@@ -96,10 +46,9 @@ uint32_t throwAtSize = 0;
 const void *throwAtBlock = nullptr;
 
 void useArena() {
-    if (mmap(reinterpret_cast<void *>(kArena), kArenaBytes, PROT_READ | PROT_WRITE,
-             MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0) == MAP_FAILED) {
-        _exit(2);
-    }
+    void *const arena = systemReserve(kArenaBytes, kArena);
+    if (arena == nullptr) { std::_Exit(2); }
+    systemProtect(arena, kArenaBytes, Access::write);
     replaceAlloc = [](uint32_t size) -> void * {
         if (size == throwAtSize) { throw 1; }
         return reinterpret_cast<void *>(std::exchange(arenaNext, (arenaNext + size + 4095) / 4096 * 4096));
@@ -288,27 +237,27 @@ TEST_F(TraceFile, SourcesInTheirOrder) {
     for (const auto &c : cases) {
         const Environment one("QXBRENVOLE_TRACE", c.first), two("BRENVOLE_DFRAME_TRACE", c.second);
         const Environment ini("QXUTIL_CONFIG", directory.write("store.ini", c.content).c_str());
-        inProcess([&] { _exit(TraceIsEnabled() == c.on ? 0 : 1); });
-        EXPECT_EQ(unlink(file.c_str()) == 0, c.on == 1);
+        inProcess([&] { std::_Exit(TraceIsEnabled() == c.on ? 0 : 1); });
+        EXPECT_EQ(std::remove(file.c_str()) == 0, c.on == 1);
     }
 }
 
 // A source that turns on is seen at the 4096th call; one that turns off, not at all; after the end, none is.
 TEST_F(TraceFile, LateStartAndEnd) {
-    unsetenv("QXBRENVOLE_TRACE");
+    systemSetVariable("QXBRENVOLE_TRACE", nullptr);
     inProcess([&] {
         int bad = TraceIsEnabled();
-        setenv("QXBRENVOLE_TRACE", "1", 1);
+        systemSetVariable("QXBRENVOLE_TRACE", "1");
         for (int i = 1; i < 4096; ++i) { bad += TraceIsEnabled(); }
         for (int i = 1; i <= 10; ++i) {
             TraceProblem("off", nullptr, nullptr, 0, 0, 0, nullptr, 0, nullptr);
         } // starts it
-        unsetenv("QXBRENVOLE_TRACE");
+        systemSetVariable("QXBRENVOLE_TRACE", nullptr);
         bad += 1 - TraceIsEnabled();
         TraceClose(nullptr);
-        setenv("QXBRENVOLE_TRACE", "1", 1);
+        systemSetVariable("QXBRENVOLE_TRACE", "1");
         for (int i = 0; i < 9000; ++i) { bad += TraceIsEnabled(); }
-        if (bad != 0) { _exit(1); }
+        if (bad != 0) { std::_Exit(1); }
     });
     const std::string content = contentOf(file);
     const auto count = [&](const std::string &text) {
@@ -319,90 +268,6 @@ TEST_F(TraceFile, LateStartAndEnd) {
     EXPECT_EQ(count("\n\"problem\""), 10);
     EXPECT_EQ(count("\n\"summary\""), 9); // of the first eight, and of the end
     EXPECT_EQ(content.substr(content.rfind(',')), ",\"\"");
-}
-
-// A file of our own naming follows no link that somebody has planted, and nobody else reads it; one that the user
-// named is opened as it is.
-TEST_F(TraceFile, FilesByNobodyAndByTheUser) {
-    const Environment none("QXBRENVOLE_TRACE_FILE", nullptr);
-    const std::string victim = directory.write("victim", "precious");
-    inProcess([&] {
-        const std::string name =
-            directory.path + "brenvole_dframe_trace_" + std::to_string(getpid()) + "_8217344.csv";
-        if (symlink(victim.c_str(), name.c_str()) != 0) { _exit(1); }
-        struct stat about {};
-        _exit(TraceIsEnabled() == 1 && lstat(name.c_str(), &about) == 0 && S_ISREG(about.st_mode) &&
-                      (about.st_mode & 0777) == 0600
-                  ? 0
-                  : 1);
-    });
-    EXPECT_EQ(contentOf(victim), "precious");
-    const Environment ini("QXUTIL_CONFIG", directory.write("s.ini", "[Brenvole]\nDFrameTraceFile=" + victim).c_str());
-    inProcess([] { TraceIsEnabled(); });
-    EXPECT_EQ(contentOf(victim).substr(0, 7), "record,");
-    const Environment nowhere("QXBRENVOLE_TRACE_FILE", "/nonexistent/file");
-    inProcess([] {
-        LogCapture log;
-        const bool off = TraceIsEnabled() == 0;
-        _exit(off && log.take() == Texts{"Brenvole DFrame trace enabled but unable to open '/nonexistent/file'"} ? 0
-                                                                                                                 : 1);
-    });
-}
-
-// Whatever call sites, sinks, cancelled threads, forked children and late releases come along, the program goes on,
-// and the file stays whole.
-TEST_F(TraceFile, NothingOfItReachesTheProgram) {
-    setenv("QXBRENVOLE_TRACE_FILE", "/nonexistent/file", 1);
-    inProcess([this] {
-        qxSetLogSink([](uint32_t, const char *, void *) { DFrameMem(DFRAME_TOTAL, 0, 0, nullptr); }, nullptr);
-        static PDFRAME late = nullptr;
-        std::atexit([] { DFrameMem(DFRAME_FREE, 0, 0, &late); });
-        errno = 7;
-        DFrameMem(DFRAME_ALLOC | DFRAME_FLAG_SYSHEAP, 100, 1, &late); // the first try to open a file
-        setenv("QXBRENVOLE_TRACE_FILE", file.c_str(), 1);
-        while (TraceIsEnabled() == 0) {} // the next one
-        const int error = errno;
-        PDFRAME garbage = reinterpret_cast<PDFRAME>(16);
-        const bool refused = DFrameMem(DFRAME_ALLOC, 0, 1, &garbage) == DFMEM_E_INVALIDARG;
-        DFrameMemTrace(DFRAME_SMALLEST, 0, 0, nullptr, reinterpret_cast<const char *>(16), 7777);
-        pthread_t cancelled;
-        const auto cancelledInside = [](void *) -> void * {
-            pthread_cancel(pthread_self());
-            DFrameMem(DFRAME_DUMP, 0, 0, nullptr);
-            pthread_testcancel();
-            return nullptr;
-        };
-        pthread_create(&cancelled, nullptr, cancelledInside, nullptr);
-        pthread_join(cancelled, nullptr);
-        DFrameMem(DFRAME_DUMP, 0, 0, nullptr);
-        const pid_t child = fork();
-        if (child == 0) { std::exit(0); }
-        waitpid(child, nullptr, 0);
-        if (!refused || error != 7) { _exit(1); }
-    });
-    const std::string content = contentOf(file);
-    const auto rows = std::to_string(std::count(content.begin(), content.end(), '\n'));
-    const std::string end =
-        "\"meta\"," + rows + ",8217344,\"trace_close\",\"ok\",\"session\",0,\"brenvole\",0,,,,0,0,0,0,\"atexit\"";
-    EXPECT_EQ(content.substr(content.rfind('\n') + 1), end);
-    EXPECT_NE(content.find("\"DFRAME_SMALLEST\",\"call\",\"dframe\",0,\"\",7777,"), std::string::npos);
-    EXPECT_EQ(content.find("\"trace_close\""), content.rfind("\"trace_close\""));
-}
-
-// What the pool finds when a library is unloaded stands in the file.
-TEST_F(TraceFile, AnUnloadedLibrary) {
-    inProcess([] {
-        void *const library = dlopen(BRENVOLE_LIBRARY, RTLD_NOW | RTLD_LOCAL);
-        const auto run = reinterpret_cast<decltype(&DFrameMem)>(dlsym(library, "DFrameMem"));
-        PDFRAME lost = nullptr;
-        _exit(run(DFRAME_RESET, 1 << 20, 0, nullptr) == 0 && run(DFRAME_ALLOC, 100, 1, &lost) == 0 &&
-                      dlclose(library) == 0
-                  ? 0
-                  : 1);
-    });
-    const std::string content = contentOf(file);
-    EXPECT_NE(content.find("\"phys_destroy_outstanding\",\"problem\",\"phys\""), std::string::npos);
-    EXPECT_TRUE(content.ends_with(",\"DllMainDetach\""));
 }
 
 } // namespace
