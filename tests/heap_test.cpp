@@ -210,7 +210,7 @@ TEST_F(Heap, ThreadsOnOneHeap) {
 
 TEST_F(Heap, DumpTellsBothLists) {
     const auto dump = [&](int64_t laterMs) {
-        clockMs += laterMs;
+        clockMs += static_cast<uint64_t>(laterMs);
         _DFHEAP_DumpList(heap);
         return log.take();
     };

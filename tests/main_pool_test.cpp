@@ -40,8 +40,9 @@ TEST_F(Pool, Sizing) {
         EXPECT_EQ(run(DFRAME_TOTAL), size);
         EXPECT_EQ(system.tries, tries);
         EXPECT_EQ(log.take(),
-                  (Texts{"Resizing AV Mem (MB) (Total=15258.79 , Available=" + available +
-                             " , Requested=" + requested + " , Allocating=" + allocating + " ) ",
+                  (Texts{std::string("Resizing AV Mem (MB) (Total=15258.79 , Available=")
+                             .append(available + " , Requested=" + requested)
+                             .append(" , Allocating=" + allocating + " ) "),
                          size != 0 ? "AV Mem (actual alloc = " + had + " Gb) " : "Brenvole re-allocation failed"}));
         close();
     }

@@ -21,7 +21,8 @@ void *systemReserve(std::size_t size, uintptr_t at) {
 
 void systemProtect(void *pages, std::size_t size, Access access) {
     if (access == Access::none) { // and the memory goes
-        mmap(pages, size, PROT_NONE, MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+        static_cast<void>(
+            mmap(pages, size, PROT_NONE, MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
     } else {
         mprotect(pages, size, access == Access::write ? PROT_READ | PROT_WRITE : PROT_READ);
     }

@@ -61,9 +61,8 @@ PDFRAME entered(FrameLedger &ledger, PDFRAME frame, uint64_t bytes) {
 uintptr_t asSource(PDFRAME &frame) { return reinterpret_cast<uintptr_t>(&frame); }
 
 uint64_t command(const CallSite &site, uint32_t number, PDFRAME &frame, int64_t size = 0, uintptr_t other = 0) {
-    const char *const path = site.file_name();
-    const char *const slash = std::strrchr(path, '/');
-    return DFrameMemTrace(number, size, other, &frame, slash != nullptr ? slash + 1 : path, site.line());
+    const char *const slash = std::strrchr(site.file, '/');
+    return DFrameMemTrace(number, size, other, &frame, slash != nullptr ? slash + 1 : site.file, site.line);
 }
 
 } // namespace

@@ -11,7 +11,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
-#include <source_location>
 #include <unordered_map>
 
 /** The figures of a ledger. */
@@ -42,7 +41,13 @@ struct FrameLedger {
 };
 
 /** Who gives a command: the file and line that the trace tells. Nobody has to pass one. */
-using CallSite = std::source_location;
+struct CallSite {
+    const char *file;
+    uint32_t line;
+    static CallSite current(const char *file = __builtin_FILE(), uint32_t line = __builtin_LINE()) {
+        return {file, line};
+    }
+};
 
 /** Allocates a frame with `size` bytes in use. The content is undefined.
  *  @return the frame, with one reference, which is the caller's; null if there is no memory */

@@ -103,14 +103,14 @@ int32_t heapHelpFreeDFrame(PDFRAME *ppDF, const char *msgarea, uint32_t line) {
     if (frameOverwritten(frame)) {
         ErrOut("heapHelpFreeDFrame: buffer overwrite detected (used=%d, length=%d)", frame->dwBytesUsed,
                frame->dwBufferLength);
-        TraceProblem("dframe_free_overwrite", frame, +frame->lpData, +frame->dwBytesUsed, +frame->dwBufferLength, 0,
+        TraceProblem("dframe_free_overwrite", frame, frame->lpData, frame->dwBytesUsed, frame->dwBufferLength, 0,
                      msgarea, line, "dwBytesUsed exceeds dwBufferLength");
     }
     int32_t result = 0;
     if (frame->lpData != nullptr && !frameIsCustom(frame) && !frameReleaseData(frame, msgarea, line)) {
         ErrFmtOut(QX_WARNING, 0, 0, "WARNING(dfmem): %s\n", "Unable to free DFrame allocation! ");
         ErrOut("NO-Free(0x%08lX-%ld) ", static_cast<uint32_t>(frameData(frame)), frame->dwBufferLength);
-        TraceProblem("dframe_data_free_missing", frame, +frame->lpData, 0, +frame->dwBufferLength, 0, msgarea, line,
+        TraceProblem("dframe_data_free_missing", frame, frame->lpData, 0, frame->dwBufferLength, 0, msgarea, line,
                      "DFrame data was not found in phys or local heap");
         result = -2;
     }

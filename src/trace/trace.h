@@ -119,35 +119,31 @@ template <class Record> void whenTracing(const Record &record) {
     }
 }
 
-template <class... Values> void TraceCall(const Values &...values) {
-    if (TraceIsEnabled() != 0) [[unlikely]] {
-        traceRecordCall(values...);
-    }
+inline void TraceCall(uint32_t command, int64_t param1, const void *param2, const void *dframe, const void *data,
+                      const char *msgarea, uint32_t line) {
+    whenTracing([&] { traceRecordCall(command, param1, param2, dframe, data, msgarea, line); });
 }
-template <class... Values> void TraceAlloc(const Values &...values) {
-    if (TraceIsEnabled() != 0) [[unlikely]] {
-        traceRecordAlloc(values...);
-    }
+inline void TraceAlloc(const char *kind, const void *dframe, const void *data, const void *base, uint64_t requested,
+                       uint64_t actual, int32_t refCount, const char *msgarea, uint32_t line, const char *detail) {
+    whenTracing(
+        [&] { traceRecordAlloc(kind, dframe, data, base, requested, actual, refCount, msgarea, line, detail); });
 }
-template <class... Values> void TraceRelease(const Values &...values) {
-    if (TraceIsEnabled() != 0) [[unlikely]] {
-        traceRecordRelease(values...);
-    }
+inline void TraceRelease(const char *action, const char *kind, const void *dframe, const void *data, int32_t refCount,
+                         const char *msgarea, uint32_t line, const char *detail) {
+    whenTracing([&] { traceRecordRelease(action, kind, dframe, data, refCount, msgarea, line, detail); });
 }
-template <class... Values> void TraceSwapOwner(const Values &...values) {
-    if (TraceIsEnabled() != 0) [[unlikely]] {
-        traceRecordSwapOwner(values...);
-    }
+inline void TraceSwapOwner(const char *action, const char *kind, const void *dframe, const void *data,
+                           int32_t refCount, const char *msgarea, uint32_t line, const char *detail) {
+    whenTracing([&] { traceRecordSwapOwner(action, kind, dframe, data, refCount, msgarea, line, detail); });
 }
-template <class... Values> void TraceTouch(const Values &...values) {
-    if (TraceIsEnabled() != 0) [[unlikely]] {
-        traceRecordTouch(values...);
-    }
+inline void TraceTouch(const char *action, const char *kind, const void *dframe, const void *data, int32_t refCount,
+                       const char *msgarea, uint32_t line, const char *detail) {
+    whenTracing([&] { traceRecordTouch(action, kind, dframe, data, refCount, msgarea, line, detail); });
 }
-template <class... Values> void TraceProblem(const Values &...values) {
-    if (TraceIsEnabled() != 0) [[unlikely]] {
-        traceRecordProblem(values...);
-    }
+inline void TraceProblem(const char *action, const void *dframe, const void *data, uint64_t requested,
+                         uint64_t actual, int32_t refCount, const char *msgarea, uint32_t line, const char *detail) {
+    whenTracing(
+        [&] { traceRecordProblem(action, dframe, data, requested, actual, refCount, msgarea, line, detail); });
 }
 
 /** Owners and addresses are numbers in the heaps. */

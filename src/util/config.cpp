@@ -50,7 +50,10 @@ const char *storePath(BuiltPath &built) {
         return own;
     }
     qxOSGetConfigDir(built, 0);
-    return *built != 0 ? std::strcat(built, kStoreName) : built;
+    if (*built != 0) {
+        std::memcpy(built + std::strlen(built), kStoreName, sizeof kStoreName);
+    }
+    return built;
 }
 
 // Lock held. Reads the file anew if it is another one, or has changed, since the last time. What it replaces goes
