@@ -40,9 +40,8 @@ TEST_F(Pool, Sizing) {
         EXPECT_EQ(run(DFRAME_TOTAL), size);
         EXPECT_EQ(system.tries, tries);
         EXPECT_EQ(log.take(),
-                  (Texts{std::string("Resizing AV Mem (MB) (Total=15258.79 , Available=")
-                             .append(available + " , Requested=" + requested)
-                             .append(" , Allocating=" + allocating + " ) "),
+                  (Texts{"Resizing AV Mem (MB) (Total=15258.79 , Available=" + available +
+                             " , Requested=" + requested + " , Allocating=" + allocating + " ) ",
                          size != 0 ? "AV Mem (actual alloc = " + had + " Gb) " : "Brenvole re-allocation failed"}));
         close();
     }
