@@ -32,9 +32,9 @@ extern QXCRITICALSECTION traceLock;
 /** Creates traceLock once, whichever thread comes first. It is never deleted. */
 void traceLockCreate();
 
-/** Runs a recorder's work with traceLock held, as work(msgarea). A call site's text that has gone is as good as none.
- * A fault in the work, such as an allocator's, ends it and nothing else: the program goes on as it does without the
- *  trace. */
+/** Runs a recorder's work with traceLock held, as work(msgarea). A call site's text that has gone is as good as
+ *  none. A fault in the work, such as an allocator's, ends it and nothing else: the program goes on as it does
+ *  without the trace. */
 template <class Work> void traceLocked(const char *msgarea, Work &&work) {
     const QXUninterrupted whole;
     const char *volatile readable = nullptr;
@@ -96,8 +96,8 @@ void TraceWriteSession(const char *record, const char *action, const char *detai
 /** @} */
 
 /** @name Recorders
- *  Each returns at once while the trace is off: the test is inlined where the event is, and the arguments are read
- * behind it. `msgarea` and `line` name the call site; all texts may be null.
+ *  Each returns at once while the trace is off: the test is inlined where the event is. `msgarea` and `line` name
+ *  the call site; all texts may be null.
  *  @{ */
 void traceRecordCall(uint32_t command, int64_t param1, const void *param2, const void *dframe, const void *data,
                      const char *msgarea, uint32_t line);
