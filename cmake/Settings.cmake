@@ -18,6 +18,8 @@ target_compile_options(brenvole_settings INTERFACE -Wall -Wextra -Wpedantic -Wco
 target_include_directories(brenvole_settings INTERFACE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src)
 if(WIN32)
   add_link_options(-static $<$<CONFIG:Release>:-s>) # programs need nothing but our two libraries and the system's
+  # Where programs of the build run here: in the emulator, with a world of their own.
+  set(windows_environment WINEPREFIX=${PROJECT_BINARY_DIR}/wine WINEDEBUG=-all)
   add_compile_definitions(_WIN32_WINNT=0x0601 WIN32_LEAN_AND_MEAN NOMINMAX)
 endif()
 if(BRENVOLE_SANITIZE)

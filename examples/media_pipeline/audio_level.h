@@ -3,7 +3,7 @@
 #ifndef MEDIA_PIPELINE_AUDIO_LEVEL_H
 #define MEDIA_PIPELINE_AUDIO_LEVEL_H
 
-#include "libav.h"
+#include "media.h"
 
 #include <cstdint>
 
@@ -14,7 +14,7 @@ struct AudioLevel {
 };
 
 /** Counts in the samples of a block, in any of the sample formats. */
-void addSamples(AudioLevel &level, const AVFrame *block);
+void addSamples(AudioLevel &level, const Media &block);
 
 /** In dB below full scale; minus infinity for silence. */
 double rmsDecibels(const AudioLevel &level);

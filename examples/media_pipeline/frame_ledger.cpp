@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <string_view>
 
 namespace {
 
@@ -61,8 +62,9 @@ PDFRAME entered(FrameLedger &ledger, PDFRAME frame, uint64_t bytes) {
 uintptr_t asSource(PDFRAME &frame) { return reinterpret_cast<uintptr_t>(&frame); }
 
 uint64_t command(const CallSite &site, uint32_t number, PDFRAME &frame, int64_t size = 0, uintptr_t other = 0) {
-    const char *const slash = std::strrchr(site.file, '/');
-    return DFrameMemTrace(number, size, other, &frame, slash != nullptr ? slash + 1 : site.file, site.line);
+    const std::string_view path = site.file;
+    const char *const name = site.file + (path.find_last_of("/\\") + 1); // npos + 1 is 0
+    return DFrameMemTrace(number, size, other, &frame, name, site.line);
 }
 
 } // namespace

@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <unordered_map>
 
@@ -70,5 +71,11 @@ void ledgerDrop(PDFRAME frame, const CallSite &site = CallSite::current());
 /** True if a frame stands at this address, which may be any value. */
 bool ledgerKnows(FrameLedger &ledger, const void *address);
 LedgerFigures ledgerFigures(FrameLedger &ledger);
+
+struct FrameDeleter {
+    void operator()(PDFRAME frame) const { ledgerDrop(frame); }
+};
+/** One reference to a frame. */
+using OwnFrame = std::unique_ptr<DFRAME, FrameDeleter>;
 
 #endif

@@ -1,5 +1,4 @@
 // Decodes a media file into frames of the library; see --help and the README beside the clip.
-#include "libav_log.h"
 #include "options.h"
 #include "pipeline.h"
 #include "platform.h"
@@ -159,7 +158,6 @@ int main(int count, char **arguments) {
         std::fputs(kHelp, stdout);
         return 0;
     }
-    libavLogCatch();
     Progress progress{.enabled = !options.quiet && errorsGoToTerminal()};
     try {
         return run(options, progress);

@@ -1,15 +1,11 @@
 #include "picture_edit.h"
 
-#include "picture_rows.h"
-
 #include <algorithm>
 #include <cstring>
 #include <functional>
 #include <string>
 
 namespace {
-
-using OwnFrame = std::unique_ptr<DFRAME, FrameDeleter>;
 
 // The filter: a negative.
 void negate(PDFRAME result, const DFRAME *picture) {
@@ -49,7 +45,7 @@ bool addCaption(OwnFrame &work, const std::string &caption) {
 // What was undefined in the picture is so in the copy; only what can be seen is compared.
 bool previewMatches(const DFRAME *preview, const SharedFrame &share, const std::string &caption) {
     bool matches = true;
-    forEachRow(share.media.get(), [&](const uint8_t *start, std::size_t bytes) {
+    forEachRow(*share.media, [&](const uint8_t *start, std::size_t bytes) {
         const uint8_t *const seen = preview->lpData + (start - share.frame->lpData);
         matches = matches && std::equal(start, start + bytes, seen,
                                         [](uint8_t before, uint8_t after) { return after == uint8_t(~before); });

@@ -3,7 +3,7 @@
 #ifndef MEDIA_PIPELINE_PICTURE_STATS_H
 #define MEDIA_PIPELINE_PICTURE_STATS_H
 
-#include "libav.h"
+#include "media.h"
 
 #include <array>
 #include <cstdint>
@@ -14,7 +14,7 @@ struct PictureStats {
 
 /** Counts the pixels of a picture. Pictures in floating point or from a bare sensor have no luma to be read, and
  *  count nothing. */
-void addPicture(PictureStats &stats, const AVFrame *picture);
+void addPicture(PictureStats &stats, const Media &picture);
 
 /** Mean luma, 0 to 255; below 0 if there were no pixels. */
 double meanLuma(const PictureStats &stats);

@@ -1,6 +1,5 @@
 #include "pipeline.h"
 
-#include "frame_buffers.h"
 #include "media_file.h"
 #include "queue.h"
 #include "shared_frame.h"
@@ -32,22 +31,20 @@ struct Pipeline {
 };
 
 // Gives an output of the decoder to those who wait for it. False if there is no memory.
-bool passOn(Pipeline &pipeline, const AVFrame *media, std::size_t stream) {
-    PDFRAME const frame = frameBuffersFind(pipeline.ledger, media);
-    const bool edits = frame != nullptr && hasPictures(pipeline.file, stream);
+bool passOn(Pipeline &pipeline, const std::shared_ptr<const Media> &media) {
+    const MediaStream &stream = pipeline.file.streams[media->stream];
+    const bool edits = media->frame != nullptr && stream.pictures;
     SharedFrame worker;
     SharedFrame sink;
     SharedFrame editor;
-    if (!shareFrame(worker, media, frame, stream) || !shareFrame(sink, media, frame, stream) ||
-        (edits && !shareFrame(editor, media, frame, stream))) {
+    if (!shareFrame(worker, media) || !shareFrame(sink, media) || (edits && !shareFrame(editor, media))) {
         return false;
     }
-    if (media->best_effort_timestamp != AV_NOPTS_VALUE) {
-        const AVRational unit = pipeline.file.demuxer->streams[stream]->time_base;
-        pipeline.position = static_cast<double>(media->best_effort_timestamp) * av_q2d(unit);
+    if (media->time != kNoTime) {
+        pipeline.position = static_cast<double>(media->time) * stream.unit;
     }
     ++pipeline.delivered;
-    (hasPictures(pipeline.file, stream) ? pipeline.pictures : pipeline.samples).push(std::move(worker));
+    (stream.pictures ? pipeline.pictures : pipeline.samples).push(std::move(worker));
     pipeline.everything.push(std::move(sink));
     if (edits) {
         pipeline.edits.push(std::move(editor));
@@ -73,8 +70,8 @@ void closeQueues(Pipeline &pipeline) {
 void decodeStage(Pipeline &pipeline) {
     bool shared = true;
     try {
-        const std::string error = decodeMedia(pipeline.file, [&](const AVFrame *media, std::size_t stream) {
-            shared = passOn(pipeline, media, stream);
+        const std::string error = decodeMedia(pipeline.file, [&](const std::shared_ptr<const Media> &media) {
+            shared = passOn(pipeline, media);
             return shared;
         });
         noteError(pipeline, shared ? error : "a frame could not be shared");
@@ -88,7 +85,7 @@ void decodeStage(Pipeline &pipeline) {
 template <class Take> void takeStage(Pipeline &pipeline, Queue<SharedFrame> &input, const Take &take) {
     try {
         while (const auto share = input.pop()) {
-            take(*share, pipeline.result.streams[share->stream]);
+            take(*share, pipeline.result.streams[share->media->stream]);
         }
     } catch (const std::exception &problem) {
         noteError(pipeline, problem.what());
@@ -98,9 +95,8 @@ template <class Take> void takeStage(Pipeline &pipeline, Queue<SharedFrame> &inp
 }
 
 void pictureStage(Pipeline &pipeline) {
-    takeStage(pipeline, pipeline.pictures, [](const SharedFrame &share, StreamResult &stream) {
-        addPicture(stream.brightness, share.media.get());
-    });
+    takeStage(pipeline, pipeline.pictures,
+              [](const SharedFrame &share, StreamResult &stream) { addPicture(stream.brightness, *share.media); });
 }
 
 void editStage(Pipeline &pipeline) {
@@ -110,32 +106,19 @@ void editStage(Pipeline &pipeline) {
 
 void sampleStage(Pipeline &pipeline) {
     takeStage(pipeline, pipeline.samples,
-              [](const SharedFrame &share, StreamResult &stream) { addSamples(stream.level, share.media.get()); });
+              [](const SharedFrame &share, StreamResult &stream) { addSamples(stream.level, *share.media); });
 }
 
-void sinkStage(Pipeline &pipeline, const Hash &hash) {
+void sinkStage(Pipeline &pipeline) {
     takeStage(pipeline, pipeline.everything, [&](const SharedFrame &share, StreamResult &stream) {
-        stream.records.push_back(recordFrame(hash, share.media.get(), stream.pictures));
-        stream.samples += static_cast<uint64_t>(share.media->nb_samples);
+        stream.records.push_back(recordFrame(*share.media));
+        stream.samples += static_cast<uint64_t>(share.media->samples);
         stream.placed += share.frame != nullptr ? 1 : 0;
     });
 }
 
-void describeStreams(Pipeline &pipeline) {
-    for (std::size_t i = 0; i < pipeline.file.decoders.size(); ++i) {
-        StreamResult stream;
-        const Decoder &decoder = pipeline.file.decoders[i];
-        if (decoder != nullptr) {
-            stream.decoded = true;
-            stream.pictures = hasPictures(pipeline.file, i);
-            stream.codec = avcodec_get_name(decoder->codec_id);
-        }
-        pipeline.result.streams.push_back(std::move(stream));
-    }
-}
-
 std::string progressText(Pipeline &pipeline) {
-    const auto duration = static_cast<double>(pipeline.file.demuxer->duration) / AV_TIME_BASE; // not above 0: unknown
+    const double duration = pipeline.file.seconds;
     const LedgerFigures frames = ledgerFigures(pipeline.ledger);
     const PoolFigures pool = framePoolFigures();
     const auto megabytes = [](uint64_t bytes) { return static_cast<double>(bytes) / 1e6; };
@@ -164,7 +147,6 @@ struct QueuesCloser {
 
 // Runs the stages to their end.
 void runStages(Pipeline &pipeline, Progress &progress) {
-    const Hash hash = makeHash();
     std::promise<void> ended;
     std::future<void> end = ended.get_future();
     std::array<std::jthread, 5> stages; // joined after the closer has gone
@@ -173,7 +155,7 @@ void runStages(Pipeline &pipeline, Progress &progress) {
     stages[1] = std::jthread([&] { sampleStage(pipeline); });
     stages[2] = std::jthread([&] { editStage(pipeline); });
     stages[3] = std::jthread([&] {
-        sinkStage(pipeline, hash);
+        sinkStage(pipeline);
         ended.set_value();
     });
     stages[4] = std::jthread([&] { decodeStage(pipeline); }); // last: only it puts anything into the queues
@@ -189,12 +171,14 @@ PipelineResult runPipeline(const std::string &path, int threads, bool local, int
     pipeline.result.edits.toLose = static_cast<uint64_t>(leak);
     pipeline.ledger.side = local ? DFRAME_FLAG_SYSHEAP : 0;
     pipeline.file = openMedia(path, threads, &pipeline.ledger, pipeline.result.error);
-    if (pipeline.file.demuxer == nullptr) {
+    if (pipeline.file.source == nullptr) {
         pipeline.result.frames = ledgerFigures(pipeline.ledger);
         return std::move(pipeline.result);
     }
     pipeline.result.opened = true;
-    describeStreams(pipeline);
+    for (const MediaStream &stream : pipeline.file.streams) {
+        pipeline.result.streams.emplace_back().about = stream;
+    }
     const auto start = std::chrono::steady_clock::now();
     runStages(pipeline, progress);
     pipeline.result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -208,7 +192,7 @@ PipelineResult runPipeline(const std::string &path, int threads, bool local, int
 uint64_t countRecords(const PipelineResult &result, bool pictures) {
     uint64_t count = 0;
     for (const StreamResult &stream : result.streams) {
-        count += stream.pictures == pictures ? stream.records.size() : 0;
+        count += stream.about.pictures == pictures ? stream.records.size() : 0;
     }
     return count;
 }

@@ -14,6 +14,7 @@
 #include "audio_level.h"
 #include "frame_ledger.h"
 #include "frame_record.h"
+#include "media_file.h"
 #include "picture_edit.h"
 #include "picture_stats.h"
 #include "progress.h"
@@ -23,9 +24,7 @@
 #include <vector>
 
 struct StreamResult {
-    bool decoded = false;  ///< false for streams without picture and sound
-    bool pictures = false; ///< else sound
-    std::string codec;
+    MediaStream about;
     uint64_t samples = 0; ///< per channel
     uint64_t placed = 0;  ///< of the records, those that lay in frames
     PictureStats brightness;

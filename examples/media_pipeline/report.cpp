@@ -8,7 +8,7 @@ namespace {
 
 std::string levelText(const StreamResult &stream) {
     char text[80];
-    if (!stream.pictures) {
+    if (!stream.about.pictures) {
         std::snprintf(text, sizeof text, "%.1f dB RMS, peak %.1f dB", rmsDecibels(stream.level),
                       peakDecibels(stream.level));
         return text;
@@ -24,10 +24,11 @@ std::string levelText(const StreamResult &stream) {
 
 void printStream(std::size_t number, const StreamResult &stream) {
     const std::string format = stream.records.empty() ? "nothing decoded" : recordFormat(stream.records.front());
-    const std::string decoded = std::to_string(stream.records.size()) + (stream.pictures ? " pictures" : " blocks");
+    const std::string decoded =
+        std::to_string(stream.records.size()) + (stream.about.pictures ? " pictures" : " blocks");
     const std::string placed = std::to_string(stream.placed);
-    std::printf("%-7zu %-10s %-22s %-15s %-10s %s\n", number, stream.codec.c_str(), format.c_str(), decoded.c_str(),
-                placed.c_str(), stream.records.empty() ? "" : levelText(stream).c_str());
+    std::printf("%-7zu %-10s %-22s %-15s %-10s %s\n", number, stream.about.codec.c_str(), format.c_str(),
+                decoded.c_str(), placed.c_str(), stream.records.empty() ? "" : levelText(stream).c_str());
 }
 
 void printLine(const char *name, const std::string &value) { std::printf("%-26s%s\n", name, value.c_str()); }
@@ -57,13 +58,13 @@ void printPool(const PipelineResult &result) {
 } // namespace
 
 void printReport(const std::string &path, const PipelineResult &result, uint64_t messages) {
-    std::printf("%s\n\n", std::filesystem::path(path).filename().c_str());
+    std::printf("%s\n\n", std::filesystem::path(path).filename().string().c_str());
     std::printf("%-7s %-10s %-22s %-15s %-10s %s\n", "stream", "codec", "format", "decoded", "in frames", "level");
     uint64_t samples = 0;
     uint64_t outside = 0;
     for (std::size_t i = 0; i < result.streams.size(); ++i) {
         const StreamResult &stream = result.streams[i];
-        if (stream.decoded) {
+        if (stream.about.decoded) {
             printStream(i, stream);
             samples += stream.samples;
             outside += stream.records.size() - stream.placed;

@@ -12,14 +12,13 @@ using Records = std::vector<std::vector<FrameRecord>>; // by stream
 std::string decodeReference(Records &records, const std::string &path, int threads, Progress &progress) {
     std::string error;
     MediaFile file = openMedia(path, threads, nullptr, error);
-    if (file.demuxer == nullptr) {
+    if (file.source == nullptr) {
         return error;
     }
-    records.resize(file.decoders.size());
-    const Hash hash = makeHash();
+    records.resize(file.streams.size());
     uint64_t count = 0;
-    const auto deliver = [&](const AVFrame *media, std::size_t stream) {
-        records[stream].push_back(recordFrame(hash, media, hasPictures(file, stream)));
+    const auto deliver = [&](const std::shared_ptr<const Media> &media) {
+        records[media->stream].push_back(recordFrame(*media));
         ++count;
         if (progressDue(progress)) {
             progressShow(progress, "verifying  " + std::to_string(count) + " pictures and blocks");
@@ -55,7 +54,7 @@ std::string verifyResult(const std::string &path, int threads, const PipelineRes
                                            : k >= wanted[i].size() ? "it should not be there"
                                                                    : recordDifference(got[k], wanted[i][k]);
             if (!difference.empty() && differences++ == 0) {
-                first = placeText(i, result.streams[i].pictures, k) + ": " + difference;
+                first = placeText(i, result.streams[i].about.pictures, k) + ": " + difference;
             }
         }
     }

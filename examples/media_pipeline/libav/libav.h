@@ -8,19 +8,11 @@ extern "C" {
 #include <libavformat/avformat.h>
 #include <libavutil/imgutils.h>
 #include <libavutil/log.h>
-#include <libavutil/murmur3.h>
 #include <libavutil/pixdesc.h>
 #include <libavutil/samplefmt.h>
 }
 
-#include <memory>
 #include <string>
-
-struct MediaDeleter {
-    void operator()(AVFrame *media) const { av_frame_free(&media); }
-};
-/** One reference to a decoded picture or block of samples. */
-using Media = std::unique_ptr<AVFrame, MediaDeleter>;
 
 /** What `error`, a negative result of libav, means. */
 inline std::string libavError(int error) {
