@@ -14,6 +14,12 @@ install(FILES ${PROJECT_BINARY_DIR}/brenvole-config.cmake ${PROJECT_BINARY_DIR}/
 
 # Relative to the file itself, so that an installed tree may be moved.
 file(RELATIVE_PATH pc_prefix /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+foreach(library brenvole qxutil) # as the linker looks for them, where names are told apart by their case
+  get_target_property(pc_${library} ${library} OUTPUT_NAME)
+  if(NOT pc_${library})
+    set(pc_${library} ${library})
+  endif()
+endforeach()
 configure_file(cmake/brenvole.pc.in ${PROJECT_BINARY_DIR}/brenvole.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/brenvole.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 

@@ -13,11 +13,17 @@ set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 
 add_library(brenvole_settings INTERFACE)
-target_compile_options(brenvole_settings INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow
-  $<$<BOOL:${BRENVOLE_WERROR}>:-Werror>)
+if(MSVC)
+  target_compile_options(brenvole_settings INTERFACE /W4 /utf-8 /EHsc $<$<BOOL:${BRENVOLE_WERROR}>:/WX>)
+else()
+  target_compile_options(brenvole_settings INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow
+    $<$<BOOL:${BRENVOLE_WERROR}>:-Werror>)
+endif()
 target_include_directories(brenvole_settings INTERFACE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src)
 if(WIN32)
-  add_link_options(-static $<$<CONFIG:Release>:-s>) # programs need nothing but our two libraries and the system's
+  if(NOT MSVC)
+    add_link_options(-static $<$<CONFIG:Release>:-s>) # programs need nothing but our two libraries and the system's
+  endif()
   # Where programs of the build run here: in the emulator, with a world of their own.
   set(windows_environment WINEPREFIX=${PROJECT_BINARY_DIR}/wine WINEDEBUG=-all)
   add_compile_definitions(_WIN32_WINNT=0x0601 WIN32_LEAN_AND_MEAN NOMINMAX)
@@ -41,6 +47,9 @@ function(brenvole_library name api)
   endif()
   add_library(${name}_static STATIC ${ARGN})
   set_target_properties(${name}_static PROPERTIES OUTPUT_NAME ${name} POSITION_INDEPENDENT_CODE ON)
+  if(MSVC) # the import library has that name
+    set_target_properties(${name}_static PROPERTIES OUTPUT_NAME ${name}_static)
+  endif()
   if(WIN32)
     set(dll_qxutil QXUtil)
     set(dll_brenvole Brenvole)

@@ -29,7 +29,8 @@ TEST(Guard, CatchesFaultsAndExceptions) {
                                                 protect(PAGE_READWRITE | PAGE_GUARD);
                                                 *static_cast<volatile char *>(pages) = 1;
                                             },
-                                            [] { throw std::string("text"); }};
+                                            [] { throw std::string("text"); },
+                                            [] { RaiseException(0xE06D7363, 0, 0, nullptr); }}; // another compiler's
     for (const auto &body : bodies) {
         bool behind = false;
         EXPECT_TRUE(qxGuarded([&] { // the inner section's fault is none of the outer one's

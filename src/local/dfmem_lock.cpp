@@ -1,9 +1,7 @@
 #include "dfmem_lock.h"
 
+#include "util/once.h"
 #include "util/unload.h"
-
-#include <atomic>
-#include <mutex>
 
 namespace brenvole {
 
@@ -11,22 +9,17 @@ QXCRITICALSECTION dfmemLock;
 
 namespace {
 
-std::atomic<bool> lockReady = false; // stays true from the first command on
-std::once_flag lockOnce;
+QXOnce lockOnce; // done from the first command on
 
 } // namespace
 
 void dfmemLockCreate() {
-    if (lockReady.load(std::memory_order_acquire)) { // every command but the first
-        return;
-    }
-    std::call_once(lockOnce, [] {
+    qxOnce(lockOnce, [] {
         qxOSInitializeCriticalSection(&dfmemLock);
         qxHookUnload(); // there is something to be given back from now on
-        lockReady.store(true, std::memory_order_release);
     });
 }
 
-bool dfmemLockReady() { return lockReady.load(std::memory_order_acquire); }
+bool dfmemLockReady() { return qxDone(lockOnce); }
 
 } // namespace brenvole

@@ -4,13 +4,13 @@
 #include "util/format.h"
 #include "util/hold.h"
 #include "util/host.h"
+#include "util/once.h"
 #include "util/uninterrupted.h"
 #include "util/unload.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 
 namespace brenvole {
 
@@ -23,7 +23,7 @@ constexpr int32_t kScope = -1;                // of configuration values, as QXU
 char *fileBuffer = nullptr; // of the open file
 bool atExitDone = false;
 std::atomic<bool> atExitCame = false; // first of all that end the trace, so that its name stands in the file
-std::once_flag lockOnce;
+QXOnce lockOnce;
 
 // Lock held.
 void flush() {
@@ -177,7 +177,7 @@ std::atomic<std::FILE *> traceFile = nullptr;
 QXCRITICALSECTION traceLock;
 
 void traceLockCreate() {
-    std::call_once(lockOnce, [] { qxOSInitializeCriticalSection(&traceLock); });
+    qxOnce(lockOnce, [] { qxOSInitializeCriticalSection(&traceLock); });
 }
 
 int32_t TraceDecide() {

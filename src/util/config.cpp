@@ -11,6 +11,7 @@
 #include "ini.h"
 #include "platform.h"
 #include "qxutil.h"
+#include "static_lock.h"
 #include "uninterrupted.h"
 
 #include <chrono>
@@ -39,7 +40,7 @@ struct Store {
     IniEntries entries;
 };
 Store *store = nullptr; // made at the first question, never deleted: threads may ask until the process ends
-std::mutex storeLock;   // guards `store`; messages go out after it is left, since a sink may ask the store
+QXStaticLock storeLock; // guards `store`; messages go out after it is left, since a sink may ask the store
 
 // Where the store is; empty if nowhere. In `built`, if the path has to be made up: memory would cost more than the
 // rest, and the trace asks again and again.

@@ -1,6 +1,8 @@
 // What the configuration store needs of files.
 #include "platform.h"
 
+#include <algorithm>
+
 #include <windows.h>
 
 namespace {
@@ -29,12 +31,20 @@ class File {
     HANDLE handle_;
 };
 
-int64_t nanoseconds(uint64_t high, uint64_t low) { return static_cast<int64_t>(high << 32 | low) * kNsPerTick; }
+// Since 1970: since 1601, where the system begins to count, there are more than 64 bits hold.
+int64_t nanoseconds(int64_t ticks) {
+    constexpr int64_t kTicksTo1970 = 116'444'736'000'000'000;
+    return (ticks - kTicksTo1970) * kNsPerTick;
+}
+
+int64_t nanoseconds(const FILETIME &time) {
+    return nanoseconds(static_cast<int64_t>(uint64_t{time.dwHighDateTime} << 32 | time.dwLowDateTime));
+}
 
 int64_t nowNs() {
     FILETIME now{};
     GetSystemTimeAsFileTime(&now);
-    return nanoseconds(now.dwHighDateTime, now.dwLowDateTime);
+    return nanoseconds(now);
 }
 
 } // namespace
@@ -46,10 +56,10 @@ QXFileStamp qxFileStamp(const char *path) noexcept {
         return {};
     }
     FILE_BASIC_INFO basic{};
-    const int64_t written = nanoseconds(about.ftLastWriteTime.dwHighDateTime, about.ftLastWriteTime.dwLowDateTime);
+    const int64_t written = nanoseconds(about.ftLastWriteTime);
     int64_t changed = written;
     if (GetFileInformationByHandleEx(file.handle(), FileBasicInfo, &basic, sizeof basic) != 0) {
-        changed = basic.ChangeTime.QuadPart * kNsPerTick;
+        changed = std::max(written, nanoseconds(basic.ChangeTime.QuadPart)); // 0 where a file system has none
     }
     return {about.dwVolumeSerialNumber,
             uint64_t{about.nFileIndexHigh} << 32 | about.nFileIndexLow,

@@ -2,17 +2,23 @@
 //
 // A section is a frame on the stack with a handler of its own. The system asks the frames from the innermost on, so a
 // handler inside a section, a message sink's for instance, gets its fault first, and a fault of a thread in no
-// section never comes here. Nothing is installed, and nothing has to be put back.
+// section never comes here. We install nothing, and nothing has to be put back.
 #include "guard.h"
 
 #include <windows.h>
 
 namespace {
 
-// The memory faults; anything else that is raised is somebody's who knows what it means.
-bool isMemoryFault(DWORD code) {
-    return code == EXCEPTION_ACCESS_VIOLATION || code == EXCEPTION_GUARD_PAGE || code == EXCEPTION_IN_PAGE_ERROR ||
-           code == EXCEPTION_DATATYPE_MISALIGNMENT;
+// C++ exceptions as the system sees them: of the compiler that this one is, and of the other one, which a message
+// sink or another QXUtil may have been built by.
+constexpr DWORD kExceptionOfMsvc = 0xE06D7363;
+constexpr DWORD kExceptionOfGcc = 0x20474343;
+
+// What ends a section: memory faults and exceptions. Anything else that is raised is somebody's who knows what it
+// means, and a stack that has run over is the host's to look at.
+bool isCaught(DWORD code) {
+    return code == kExceptionOfMsvc || code == kExceptionOfGcc || code == EXCEPTION_ACCESS_VIOLATION ||
+           code == EXCEPTION_GUARD_PAGE || code == EXCEPTION_IN_PAGE_ERROR || code == EXCEPTION_DATATYPE_MISALIGNMENT;
 }
 
 struct Call {
@@ -41,7 +47,7 @@ bool qxGuardRun(void (*body)(void *), void *context) {
     bool whole = false;
     __try {
         runCatching(&call, &whole);
-    } __except (isMemoryFault(GetExceptionCode()) ? EXCEPTION_EXECUTE_HANDLER : EXCEPTION_CONTINUE_SEARCH) {
+    } __except (isCaught(GetExceptionCode()) ? EXCEPTION_EXECUTE_HANDLER : EXCEPTION_CONTINUE_SEARCH) {
         whole = false;
     }
     return whole;
@@ -59,7 +65,7 @@ void qxGuardCall(Call *call, bool *whole) { runCatching(call, whole); }
 EXCEPTION_DISPOSITION qxGuardHandler(EXCEPTION_RECORD *record, void *frame, CONTEXT *,
                                      DISPATCHER_CONTEXT *dispatcher) {
     constexpr DWORD kUnwinding = EXCEPTION_UNWINDING | EXCEPTION_EXIT_UNWIND;
-    if ((record->ExceptionFlags & kUnwinding) == 0 && isMemoryFault(record->ExceptionCode)) {
+    if ((record->ExceptionFlags & kUnwinding) == 0 && isCaught(record->ExceptionCode)) {
         RtlUnwindEx(frame, qxGuardFaulted, record, nullptr, dispatcher->ContextRecord, dispatcher->HistoryTable);
     }
     return ExceptionContinueSearch;

@@ -20,7 +20,8 @@ CRITICAL_SECTION *sectionOf(QXCRITICALSECTION *lock) {
 } // namespace
 
 void qxOSInitializeCriticalSection(QXCRITICALSECTION *lock) {
-    InitializeCriticalSectionAndSpinCount(new (lock->u.abState) CRITICAL_SECTION, kSpins);
+    // No debug record: the system would find it in a library that has gone, as two of the locks are never deleted.
+    InitializeCriticalSectionEx(new (lock->u.abState) CRITICAL_SECTION, kSpins, CRITICAL_SECTION_NO_DEBUG_INFO);
 }
 
 void qxOSEnterCriticalSection(QXCRITICALSECTION *lock) { EnterCriticalSection(sectionOf(lock)); }

@@ -2,6 +2,7 @@
 #include "format.h"
 #include "platform.h"
 #include "qxutil.h"
+#include "static_lock.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -19,7 +20,7 @@ struct Sink {
 };
 
 Sink logSink = {nullptr, nullptr}; // the host's, or null for the log; under sinkLock
-std::mutex sinkLock;
+QXStaticLock sinkLock;
 
 // The file gets each message with exactly one line feed at its end; those inside it stay.
 void writeToLog(char *text, std::size_t length) {

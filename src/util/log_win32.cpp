@@ -1,19 +1,31 @@
 // The log on disk or on standard error. A file is opened once, for appending, and stays open: each message is
-// one write at the file's end, so that several processes may share it and none is lost if the process dies.
+// one write at the file's end, so that several processes may share it and none is lost if the process dies. No lock:
+// the last messages come when the process has ended its other threads, one of which may have stood in here.
 #include "platform.h"
 #include "qxutil.h"
 #include "uninterrupted.h"
 
-#include <mutex>
+#include <atomic>
 #include <string_view>
 
 #include <windows.h>
 
 namespace {
 
-HANDLE logFile = nullptr; // null until the first message; under logLock
-bool ownFile = false;     // else standard error, which the host may change
-std::mutex logLock;
+// The file of QXUTIL_LOG, open from the first message on; INVALID_HANDLE_VALUE: standard error, which the host may
+// change at any time. Null: not looked for yet.
+std::atomic<HANDLE> logFile = nullptr;
+
+// The library leaves the process, or the process ends.
+struct Closer {
+    ~Closer() {
+        const HANDLE file = logFile.exchange(INVALID_HANDLE_VALUE);
+        if (file != nullptr && file != INVALID_HANDLE_VALUE) {
+            CloseHandle(file);
+        }
+    }
+};
+Closer closer;
 
 void writeAll(HANDLE file, std::string_view text) {
     while (!text.empty()) {
@@ -25,31 +37,34 @@ void writeAll(HANDLE file, std::string_view text) {
     }
 }
 
-void openLog() {
-    logFile = GetStdHandle(STD_ERROR_HANDLE);
+HANDLE openLog() {
     const char *const path = qxEnvironment("QXUTIL_LOG");
-    if (path == nullptr) {
-        return;
+    HANDLE file = INVALID_HANDLE_VALUE;
+    if (path != nullptr) {
+        file = CreateFileA(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                           OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     }
-    const HANDLE file = CreateFileA(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                    nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE) {
-        writeAll(logFile, "QXUtil: can't open the log file of QXUTIL_LOG, messages go to standard error\n");
-        return;
+    HANDLE first = nullptr;
+    if (!logFile.compare_exchange_strong(first, file)) { // another thread's first message has come between
+        if (file != INVALID_HANDLE_VALUE) {
+            CloseHandle(file);
+        }
+        return first;
     }
-    logFile = file;
-    ownFile = true;
+    if (path != nullptr && file == INVALID_HANDLE_VALUE) {
+        writeAll(GetStdHandle(STD_ERROR_HANDLE),
+                 "QXUtil: can't open the log file of QXUTIL_LOG, messages go to standard error\n");
+    }
+    return file;
 }
 
 } // namespace
 
 void qxLogWrite(const char *text, std::size_t length) noexcept {
     const QXUninterrupted whole;
-    const std::scoped_lock hold(logLock);
-    if (logFile == nullptr) {
-        openLog();
-    } else if (!ownFile) {
-        logFile = GetStdHandle(STD_ERROR_HANDLE);
+    HANDLE file = logFile;
+    if (file == nullptr) {
+        file = openLog();
     }
-    writeAll(logFile, {text, length});
+    writeAll(file != INVALID_HANDLE_VALUE ? file : GetStdHandle(STD_ERROR_HANDLE), {text, length});
 }

@@ -1,5 +1,7 @@
 #include "variable_win32.h"
 
+#include "static_lock.h"
+
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -10,7 +12,7 @@
 
 namespace {
 
-std::mutex valuesLock;
+QXStaticLock valuesLock;
 // What was read, by name; never deleted, since values may be asked for until the process ends. A handful of names.
 std::map<std::string, std::string, std::less<>> *values = nullptr;
 
