@@ -71,6 +71,58 @@ TEST(HeapModel, RandomOperations) {
     }
 }
 
+// What a walk of FreeList finds.
+template <class Fits> PHALLOC *firstBy(d_ListNode *node, d_ListNode *(*next)(d_ListNode *), const Fits &fits) {
+    while (node != nullptr && !fits(physRecord(node))) { node = next(node); }
+    return physRecord(node);
+}
+
+// Index and walk give one answer at each step, through times of many segments and of few, of want of memory for the
+// index and of its being dropped.
+TEST(HeapIndex, IsTheWalk) {
+    const LogCapture log;
+    const bool slow = systemIsSlow || kSanitized;
+    for (const uint64_t granules : {uint64_t{slow ? 5001u : 70'001u}, uint64_t{4096}, uint64_t{255}}) {
+        std::mt19937 random(static_cast<unsigned>(granules));
+        DFHEAP *const heap = DFHEAP_Create(0, kBase, granules * 48, 48, 6 * 48); // no power of two
+        std::vector<uint64_t> blocks;
+        uint64_t fullTimes = 0;
+        uint32_t most = 0;
+        const int steps = slow ? 20'000 : 500'000;
+        for (int step = 0; step < steps; ++step) {
+            const bool filling = step / (granules / 2 + 500) % 2 == 0; // to exhaustion, and back to nearly nothing
+            if (step % 5000 == 0) { freeIndexSpoil(heap); }
+            if (step % 7000 < 2000) { failNth(1); } // no tree, or no record
+            const uint64_t size = (1 + random() % 12) * 48;
+            const uint64_t addr = heap->lpBase + random() % (heap->qwLength / 48) * 48;
+            const uint32_t segments = d_ListCount(&heap->FreeList);
+            most = std::max(most, segments);
+            if (freeIndexReady(heap) && step % (segments / 64 + 1) == 0) { // walks take their time
+                const auto fits = [&](const PHALLOC *segment) { return segment->qwSize >= size; };
+                const auto below = [&](const PHALLOC *segment) { return segment->lpAddr < addr; };
+                ASSERT_EQ(freeIndexFit(heap, size, true), firstBy(d_ListHead(&heap->FreeList), d_ListNext, fits));
+                ASSERT_EQ(freeIndexFit(heap, size, false), firstBy(d_ListTail(&heap->FreeList), d_ListPrev, fits));
+                ASSERT_EQ(freeIndexBefore(heap, addr), firstBy(d_ListTail(&heap->FreeList), d_ListPrev, below));
+            }
+            if (blocks.empty() || random() % 8 < (filling ? 6u : 2u)) {
+                uint64_t wanted = size;
+                blocks.push_back(DFHEAP_Alloc(heap, &wanted, 0, nullptr));
+                if (blocks.back() == 0) { blocks.pop_back(), fullTimes += step % 7000 < 2000 ? 0 : 1; }
+            } else {
+                std::swap(blocks[random() % blocks.size()], blocks.back());
+                ASSERT_EQ(DFHEAP_Free(heap, blocks.back(), nullptr), 0);
+                blocks.pop_back();
+            }
+            failNth(0);
+            if (step % 1000 == 0) { ASSERT_EQ(_DFHEAP_Check(heap), 0u) << step; }
+        }
+        EXPECT_TRUE(fullTimes != 0 && most > granules / 40) << fullTimes << ' ' << most;
+        for (const uint64_t block : blocks) { DFHEAP_Free(heap, block, nullptr); }
+        EXPECT_EQ(_DFHEAP_Check(heap), 0u);
+        DFHEAP_Destroy(heap);
+    }
+}
+
 TEST_F(Heap, GeometryIsRoundedOrRefused) {
     const uint64_t last = UINT64_MAX - 0xFFF; // the last page; nothing may add to its end
     EXPECT_EQ(DFHEAP_Resize(heap, 1, last, 0x1000, 0x1000, 0), 0);

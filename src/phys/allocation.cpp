@@ -41,6 +41,9 @@ struct Carving {
 };
 
 PHALLOC *findSegment(const Carving &carving) {
+    if (freeIndexReady(carving.heap)) {
+        return freeIndexFit(carving.heap, carving.size, carving.fromBottom());
+    }
     d_List *const list = &carving.heap->FreeList;
     const bool upwards = carving.fromBottom();
     d_ListNode *node = upwards ? d_ListHead(list) : d_ListTail(list);
@@ -67,6 +70,7 @@ bool takeWhole(Carving &carving, PHALLOC *segment) {
         carving.record = nullptr;
         return false;
     }
+    freeIndexRemove(carving.heap, segment);
     segment->pOwner = carving.owner;
     segment->lRefCount = 1;
     noteCut(carving.heap, was);
@@ -77,6 +81,7 @@ bool takeWhole(Carving &carving, PHALLOC *segment) {
 void cut(Carving &carving, PHALLOC *segment, PHALLOC *record) {
     const uint64_t rest = segment->qwSize - carving.size;
     const uint64_t skip = carving.fromBottom() ? 0 : rest;
+    const uint64_t from = segment->lpAddr;
     record->qwOffset = segment->qwOffset + skip;
     record->lpAddr = segment->lpAddr + skip;
     record->qwSize = carving.size;
@@ -88,6 +93,7 @@ void cut(Carving &carving, PHALLOC *segment, PHALLOC *record) {
     }
     segment->qwSize = rest;
     carving.segment = segment;
+    freeIndexChange(carving.heap, from, segment);
     _DFHEAP_MarkChunks(carving.heap, record->lpAddr, record->qwSize, record);
 }
 
@@ -146,6 +152,7 @@ void undoCut(const Carving &carving) {
 // After a fault, or where AllocList hasn't taken the record. The caller is told of an ordinary failure, so the block
 // must not stay taken, nor a record be lost.
 void recover(Carving &carving) {
+    freeIndexSpoil(carving.heap);
     if (carving.listLocked) {
         qxGuarded([&] { d_ListUnLock(&carving.heap->FreeList); });
     }

@@ -10,11 +10,14 @@
  *    H6  Each entry of the chunk map names the record that covers its granule.
  *    H7  If bLargestValid is set, qwLargestFree is the size of the largest segment.
  *    H8  Neighbours on FreeList don't touch (but for one that its list wouldn't let go).
+ *    H9  The index, if it may be asked, holds the segments of FreeList.
  *
  *  Locks: Lock first, then a list's lock, never the other way round, and never both list locks. A worker with a
  *  leading underscore runs with Lock held unless it says otherwise. */
 #ifndef BRENVOLE_HEAP_H
 #define BRENVOLE_HEAP_H
+
+#include "free_index.h"
 
 #include "local/phalloc.h"
 
@@ -30,12 +33,35 @@ struct DFHEAP {
     d_List FreeList;        // free segments, by ascending address
     QXCRITICALSECTION Lock;
     brenvole::PHALLOC **ppChunkMap; // one entry a granule, or null: then lookups walk AllocList
-    uint64_t qwChunkCount;          // entries; 0 without a map
+    brenvole::PHALLOC **ppGroupMap; // behind it, one entry for kGroup granules; or null
+    uint64_t qwChunkCount;          // entries of ppChunkMap; 0 without a map
     uint64_t qwLargestFree;         // size of the largest segment, if valid
     uint32_t bLargestValid;
+    uint32_t dwShift; // the granule's power of two, or kNoShift
+    brenvole::FreeIndex Index;
 };
 
 namespace brenvole {
+
+/** Granules that one entry of the group map stands for: it spares a long block most of its stamps, and a short one
+ *  needs no more of the chunk map than two lines of the cache at either end. */
+inline constexpr uint64_t kGroup = 32;
+
+inline constexpr uint32_t kNoShift = 64; // a granule that is no power of two
+
+/** How many granules lie in so many bytes of the heap. */
+inline uint64_t physGranules(const DFHEAP *heap, uint64_t bytes) {
+    return heap->dwShift != kNoShift ? bytes >> heap->dwShift : bytes / heap->qwGranularity; // a division costs 20 ns
+}
+
+/** The record that the map has for a granule; the heap has a map. */
+inline PHALLOC *physMapped(const DFHEAP *heap, uint64_t chunk) {
+    PHALLOC *const whole = heap->ppGroupMap != nullptr ? heap->ppGroupMap[chunk / kGroup] : nullptr;
+    return whole != nullptr ? whole : heap->ppChunkMap[chunk];
+}
+
+/** True if the index may be asked; else FreeList is walked. */
+inline bool freeIndexReady(DFHEAP *heap) { return heap->Index.eState >= IndexState::few || freeIndexRemake(heap); }
 
 /** Rounds up to a multiple of `unit`, which is not 0.
  *  @return false, and `value` untouched, if the result would pass 2^64 - 1 */

@@ -49,9 +49,9 @@ template <class Rule> bool neighbours(const Records &segments, const Rule &rule)
 bool mapHolds(const DFHEAP *heap, const Records &all) {
     uint64_t named = 0;
     for (const PHALLOC *record : all) {
-        const uint64_t first = (record->lpAddr - heap->lpBase) / heap->qwGranularity;
+        const uint64_t first = physGranules(heap, record->lpAddr - heap->lpBase);
         for (uint64_t i = first; i < first + record->qwSize / heap->qwGranularity; ++i, ++named) {
-            if (heap->ppChunkMap[i] != record) {
+            if (physMapped(heap, i) != record) {
                 return false;
             }
         }
@@ -107,7 +107,10 @@ unsigned _DFHEAP_Check(DFHEAP *heap) {
     }
     const bool apart = neighbours(
         segments, [](const PHALLOC *low, const PHALLOC *high) { return high->lpAddr - low->lpAddr > low->qwSize; });
-    return apart ? 0 : 8;
+    if (!apart) {
+        return 8;
+    }
+    return freeIndexSound(heap) ? 0 : 9;
 }
 
 #ifndef NDEBUG

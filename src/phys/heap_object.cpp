@@ -5,6 +5,8 @@
 #include "trace/trace.h"
 #include "util/hold.h"
 
+#include <bit>
+
 namespace brenvole {
 
 namespace {
@@ -46,6 +48,8 @@ bool _DFHEAP_SetGeometry(uint64_t physOffset, uint64_t base, uint64_t length, ui
     heap->qwPhysOffset = physOffset;
     heap->lpBase = first;
     heap->qwGranularity = granularity;
+    heap->dwShift =
+        std::has_single_bit(granularity) ? static_cast<uint32_t>(std::countr_zero(granularity)) : kNoShift;
     heap->qwLength = usable;
     return true;
 }
@@ -121,6 +125,7 @@ DFHEAP *DFHEAP_Create(uint64_t physOffset, uintptr_t base, uint64_t length, uint
     heap->ppChunkMap = nullptr;
     heap->qwChunkCount = 0;
     _DFHEAP_RebuildChunkMap(heap, record);
+    freeIndexInit(heap);
     heap->qwLargestFree = record->qwSize;
     heap->bLargestValid = 1;
     qxOSInitializeCriticalSection(&heap->Lock);
@@ -144,6 +149,7 @@ int32_t DFHEAP_Resize(DFHEAP *heap, uint64_t physOffset, uintptr_t base, uint64_
     PHALLOC *const record = physRecord(head);
     coverRegion(heap, record);
     _DFHEAP_RebuildChunkMap(heap, record);
+    freeIndexReset(heap);
     heap->qwLargestFree = record->qwSize;
     heap->bLargestValid = 1;
     physAssertSound(heap);
@@ -192,6 +198,7 @@ void DFHEAP_Destroy(DFHEAP *heap) {
     if (heap->ppChunkMap != nullptr) {
         QXFree(heap->ppChunkMap);
     }
+    freeIndexClose(heap);
     QXFree(heap);
     ErrOut("Net DFrames Allocated in brenvole %I64u (bytes = %I64u) phys heap allocations %I64u local heap "
            "allocations %I64u",

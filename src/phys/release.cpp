@@ -44,6 +44,7 @@ Walk join(Placing &placing, PHALLOC *segment, bool recordIsBelow) {
         return Walk::refused;
     }
     lockFreeList(placing);
+    const uint64_t from = segment->lpAddr;
     if (recordIsBelow) {
         segment->qwOffset = record->qwOffset;
         segment->lpAddr = record->lpAddr;
@@ -52,6 +53,7 @@ Walk join(Placing &placing, PHALLOC *segment, bool recordIsBelow) {
     placing.segment = segment;
     placing.spent = record;
     placing.loose = nullptr;
+    freeIndexChange(placing.heap, from, segment);
     unlockFreeList(placing);
     giveBackSpent(placing, segment);
     return Walk::placed;
@@ -64,7 +66,36 @@ Walk stands(Placing &placing) {
     }
     placing.segment = placing.loose;
     placing.loose = nullptr;
+    freeIndexAdd(placing.heap, placing.segment);
     return Walk::placed;
+}
+
+// The segment on FreeList that covers a granule, or null.
+PHALLOC *freeAt(const DFHEAP *heap, uint64_t chunk) {
+    PHALLOC *const record = physMapped(heap, chunk);
+    return physStandsOn(record, &heap->FreeList) ? record : nullptr;
+}
+
+// What the merge walk comes to, without walking: the map knows what lies on both sides of the record, and the index
+// the segment in front of it. A walk would meet the lower neighbour first.
+Walk mergeByIndex(Placing &placing) {
+    DFHEAP *const heap = placing.heap;
+    PHALLOC *const record = placing.loose;
+    const uint64_t first = physGranules(heap, record->lpAddr - heap->lpBase);
+    const uint64_t end = first + physGranules(heap, record->qwSize);
+    PHALLOC *const below = first != 0 ? freeAt(heap, first - 1) : nullptr;
+    PHALLOC *const above = end != heap->qwChunkCount ? freeAt(heap, end) : nullptr;
+    if (below != nullptr || above != nullptr) {
+        return below != nullptr ? join(placing, below, false) : join(placing, above, true);
+    }
+    PHALLOC *const prev = freeIndexBefore(heap, record->lpAddr);
+    if (prev == nullptr) {
+        d_ListAddHead(&heap->FreeList, &record->Node);
+    } else {
+        physTouchAround(&prev->Node);
+        d_ListInsert(&heap->FreeList, &prev->Node, &record->Node);
+    }
+    return stands(placing);
 }
 
 // The merge walk: finds the place of the loose record. A block that lies below every segment and touches none is
@@ -117,11 +148,14 @@ Walk joinNeighbours(Placing &placing, PHALLOC *low, PHALLOC *high) {
     const bool left = d_ListRemove(&placing.heap->FreeList, &high->Node) != nullptr;
     placing.high = nullptr;
     if (left) {
+        freeIndexRemove(placing.heap, high);
+        freeIndexChange(placing.heap, low->lpAddr, low);
         placing.segment = low;
         placing.spent = high;
         giveBackSpent(placing, low);
     } else {
         low->qwSize -= high->qwSize;
+        freeIndexSpoil(placing.heap);
     }
     unlockFreeList(placing);
     return Walk::placed;
@@ -162,8 +196,12 @@ void traceRecord(const Placing &placing, const char *action, const PHALLOC *reco
 
 int32_t _DFHEAP_PlaceFree(Placing &placing) {
     DFHEAP *const heap = placing.heap;
-    const Walk walked = placing.loose != nullptr ? mergeWalk(placing) : Walk::placed;
+    Walk walked = Walk::placed;
+    if (placing.loose != nullptr) {
+        walked = freeIndexReady(heap) ? mergeByIndex(placing) : mergeWalk(placing);
+    }
     if (walked == Walk::refused) {
+        freeIndexSpoil(heap);
         traceRecord(placing, "phys_free_size_overflow", placing.loose, "free list merge size overflow");
         heap->bLargestValid = 0;
         physTouchTail(&heap->FreeList);
@@ -219,6 +257,7 @@ void settle(Placing &placing) {
 
 void physFinishPlacing(Placing &placing) {
     DFHEAP *const heap = placing.heap;
+    freeIndexSpoil(heap);
     settle(placing);
     if (placing.loose == nullptr && placing.segment == nullptr) {
         return;

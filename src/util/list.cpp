@@ -15,6 +15,24 @@ void setCount(d_List *list, uint32_t count) {
     std::atomic_ref<uint32_t>(list->dwCount).store(count, std::memory_order_relaxed);
 }
 
+// What follows `node`, or is the list's head if that is null. The ends are read without the lock.
+void setNext(d_List *list, d_ListNode *node, d_ListNode *next) {
+    if (node != nullptr) {
+        node->lpNext = next;
+    } else {
+        std::atomic_ref(list->lpHead).store(next, std::memory_order_release);
+    }
+}
+
+// What stands in front of `node`, or is the list's tail.
+void setPrev(d_List *list, d_ListNode *node, d_ListNode *prev) {
+    if (node != nullptr) {
+        node->lpPrev = prev;
+    } else {
+        std::atomic_ref(list->lpTail).store(prev, std::memory_order_release);
+    }
+}
+
 [[maybe_unused]] bool sound(const d_List *list) {
     if (list->lpHead == nullptr || list->lpTail == nullptr) {
         return list->lpHead == list->lpTail && list->dwCount == 0; // L1, L2
@@ -31,8 +49,8 @@ uint32_t link(d_List *list, d_ListNode *before, d_ListNode *node, d_ListNode *be
     }
     node->lpPrev = before;
     node->lpNext = behind;
-    (before != nullptr ? before->lpNext : list->lpHead) = node;
-    (behind != nullptr ? behind->lpPrev : list->lpTail) = node;
+    setNext(list, before, node);
+    setPrev(list, behind, node);
     node->lpList = list;
     setCount(list, list->dwCount + 1);
     assert(sound(list));
@@ -41,8 +59,8 @@ uint32_t link(d_List *list, d_ListNode *before, d_ListNode *node, d_ListNode *be
 
 // Lock held; the node is on the list.
 d_ListNode *unlink(d_List *list, d_ListNode *node) {
-    (node->lpPrev != nullptr ? node->lpPrev->lpNext : list->lpHead) = node->lpNext;
-    (node->lpNext != nullptr ? node->lpNext->lpPrev : list->lpTail) = node->lpPrev;
+    setNext(list, node->lpPrev, node->lpNext);
+    setPrev(list, node->lpNext, node->lpPrev);
     d_ListInitNode(node);
     setCount(list, list->dwCount - 1);
     assert(sound(list));
@@ -130,20 +148,13 @@ d_ListNode *d_ListRemove(d_List *list, d_ListNode *node) {
     return node->lpList == list ? unlink(list, node) : nullptr;
 }
 
+// One word each, which another thread may change the moment after, with or without a lock around the reading.
 d_ListNode *d_ListHead(d_List *list) {
-    if (list == nullptr) {
-        return nullptr;
-    }
-    const QXHold hold(list->Lock);
-    return list->lpHead;
+    return list != nullptr ? std::atomic_ref(list->lpHead).load(std::memory_order_acquire) : nullptr;
 }
 
 d_ListNode *d_ListTail(d_List *list) {
-    if (list == nullptr) {
-        return nullptr;
-    }
-    const QXHold hold(list->Lock);
-    return list->lpTail;
+    return list != nullptr ? std::atomic_ref(list->lpTail).load(std::memory_order_acquire) : nullptr;
 }
 
 d_ListNode *d_ListNext(d_ListNode *node) { return node != nullptr ? node->lpNext : nullptr; }

@@ -1,0 +1,42 @@
+/** @file
+ *  Sixteen signed words side by side, by the vector instructions that every x86-64 processor has. */
+#ifndef BRENVOLE_LANES_H
+#define BRENVOLE_LANES_H
+
+#include <algorithm>
+#include <bit>
+#include <cstdint>
+
+#include <emmintrin.h>
+
+namespace brenvole {
+
+/** A bit for each of the sixteen words that is at least `least`, which is above INT32_MIN. `words` is aligned to 16.
+ */
+inline uint32_t lanesAtLeast(const int32_t *words, int32_t least) {
+    const __m128i below = _mm_set1_epi32(least - 1);
+    const auto *const lanes = reinterpret_cast<const __m128i *>(words);
+    const __m128i low = _mm_packs_epi32(_mm_cmpgt_epi32(_mm_load_si128(lanes), below),
+                                        _mm_cmpgt_epi32(_mm_load_si128(lanes + 1), below));
+    const __m128i high = _mm_packs_epi32(_mm_cmpgt_epi32(_mm_load_si128(lanes + 2), below),
+                                         _mm_cmpgt_epi32(_mm_load_si128(lanes + 3), below));
+    return static_cast<uint32_t>(_mm_movemask_epi8(_mm_packs_epi16(low, high)));
+}
+
+/** The largest of sixteen words. */
+inline int32_t lanesMost(const int32_t *words) { return *std::max_element(words, words + 16); }
+
+/** Writes `word` into `count` places. */
+template <class Word> void lanesFill(Word *places, uint64_t count, Word word) {
+    static_assert(sizeof(Word) == sizeof(int64_t));
+    const __m128i two = _mm_set1_epi64x(std::bit_cast<int64_t>(word));
+    for (; count >= 4; places += 4, count -= 4) {
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(places), two);
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(places + 2), two);
+    }
+    std::fill_n(places, count, word);
+}
+
+} // namespace brenvole
+
+#endif
