@@ -39,6 +39,34 @@ TEST(Region, CommittedWholeAndGivenBackWhole) {
     qxOSVirtualFree(nullptr);
 }
 
+// Threads release what others have made, in all sizes, and nobody else has written into a block.
+TEST(Allocator, BlocksBelongToOne) {
+    std::array<std::atomic<uint8_t *>, 8> shared{};
+    const auto check = [](uint8_t *block) { // its size, and its first and last byte
+        uint32_t size = 0;
+        std::memcpy(&size, block + 1, sizeof size);
+        EXPECT_EQ(block[0], block[size - 1]);
+        block[0] = block[size - 1] = 0;
+    };
+    onThreads(4, [&](int number) {
+        std::minstd_rand random(static_cast<unsigned>(number) + 1);
+        for (int i = 0; i < 20000; ++i) {
+            const uint32_t size = 6 + static_cast<uint32_t>(random() % (1u << random() % 20));
+            auto *const block = static_cast<uint8_t *>(QXAlloc(size));
+            std::memcpy(block + 1, &size, sizeof size);
+            block[0] = block[size - 1] = static_cast<uint8_t>(i | 1);
+            if (uint8_t *const other = shared[random() % shared.size()].exchange(block)) {
+                check(other);
+                QXFree(other);
+            }
+        }
+    });
+    for (uint8_t *const block : shared) {
+        check(block);
+        QXFree(block);
+    }
+}
+
 struct Machine {
     const char *what;
     const char *meminfo;

@@ -1,6 +1,7 @@
 /** @file
  *  Which frames are alive, for those who hold a number that may be a frame's address and want to look at it. The
- *  table is a hint: a frame that found no place in it counts as unknown. No lock is taken. */
+ *  table is a hint: a frame that found no place in it counts as unknown. Who enters a frame holds dfmemLock; no other
+ * is taken. */
 #ifndef BRENVOLE_LIVE_FRAMES_H
 #define BRENVOLE_LIVE_FRAMES_H
 

@@ -27,7 +27,8 @@ inline constexpr uint32_t kLocalGuard6 = 0xFAD0BABE;
 QX_READS_FOREIGN_MEMORY bool localGuardsHold(const volatile PHALLOC *record);
 
 /** Notes that the descriptor of a live block stands at this address, and forgets it before the block goes to
- *  QXFree. A note saves LHEAP_Find a system call and decides nothing; notes may push each other out. */
+ *  QXFree. Who notes holds dfmemLock. A note saves LHEAP_Find a system call and decides nothing; notes may push each
+ * other out. */
 void localRemember(const PHALLOC *descriptor);
 void localForget(const PHALLOC *descriptor);
 

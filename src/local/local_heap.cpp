@@ -77,6 +77,7 @@ struct Making {
     const char *msgarea;
     uint32_t line;
     volatile bool locked = false;
+    volatile bool setting = false;  // at step 7
     char *volatile block = nullptr; // obtained and not yet handed out
     uint8_t *volatile result = nullptr;
 };
@@ -131,23 +132,30 @@ void traceHandedOut(const Making &making, const PHALLOC *descriptor) {
 // Step 7: the frame gets its data. The store stands first, since it alone can fault: then nothing was counted.
 void handOut(Making &making, const PHALLOC *descriptor) {
     enter(making);
-    const bool whole = qxGuarded([&] {
-        const_cast<volatile DFRAME *>(making.pDF)->lpData = dataOf(making.block);
-        std::atomic_signal_fence(std::memory_order_seq_cst); // what follows must not come before it
-        making.block = nullptr;
-        dfmemCount<uint64_t>(local_allocs, 1);
-        dfmemCount(localBytes, making.size);
-    });
-    if (whole) {
-        traceHandedOut(making, descriptor);
-    } else {
-        warn("Exception settinging local audio video memory");
-        TraceProblem("local_alloc_set_exception", making.pDF, LHEAP_DataStart(descriptor), making.wanted,
-                     descriptor->qwSize, descriptor->lRefCount, making.msgarea, making.line,
-                     "exception setting local DFrame data");
-    }
+    localRemember(descriptor);
+    making.setting = true;
+    const_cast<volatile DFRAME *>(making.pDF)->lpData = dataOf(making.block);
+    making.setting = false;
+    std::atomic_signal_fence(std::memory_order_seq_cst); // what follows must not come before it
+    making.block = nullptr;
+    dfmemCount<uint64_t>(local_allocs, 1);
+    dfmemCount(localBytes, making.size);
+    traceHandedOut(making, descriptor);
     leave(making);
     making.result = making.pDF->lpData; // step 8
+}
+
+// The frame couldn't be given its data. That has a message of its own, and then step 8 follows, which may not find
+// what the frame holds either.
+void settingFaulted(Making &making) {
+    const PHALLOC *const descriptor = descriptorOf(making.block);
+    making.setting = false;
+    warn("Exception settinging local audio video memory");
+    TraceProblem("local_alloc_set_exception", making.pDF, LHEAP_DataStart(descriptor), making.wanted,
+                 descriptor->qwSize, descriptor->lRefCount, making.msgarea, making.line,
+                 "exception setting local DFrame data");
+    leave(making);
+    making.result = making.pDF->lpData;
 }
 
 // Steps 4 to 7.
@@ -160,9 +168,7 @@ void makeBlock(Making &making) {
                      making.line, "QXAlloc failed for local DFrame data");
         return;
     }
-    PHALLOC *const descriptor = writeDescriptor(making);
-    localRemember(descriptor);
-    handOut(making, descriptor);
+    handOut(making, writeDescriptor(making));
 }
 
 // A block that a fault has kept from its frame. Its descriptor must not be found once the block is released; the
@@ -184,8 +190,11 @@ struct Releasing {
     uint32_t line;
     volatile bool locked = false;
     volatile bool counted = false;
-    volatile bool faulted = false; // where the work went on, as far as it had to
-    volatile int32_t count = -1;   // references left, as read under the lock; valid if counted
+    volatile bool dropping = false; // at the state changes of step 8, where a fault is none
+    volatile bool faulted = false;  // where the work went on, as far as it had to
+    char *volatile block = nullptr; // as the descriptor had them: the trace tells of the block when it may be gone
+    volatile uint64_t owner = 0;
+    volatile int32_t count = -1; // references left, as read under the lock; valid if counted
 };
 
 // Step 6, lock held. The new block is in place before the old one goes, so that a fault in QXFree loses neither.
@@ -206,6 +215,21 @@ void traceRefused(const Releasing &releasing, const char *action, const char *de
                  detail);
 }
 
+void traceFreed(const Releasing &releasing, const char *action, int32_t count, const char *detail) {
+    whenTracing([&] {
+        traceRecordRelease(action, "local", tracePointer(releasing.owner), dataOf(releasing.block), count,
+                           releasing.msgarea, releasing.line, detail);
+    });
+}
+
+// The end of step 8.
+void drop(Releasing &releasing) {
+    releasing.dropping = false;
+    leave(releasing);
+    traceFreed(releasing, "local_free", 0, "LHEAP_Free release");
+    giveBack(releasing.block);
+}
+
 // Steps 2 to 8.
 int32_t release(Releasing &releasing) {
     PHALLOC *const pHA = releasing.pHA;
@@ -222,26 +246,20 @@ int32_t release(Releasing &releasing) {
     const uint64_t whole = pHA->qwSize; // 4
     const auto size = static_cast<uint32_t>(whole);
     auto *const block = reinterpret_cast<char *>(pHA->lpAddr);
-    uint64_t owner = 0;
-    const auto traceFreed = [&](const char *action, int32_t count, const char *detail) {
-        whenTracing([&] {
-            traceRecordRelease(action, "local", tracePointer(owner), dataOf(block), count, releasing.msgarea,
-                               releasing.line, detail);
-        });
-    };
+    releasing.block = block;
     enter(releasing);
     qxOSInterlockedDecrement(&pHA->lRefCount);
     releasing.count = pHA->lRefCount;
     releasing.counted = true;
-    owner = pHA->pOwner;       // the block may be gone when the trace tells of it
+    releasing.owner = pHA->pOwner;
     if (releasing.count > 0) { // 5
         leave(releasing);
-        traceFreed("local_free", releasing.count, "LHEAP_Free deref");
+        traceFreed(releasing, "local_free", releasing.count, "LHEAP_Free deref");
         return releasing.count;
     }
     if (size > lastBigAllocSize) { // 6
         const bool replaced = replaceCached(block, size);
-        traceFreed("local_cache_save", 0, "LHEAP_Free saved local allocation cache");
+        traceFreed(releasing, "local_cache_save", 0, "LHEAP_Free saved local allocation cache");
         if (!replaced) {
             releasing.faulted = true;
             return 0;
@@ -253,17 +271,15 @@ int32_t release(Releasing &releasing) {
         ErrOut("BRENVOLE:Attempt to free last big alloc ");
         lastBigAllocSize = size;
         leave(releasing);
-        TraceProblem("local_free_cached_again", tracePointer(owner), dataOf(block), 0, whole, releasing.count,
-                     releasing.msgarea, releasing.line, "attempt to free cached local allocation twice");
+        TraceProblem("local_free_cached_again", tracePointer(releasing.owner), dataOf(block), 0, whole,
+                     releasing.count, releasing.msgarea, releasing.line,
+                     "attempt to free cached local allocation twice");
         return 0;
     }
-    qxGuarded([&] { // 8
-        pHA->lpAddr = 0;
-        uncount(size);
-    });
-    leave(releasing);
-    traceFreed("local_free", 0, "LHEAP_Free release");
-    giveBack(block);
+    releasing.dropping = true; // 8
+    pHA->lpAddr = 0;
+    uncount(size);
+    drop(releasing);
     return 0;
 }
 
@@ -291,7 +307,11 @@ uint8_t *LHEAP_Alloc(uint32_t size, PDFRAME pDF, const char *msgarea, uint32_t l
     }
     Making making{.pDF = pDF, .size = size, .wanted = size, .msgarea = msgarea, .line = line};
     takeCached(making); // 3
-    if (!qxGuarded([&] { makeBlock(making); })) {
+    bool whole = qxGuarded([&] { makeBlock(making); });
+    if (!whole && making.setting) {
+        whole = qxGuarded([&] { settingFaulted(making); });
+    }
+    if (!whole) {
         warnOfFault("Exception allocating local audio video memory");
         if (making.locked) {
             leave(making);
@@ -314,7 +334,14 @@ int32_t LHEAP_Free(PHALLOC *pHA, const char *msgarea, uint32_t line) {
     }
     Releasing releasing{.pHA = pHA, .msgarea = msgarea, .line = line};
     volatile int32_t result = -1;
-    if (!qxGuarded([&] { result = release(releasing); }) || releasing.faulted) {
+    bool whole = qxGuarded([&] { result = release(releasing); });
+    if (!whole && releasing.dropping) {
+        whole = qxGuarded([&] {
+            drop(releasing);
+            result = 0;
+        });
+    }
+    if (!whole || releasing.faulted) {
         warnOfFault("Exception freeing audio video memory");
         if (releasing.locked) {
             leave(releasing);
