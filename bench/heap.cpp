@@ -1,69 +1,56 @@
-// The phys heap: one of N live blocks is replaced by another, of 4 to 64 KiB, in a region twice as large as they
-// need. The peer has the whole address space to place its blocks in, and no order to keep.
+// The phys heap, in a region of the caller's. `malloc` has the whole address space to place its blocks in, and no
+// order to keep.
+#include "replace.h"
+
 #include <brenvole/dfheap.h>
 
-#include <benchmark/benchmark.h>
-
 #include <cstdlib>
-#include <random>
-#include <vector>
 
 namespace {
 
-constexpr uint32_t kGranule = 4096;
-constexpr uint32_t kLargestGranules = 16;         // of a block
-constexpr uintptr_t kRegion = uintptr_t{1} << 40; // never touched, so it needn't be there
+constexpr uint32_t kFromTop = 8192; // blocks up to this size come from the top of the region
 
-// What each round replaces, and by how many bytes; the same for both sides.
-struct Choices {
-    std::mt19937 random{1};
-    std::size_t index(std::size_t blocks) { return random() % blocks; }
-    uint64_t size() { return (1 + random() % kLargestGranules) * kGranule; }
+struct OurSpace {
+    explicit OurSpace(Region region)
+        : heap(DFHEAP_Create(0, reinterpret_cast<uintptr_t>(region.base), region.bytes, kGranule, kFromTop)) {}
+    void *take(uint64_t size) const { return reinterpret_cast<void *>(DFHEAP_Alloc(heap, &size, 0, nullptr)); }
+    void giveBack(char *block) const { DFHEAP_Free(heap, reinterpret_cast<uintptr_t>(block), nullptr); }
+    DFHEAP *heap;
 };
 
-void replaceOurs(benchmark::State &state) {
-    Choices choices;
-    std::vector<uintptr_t> blocks(static_cast<std::size_t>(state.range(0)));
-    DFHEAP *const heap = DFHEAP_Create(0, kRegion, blocks.size() * 2 * kLargestGranules * kGranule, kGranule, 8192);
-    const auto take = [&] {
-        uint64_t size = choices.size();
-        return DFHEAP_Alloc(heap, &size, 0, nullptr);
-    };
-    for (uintptr_t &block : blocks) {
-        block = take();
-    }
-    for ([[maybe_unused]] auto _ : state) {
-        uintptr_t &block = blocks[choices.index(blocks.size())];
-        DFHEAP_Free(heap, block, nullptr);
-        block = take();
-        if (block == 0) {
-            state.SkipWithError("no room");
-            break;
-        }
-    }
-    for (const uintptr_t block : blocks) {
-        DFHEAP_Free(heap, block, nullptr);
-    }
-    DFHEAP_Destroy(heap);
-}
-
-void replaceHeap(benchmark::State &state) {
-    Choices choices;
+// Its blocks go at the end of each run, or the other works would find a C library's heap full of holes.
+void replaceMalloc(benchmark::State &state) {
+    Choices choices{std::mt19937{1}};
     std::vector<void *> blocks(static_cast<std::size_t>(state.range(0)));
-    for (void *&block : blocks) {
-        block = std::malloc(choices.size());
-    }
-    for ([[maybe_unused]] auto _ : state) {
+    const auto take = [&] {
+        const uint64_t size = choices.size();
+        void *const block = std::malloc(size);
+        if (peakMode) [[unlikely]] {
+            peakTouch(block, size);
+        }
+        return block;
+    };
+    const auto replace = [&] {
         void *&block = blocks[choices.index(blocks.size())];
         std::free(block);
-        block = std::malloc(choices.size());
+        block = take();
+    };
+    for (void *&block : blocks) {
+        block = take();
+    }
+    for (std::size_t i = 0; i < kAge; ++i) {
+        replace();
+    }
+    for ([[maybe_unused]] auto _ : state) {
+        replace();
     }
     for (void *const block : blocks) {
         std::free(block);
     }
 }
 
-BENCHMARK(replaceOurs)->Name("replace_block/ours")->Arg(16)->Arg(256)->Arg(4096);
-BENCHMARK(replaceHeap)->Name("replace_block/malloc")->Arg(16)->Arg(256)->Arg(4096);
+BENCHMARK(replaceBlocks<OurSpace>)->Name("replace_block/ours")->Apply(onAllCounts);
+BENCHMARK(replaceBlocks<OurSpace>)->Name("replace_block/ours")->Arg(256)->Threads(2);
+BENCHMARK(replaceMalloc)->Name("replace_block/malloc")->Arg(16)->Arg(256)->Arg(4096);
 
 } // namespace

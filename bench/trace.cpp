@@ -1,17 +1,12 @@
-// What the trace costs: off, beside a library that was built without the calls to it; on, for each event, by how many
-// allocations are alive. The libraries are loaded side by side, so that each has a trace of its own.
+// What the trace costs while it is off, beside a library that was built without the calls to it. The libraries are
+// loaded side by side.
 #include <brenvole/dframe.h>
 
 #include <benchmark/benchmark.h>
 
 #include <cstddef>
-#include <cstdlib>
-#include <filesystem>
-#include <string>
-#include <vector>
 
 #include <dlfcn.h>
-#include <unistd.h>
 
 namespace {
 
@@ -58,54 +53,5 @@ BENCHMARK_CAPTURE(roundTrip, localWithout, BENCH_LIBRARY_UNTRACED, DFRAME_FLAG_S
     ->Name("trace_off_local/calls_removed")
     ->Arg(kSmallData)
     ->Arg(kPictureData);
-
-// The library whose trace runs, into a file that goes with the process.
-Command loadTraced() {
-    Command const run = load(BENCH_LIBRARY_TRACED);
-    const std::string file =
-        std::filesystem::temp_directory_path() / ("brenvole_bench_" + std::to_string(getpid()) + ".csv");
-    if (run != nullptr) {
-        // The other threads only wait. NOLINTBEGIN(concurrency-mt-unsafe)
-        setenv("QXBRENVOLE_TRACE", "1", 1);
-        setenv("QXBRENVOLE_TRACE_FILE", file.c_str(), 1);
-        run(DFRAME_TOTAL, 0, 0, nullptr);
-        unsetenv("QXBRENVOLE_TRACE"); // or the others would turn theirs on
-        unsetenv("QXBRENVOLE_TRACE_FILE");
-        // NOLINTEND(concurrency-mt-unsafe)
-        std::filesystem::remove(file);
-    }
-    return run;
-}
-
-// One event of many: a reference more on each frame in turn, and dropped again.
-void event(benchmark::State &state) {
-    constexpr int kEvents = 6; // a call each, header and data each
-    static Command const run = loadTraced();
-    if (run == nullptr) {
-        state.SkipWithError("the library can't be loaded");
-        return;
-    }
-    uint64_t refused = run(DFRAME_RESET, kPool, 0, nullptr);
-    std::vector<PDFRAME> frames(static_cast<std::size_t>(state.range(0)) / 2); // a header and its data
-    for (PDFRAME &frame : frames) {
-        refused |= run(DFRAME_ALLOC, kSmallData, DFRAME_SIZE, &frame);
-    }
-    std::size_t next = 0;
-    while (state.KeepRunningBatch(kEvents)) {
-        PDFRAME frame = frames[next];
-        next = (next + 1) % frames.size();
-        refused |= run(DFRAME_ADDREF, 0, 0, &frame);
-        refused |= run(DFRAME_FREE, 0, 0, &frame);
-    }
-    for (PDFRAME &frame : frames) {
-        refused |= run(DFRAME_FREE, 0, 0, &frame);
-    }
-    run(DFRAME_CLOSE, 0, 0, nullptr);
-    if (refused != 0) {
-        state.SkipWithError("a command was refused");
-    }
-}
-
-BENCHMARK(event)->Name("trace_on_event/ours")->Arg(100)->Arg(1000)->Arg(10000);
 
 } // namespace

@@ -6,6 +6,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstring>
+#include <random>
 #include <sstream>
 
 #include <sys/prctl.h>
