@@ -56,6 +56,7 @@ function(brenvole_library name api)
     set_target_properties(${name} PROPERTIES OUTPUT_NAME ${dll_${name}} PREFIX "" LINK_DEPENDS ${map})
   else()
     target_compile_definitions(${name} PRIVATE "${api}=__attribute__((visibility(\"default\")))")
+    target_compile_options(${name} PRIVATE -fno-plt) # a call of the other library takes one jump, not two
     set_target_properties(${name} PROPERTIES
       VERSION ${PROJECT_VERSION} SOVERSION ${BRENVOLE_ABI} LINK_DEPENDS ${map} BUILD_RPATH_USE_ORIGIN ON
       INSTALL_RPATH $ORIGIN)
