@@ -95,7 +95,7 @@ void copyForeignData(PDFRAME destination, const DFRAME *source, const char *msga
 uint64_t dupShared(const DFRAME *source, PDFRAME *ppDF, const char *msgarea, uint32_t line) {
     PDFRAME destination = *ppDF;
     if (destination == nullptr) { // 1
-        destination = allocPDFRAME(frameCopySize(source), msgarea, line);
+        destination = allocPDFRAMEForBody(frameCopySize(source), msgarea, line);
         if (destination == nullptr) {
             TraceProblem("dupfree_dframe_alloc_failed", nullptr, nullptr, frameCopySize(source), 0, 0, msgarea, line,
                          "DFrameDupFree unable to allocate DFrame header");

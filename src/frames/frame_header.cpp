@@ -19,9 +19,23 @@ constexpr uint32_t kCountBytes = offsetof(FrameBlock, frame);
 // Value of dwCreateMark; unlike the attach stamps it isn't set again.
 constexpr uint32_t kCreateMark = 0xFFFFFFFF;
 
+enum class Body { cleared, undefined };
+
+// All of the block but, where it is about to be overwritten, the body, which is nearly all.
+void clear(FrameBlock *block, std::size_t bytes, Body body) {
+    auto *const start = reinterpret_cast<char *>(block);
+    const auto front = static_cast<std::size_t>(frameBody(&block->frame) - start);
+    if (body == Body::cleared) {
+        std::memset(start, 0, bytes);
+    } else {
+        std::memset(start, 0, front);
+        std::memset(start + front + kFrameBodyBytes, 0, bytes - front - kFrameBodyBytes);
+    }
+}
+
 // The guarded part of allocPDFRAME: block, clearing, fields, and the count last, so that a fault leaves nothing to
 // be taken back. The frame is handed out when it is complete: a block that can't be written is no header.
-void makeHeader(uint32_t recordSize, FrameBlock *volatile &block, PDFRAME volatile &frame) {
+void makeHeader(uint32_t recordSize, Body body, FrameBlock *volatile &block, PDFRAME volatile &frame) {
     FrameBlock *const made = // a block size that doesn't fit its 32 bits is as good as refused
         recordSize <= UINT32_MAX - kCountBytes ? static_cast<FrameBlock *>(QXAlloc(recordSize + kCountBytes))
                                                : nullptr;
@@ -30,7 +44,7 @@ void makeHeader(uint32_t recordSize, FrameBlock *volatile &block, PDFRAME volati
         return;
     }
     block = made;
-    std::memset(static_cast<void *>(made), 0, std::size_t{recordSize} + kCountBytes);
+    clear(made, std::size_t{recordSize} + kCountBytes, body);
     made->dwRefCount = 1;
     made->frame.dwSize = recordSize;
     made->frame.dwFlags = DFRAME_FLAG_CREATED;
@@ -64,11 +78,13 @@ void frameCopyBody(PDFRAME destination, const DFRAME *source) {
     }
 }
 
-PDFRAME allocPDFRAME(uint32_t size, const char *msgarea, uint32_t line) {
+namespace {
+
+PDFRAME allocHeader(uint32_t size, Body body, const char *msgarea, uint32_t line) {
     const uint32_t recordSize = std::max(size, DFRAME_SIZE);
     FrameBlock *volatile block = nullptr;
     PDFRAME volatile frame = nullptr;
-    if (!qxGuarded([&] { makeHeader(recordSize, block, frame); }) && frame == nullptr && block != nullptr) {
+    if (!qxGuarded([&] { makeHeader(recordSize, body, block, frame); }) && frame == nullptr && block != nullptr) {
         qxGuarded([&] { QXFree(block); }); // what was caught is dropped, the block is not
     }
     PDFRAME const whole = frame;
@@ -79,6 +95,16 @@ PDFRAME allocPDFRAME(uint32_t size, const char *msgarea, uint32_t line) {
         });
     }
     return whole;
+}
+
+} // namespace
+
+PDFRAME allocPDFRAME(uint32_t size, const char *msgarea, uint32_t line) {
+    return allocHeader(size, Body::cleared, msgarea, line);
+}
+
+PDFRAME allocPDFRAMEForBody(uint32_t size, const char *msgarea, uint32_t line) {
+    return allocHeader(size, Body::undefined, msgarea, line);
 }
 
 int32_t freePDFRAME(PDFRAME *ppDF, const char *msgarea, uint32_t line) {

@@ -103,6 +103,9 @@ void frameCopyBody(PDFRAME destination, const DFRAME *source);
  *  @return the frame, or null */
 PDFRAME allocPDFRAME(uint32_t size, const char *msgarea, uint32_t line);
 
+/** The same for a caller that copies another frame's body into it at once: the body is left undefined. */
+PDFRAME allocPDFRAMEForBody(uint32_t size, const char *msgarea, uint32_t line);
+
 /** Drops one reference to the header and sets *ppDF to null.
  *  @return references left; 0 if the header is gone; -1 if there was no frame */
 int32_t freePDFRAME(PDFRAME *ppDF, const char *msgarea, uint32_t line);
