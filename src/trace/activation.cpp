@@ -20,16 +20,26 @@ constexpr uint32_t kPathCapacity = 520;
 constexpr std::size_t kFileBuffer = 0x100000; // rows stay in it until a flush
 constexpr int32_t kScope = -1;                // of configuration values, as QXUtil wants it
 
-char *fileBuffer = nullptr; // of the open file
 bool atExitDone = false;
 std::atomic<bool> atExitCame = false; // first of all that end the trace, so that its name stands in the file
 QXOnce lockOnce;
 
-// Lock held.
-void flush() {
-    if (std::FILE *const file = traceFile) {
-        std::fflush(file);
+// Rows wait here if there is no memory for more of them.
+constexpr std::size_t kSmallBuffer = 4096;
+char smallBuffer[kSmallBuffer];
+
+// Lock held, as for its end.
+void beginBuffer() {
+    auto *const large = static_cast<char *>(std::malloc(kFileBuffer));
+    char *const begin = large != nullptr ? large : smallBuffer;
+    traceBuffer = {begin, begin, begin + (large != nullptr ? kFileBuffer : kSmallBuffer)};
+}
+
+void endBuffer() {
+    if (traceBuffer.begin != smallBuffer) {
+        std::free(traceBuffer.begin);
     }
+    traceBuffer = {};
 }
 
 bool equalsIgnoringCase(const char *text, const char *lower) {
@@ -112,15 +122,12 @@ void closeAtExit() {
     }
     atExitCame = true;
     const QXHold hold(traceLock);
-    flush();
+    traceFlush();
 }
 
-// A forked child has a file of its parent's, with rows that haven't gone out: they go out before, and the child's
-// trace ends where it begins.
-void beforeFork() {
-    qxOSEnterCriticalSection(&traceLock);
-    flush();
-}
+// A forked child has a file of its parent's, with rows that haven't gone out and that the parent will send: the
+// child's trace ends where it begins.
+void beforeFork() { qxOSEnterCriticalSection(&traceLock); }
 
 void forkedParent() { qxOSLeaveCriticalSection(&traceLock); }
 
@@ -154,14 +161,12 @@ int32_t TraceOpen(Opening &opening) {
         opening.message = "Brenvole DFrame trace enabled but unable to open '%s'";
         return 0;
     }
-    fileBuffer = static_cast<char *>(std::malloc(kFileBuffer)); // 5; a null buffer would be one of another size
-    if (fileBuffer != nullptr) {
-        std::setvbuf(file, fileBuffer, _IOFBF, kFileBuffer);
-    }
+    std::setvbuf(file, nullptr, _IONBF, 0); // 5: ours is the one buffer, since each piece put into the stream's takes
+    beginBuffer();                          // a call and a lock, which cost more than its bytes
     traceFile = file;
     TraceWriteHeader();
     TraceWriteSession("meta", "trace_open", opening.tracePath);
-    std::fflush(file);                                     // 6
+    traceFlush();                                          // 6
     opening.message = "Brenvole DFrame trace enabled: %s"; // 7
     if (!atExitDone) {                                     // 8
         atExitDone = std::atexit(closeAtExit) == 0;
@@ -175,6 +180,20 @@ int32_t TraceOpen(Opening &opening) {
 std::atomic<int32_t> traceClosed = 0;
 std::atomic<std::FILE *> traceFile = nullptr;
 QXCRITICALSECTION traceLock;
+TraceBuffer traceBuffer;
+
+void traceSend() {
+    const auto bytes = static_cast<std::size_t>(traceBuffer.at - traceBuffer.begin);
+    traceBuffer.at = traceBuffer.begin; // also if a part gets lost
+    std::fwrite(traceBuffer.begin, 1, bytes, traceFile);
+}
+
+void traceFlush() {
+    if (std::FILE *const file = traceFile) {
+        traceSend();
+        std::fflush(file);
+    }
+}
 
 void traceLockCreate() {
     qxOnce(lockOnce, [] { qxOSInitializeCriticalSection(&traceLock); });
@@ -219,10 +238,10 @@ void TraceClose(const char *reason) {
     const QXHold hold(traceLock);
     if (std::FILE *const file = traceFile) {
         TraceWriteSession("meta", "trace_close", reason);
+        traceFlush();
         traceFile = nullptr;
         std::fclose(file);
-        std::free(fileBuffer);
-        fileBuffer = nullptr;
+        endBuffer();
     }
     traceClosed = 1;
 }

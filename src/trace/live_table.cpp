@@ -1,8 +1,6 @@
 // The table of what is alive, and the recorders of ordinary events. It is a book of its own: the heaps never read it.
 #include "trace.h"
 
-#include "util/format.h"
-
 #include <algorithm>
 #include <cstring>
 
@@ -12,45 +10,18 @@ namespace {
 
 uint64_t lastAllocId = 0; // under traceLock
 
-// How a recorder looks for an entry: the address decides alone if there is one, or it or the owner, or it only.
-enum class Match { addressElseOwner, addressOrOwner, addressOnly };
-
-bool holdsAddress(const TraceEntry *entry, const void *address) {
-    const auto at = reinterpret_cast<uintptr_t>(address);
-    const auto base = reinterpret_cast<uintptr_t>(entry->base);
-    return entry->data == address || entry->base == address ||
-           (base != 0 && entry->actual != 0 && at >= base && at - base < entry->actual);
-}
-
-bool matches(const TraceEntry *entry, Match match, const void *dframe, const void *data) {
-    const bool byAddress = data != nullptr && holdsAddress(entry, data);
-    const bool byOwner = dframe != nullptr && entry->dframe == dframe;
-    switch (match) {
-    case Match::addressElseOwner: return data != nullptr ? byAddress : byOwner;
-    case Match::addressOrOwner: return byAddress || byOwner;
-    default: return byAddress;
-    }
-}
-
-// From the newest on, entry by entry. A null `kind` takes all. The place that leads to the entry, for its removal.
-TraceEntry **find(const char *kind, Match match, const void *dframe, const void *data) {
-    static TraceEntry *none = nullptr;
-    if (data == nullptr && (dframe == nullptr || match == Match::addressOnly)) {
-        return &none; // nothing to be found: the table may be long
-    }
-    TraceEntry **at = &traceActiveHead;
-    while (*at != nullptr &&
-           ((kind != nullptr && std::strcmp((*at)->kind, kind) != 0) || !matches(*at, match, dframe, data))) {
-        at = &(*at)->next;
-    }
-    return at;
-}
-
 // All recorders but TraceRelease take an empty kind for none.
 const char *filterOf(const char *kind) { return kind != nullptr && *kind != 0 ? kind : nullptr; }
 
+// Where the address decides alone if there is one.
+TraceWanted addressElseOwner(const char *kind, const void *dframe, const void *data) {
+    return {kind, data == nullptr ? dframe : nullptr, data};
+}
+
 void copyText(char *to, std::size_t capacity, const char *text) {
-    qxFormat(to, capacity, "%s", text != nullptr ? text : "");
+    const std::size_t length = text != nullptr ? ::strnlen(text, capacity - 1) : 0;
+    std::memcpy(to, text != nullptr ? text : "", length);
+    to[length] = 0;
 }
 
 // A row about an entry, or about nothing known. Lock held.
@@ -75,10 +46,25 @@ TraceEntry *makeEntry(const char *kind, const char *msgarea, uint32_t line) {
     copyText(entry->allocMsgarea, sizeof entry->allocMsgarea, msgarea);
     entry->firstEvent = traceEventId + 1; // the coming row
     entry->next = traceActiveHead;
+    entry->at = &traceActiveHead;
+    if (entry->next != nullptr) {
+        entry->next->at = &entry->next;
+    }
     traceActiveHead = entry;
     entry->allocLine = line;
     tracePeakActive = std::max(tracePeakActive, ++traceActiveCount);
     return entry;
+}
+
+void removeEntry(TraceEntry *entry) {
+    traceSetOwner(entry, nullptr);
+    traceSetRange(entry, nullptr, nullptr, 0);
+    *entry->at = entry->next;
+    if (entry->next != nullptr) {
+        entry->next->at = entry->at;
+    }
+    traceActiveCount -= traceActiveCount != 0 ? 1 : 0;
+    QXFree(entry);
 }
 
 const char *commandName(uint32_t command) {
@@ -117,10 +103,6 @@ const char *commandName(uint32_t command) {
 TraceEntry *traceActiveHead = nullptr;
 uint64_t tracePeakActive = 0;
 
-TraceEntry *traceFindAny(const void *dframe, const void *data) {
-    return *find(nullptr, Match::addressOrOwner, dframe, data);
-}
-
 void traceNoteSite(TraceEntry *entry, const char *msgarea, uint32_t line) {
     entry->lastLine = line;
     copyText(entry->lastMsgarea, sizeof entry->lastMsgarea, msgarea);
@@ -129,11 +111,13 @@ void traceNoteSite(TraceEntry *entry, const char *msgarea, uint32_t line) {
 void traceRecordCall(uint32_t command, int64_t param1, const void *param2, const void *dframe, const void *data,
                      const char *msgarea, uint32_t line) {
     traceLocked(msgarea, [&](const char *area) {
-        const TraceEntry *const entry = traceFindAny(dframe, data);
+        const TraceEntry *const entry = traceFind({nullptr, dframe, data});
         const bool local = static_cast<int32_t>(command) < 0;
-        char detail[160] = {};
-        qxFormat(detail, sizeof detail, "flags=0x%08lX param1=%lld param2=0x%p%s", command,
-                 static_cast<long long>(param1), param2, local ? " sysheap" : "");
+        char detail[160];
+        char *to = tracePutHex<8>(tracePutText(detail, "flags=0x"), command);
+        to = tracePutNumber(tracePutText(to, " param1="), param1);
+        to = tracePutHex<16>(tracePutText(to, " param2=0x"), reinterpret_cast<uintptr_t>(param2));
+        *tracePutText(to, local ? " sysheap" : "") = 0;
         TraceWriteRow("event", commandName(command), "call", local ? "local" : "dframe",
                       entry != nullptr ? entry->allocId : 0, dframe, data, entry != nullptr ? entry->base : nullptr,
                       static_cast<uint64_t>(param1), 0, entry != nullptr ? entry->refCount : 0, area, line, detail);
@@ -143,7 +127,7 @@ void traceRecordCall(uint32_t command, int64_t param1, const void *param2, const
 void traceRecordAlloc(const char *kind, const void *dframe, const void *data, const void *base, uint64_t requested,
                       uint64_t actual, int32_t refCount, const char *msgarea, uint32_t line, const char *detail) {
     traceLocked(msgarea, [&](const char *area) {
-        TraceEntry *entry = *find(filterOf(kind), Match::addressElseOwner, dframe, data);
+        TraceEntry *entry = traceFind(addressElseOwner(filterOf(kind), dframe, data));
         if (entry == nullptr) {
             entry = makeEntry(kind, area, line);
         }
@@ -152,11 +136,9 @@ void traceRecordAlloc(const char *kind, const void *dframe, const void *data, co
                           refCount, area, line, detail);
             return;
         }
-        entry->dframe = dframe;
-        entry->data = data;
-        entry->base = base != nullptr ? base : data;
+        traceSetOwner(entry, dframe);
+        traceSetRange(entry, data, base != nullptr ? base : data, actual);
         entry->requested = requested;
-        entry->actual = actual;
         entry->refCount = refCount;
         traceNoteSite(entry, area, line);
         writeEvent(entry, "alloc", "ok", kind, dframe, data, refCount, area, line, detail);
@@ -167,8 +149,7 @@ void traceRecordAlloc(const char *kind, const void *dframe, const void *data, co
 void traceRecordRelease(const char *action, const char *kind, const void *dframe, const void *data, int32_t refCount,
                         const char *msgarea, uint32_t line, const char *detail) {
     traceLocked(msgarea, [&](const char *area) {
-        TraceEntry **const at = find(kind, Match::addressElseOwner, dframe, data);
-        TraceEntry *const entry = *at;
+        TraceEntry *const entry = traceFind(addressElseOwner(kind, dframe, data));
         const char *const result = entry == nullptr ? "missing" : refCount > 0 ? "deref" : "release";
         writeEvent(entry, action, result, kind, dframe, data, refCount, area, line,
                    detail); // counts the entry still
@@ -181,9 +162,7 @@ void traceRecordRelease(const char *action, const char *kind, const void *dframe
             traceNoteSite(entry, area, line);
             return;
         }
-        *at = entry->next;
-        traceActiveCount -= traceActiveCount != 0 ? 1 : 0;
-        QXFree(entry);
+        removeEntry(entry);
     });
 }
 
@@ -207,9 +186,9 @@ void touch(TraceEntry *entry, const char *action, const char *kind, const void *
 void traceRecordSwapOwner(const char *action, const char *kind, const void *dframe, const void *data,
                           int32_t refCount, const char *msgarea, uint32_t line, const char *detail) {
     traceLocked(msgarea, [&](const char *area) {
-        TraceEntry *const entry = *find(filterOf(kind), Match::addressOnly, dframe, data);
+        TraceEntry *const entry = traceFind({filterOf(kind), nullptr, data});
         if (entry != nullptr) {
-            entry->dframe = dframe; // the new owner, also if it is null
+            traceSetOwner(entry, dframe); // the new owner, also if it is null
         }
         touch(entry, action, kind, dframe, data, refCount, area, line, detail);
     });
@@ -218,9 +197,9 @@ void traceRecordSwapOwner(const char *action, const char *kind, const void *dfra
 void traceRecordTouch(const char *action, const char *kind, const void *dframe, const void *data, int32_t refCount,
                       const char *msgarea, uint32_t line, const char *detail) {
     traceLocked(msgarea, [&](const char *area) {
-        TraceEntry *const entry = *find(filterOf(kind), Match::addressOrOwner, dframe, data);
+        TraceEntry *const entry = traceFind({filterOf(kind), dframe, data});
         if (entry != nullptr && dframe != nullptr) {
-            entry->dframe = dframe;
+            traceSetOwner(entry, dframe);
         }
         touch(entry, action, kind, dframe, data, refCount, area, line, detail);
     });

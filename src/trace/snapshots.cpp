@@ -5,6 +5,7 @@
 #include "local/counters.h"
 #include "util/format.h"
 
+#include <algorithm>
 #include <bit>
 
 namespace brenvole {
@@ -18,7 +19,7 @@ uint64_t problemCount = 0; // under traceLock
 // Lock held.
 void writeProblem(const char *action, const void *dframe, const void *data, uint64_t requested, uint64_t actual,
                   int32_t refCount, const char *msgarea, uint32_t line, const char *detail) {
-    TraceEntry *const entry = traceFindAny(dframe, data);
+    TraceEntry *const entry = traceFind({nullptr, dframe, data});
     TraceWriteRow("problem", action, "problem", entry != nullptr ? entry->kind : "",
                   entry != nullptr ? entry->allocId : 0, dframe, data, entry != nullptr ? entry->base : nullptr,
                   requested, actual, refCount, msgarea, line, detail);
@@ -29,11 +30,18 @@ void writeProblem(const char *action, const void *dframe, const void *data, uint
     }
 }
 
+char *putSite(char *to, const char *msgarea, uint32_t line) {
+    return tracePutNumber(tracePutText(tracePutText(to, msgarea), ":"), line);
+}
+
 void writeActive(const TraceEntry *entry) {
-    char detail[256] = {};
-    qxFormat(detail, sizeof detail, "alloc_site=%s:%lu last_site=%s:%lu alloc_event=%I64u last_event=%I64u",
-             entry->allocMsgarea, entry->allocLine, entry->lastMsgarea, entry->lastLine, entry->firstEvent,
-             entry->lastEvent);
+    constexpr std::size_t kTold = 255;
+    char detail[2 * kTraceArea + 128]; // with room for what isn't told
+    char *to = putSite(tracePutText(detail, "alloc_site="), entry->allocMsgarea, entry->allocLine);
+    to = putSite(tracePutText(to, " last_site="), entry->lastMsgarea, entry->lastLine);
+    to = tracePutNumber(tracePutText(to, " alloc_event="), entry->firstEvent);
+    to = tracePutNumber(tracePutText(to, " last_event="), entry->lastEvent);
+    *std::min(to, detail + kTold) = 0;
     TraceWriteRow("active", "outstanding", "active", entry->kind, entry->allocId, entry->dframe, entry->data,
                   entry->base, entry->requested, entry->actual, entry->refCount, entry->allocMsgarea,
                   entry->allocLine, detail);
@@ -50,9 +58,7 @@ void writeSnapshot(const char *reason) {
     for (const TraceEntry *entry = traceActiveHead; entry != nullptr; entry = entry->next) {
         writeActive(entry);
     }
-    if (std::FILE *const file = traceFile) {
-        std::fflush(file);
-    }
+    traceFlush();
 }
 
 } // namespace

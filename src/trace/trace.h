@@ -12,11 +12,14 @@
 #include "util/qxutil.h"
 #include "util/uninterrupted.h"
 
+#include <array>
 #include <atomic>
+#include <charconv>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 
 namespace brenvole {
 
@@ -37,11 +40,17 @@ void traceLockCreate();
  *  without the trace. */
 template <class Work> void traceLocked(const char *msgarea, Work &&work) {
     const QXUninterrupted whole;
-    const char *volatile readable = nullptr;
-    qxGuarded([&] { readable = msgarea != nullptr && std::strlen(msgarea) != 0 ? msgarea : nullptr; });
+    volatile bool seen = false;
     traceLockCreate();
     qxOSEnterCriticalSection(&traceLock);
-    qxGuarded([&] { work(readable); });
+    const bool done = qxGuarded([&] {
+        const bool none = msgarea == nullptr || std::strlen(msgarea) == 0;
+        seen = true;
+        work(none ? nullptr : msgarea);
+    });
+    if (!done && !seen) {
+        qxGuarded([&] { work(nullptr); });
+    }
     qxOSLeaveCriticalSection(&traceLock);
 }
 
@@ -82,6 +91,18 @@ void TraceClose(const char *reason);
 extern uint64_t traceEventId;     // of the last row
 extern uint64_t traceActiveCount; // entries of the live table
 
+/** Bytes that wait to go out. The file has no buffer but this one. Lock held. */
+struct TraceBuffer {
+    char *begin;
+    char *at; // behind the last
+    char *end;
+};
+extern TraceBuffer traceBuffer;
+
+/** Hands them on; traceFlush sees to it that they go out. Lock held, file open. */
+void traceSend();
+void traceFlush();
+
 /** The first line of the file. */
 void TraceWriteHeader();
 
@@ -93,6 +114,42 @@ void TraceWriteRow(const char *record, const char *action, const char *result, c
 
 /** A row about the trace itself. Lock held. */
 void TraceWriteSession(const char *record, const char *action, const char *detail);
+/** @} */
+
+/** @name Texts
+ *  Each gives the end of what it has put. There is room.
+ *  @{ */
+inline constexpr std::size_t kTraceDigits = 20; // of 64 bits, or a sign and those of 32
+
+template <class Number> char *tracePutNumber(char *to, Number number) {
+    if (number >= 0 && number <= 9) { // most are
+        *to = static_cast<char>('0' + number);
+        return to + 1;
+    }
+    return std::to_chars(to, to + kTraceDigits, number).ptr;
+}
+
+/** Two digits of each byte. */
+inline constexpr auto kTraceHex = [] {
+    std::array<std::array<char, 2>, 256> digits{};
+    for (std::size_t byte = 0; byte < digits.size(); ++byte) {
+        digits[byte] = {"0123456789ABCDEF"[byte / 16], "0123456789ABCDEF"[byte % 16]};
+    }
+    return digits;
+}();
+
+template <unsigned digits> char *tracePutHex(char *to, uint64_t number) {
+    for (unsigned digit = digits; digit != 0; number >>= 8) {
+        digit -= 2;
+        std::memcpy(to + digit, kTraceHex[number & 0xFF].data(), 2);
+    }
+    return to + digits;
+}
+
+inline char *tracePutText(char *to, std::string_view text) {
+    std::memcpy(to, text.data(), text.size());
+    return to + text.size();
+}
 /** @} */
 
 /** @name Recorders
@@ -158,7 +215,18 @@ void TraceSnapshot(const char *reason);
 inline constexpr std::size_t kTraceKind = 16; // with terminator
 inline constexpr std::size_t kTraceArea = 96;
 
-/** One live allocation: a frame header, or data in either heap. A QXAlloc block of its own. */
+struct TraceEntry;
+
+/** A place in a chain of those that find entries. */
+struct TraceLink {
+    TraceLink *next;
+    TraceLink **at; // what leads here; null if the link stands in no chain
+    uint64_t key;
+    TraceEntry *entry;
+};
+
+/** One live allocation: a frame header, or data in either heap. A QXAlloc block of its own. `dframe`, `data`, `base`
+ *  and `actual` are what it is found by: traceSetOwner and traceSetRange alone change them. */
 struct TraceEntry {
     TraceEntry *next;
     uint64_t allocId;
@@ -175,13 +243,28 @@ struct TraceEntry {
     char lastMsgarea[kTraceArea];
     uint32_t allocLine;
     uint32_t lastLine;
+    TraceEntry **at; // what leads here in the list
+    TraceLink ownerLink;
+    TraceLink rangeLinks[2];
+    unsigned level; // of the range, for its chains
 };
 
 extern TraceEntry *traceActiveHead; // newest first
 extern uint64_t tracePeakActive;    // highest value of traceActiveCount
 
-/** The newest entry that the address lies in, or whose owner is the frame. Lock held. */
-TraceEntry *traceFindAny(const void *dframe, const void *data);
+/** What an entry is to be found by: the address lies in it, or the frame is its owner; null takes part in neither. */
+struct TraceWanted {
+    const char *kind; // which it must be of; null takes all
+    const void *dframe;
+    const void *data;
+};
+
+/** The newest entry of that kind, or null: the first that a walk from traceActiveHead on would meet. Lock held. */
+TraceEntry *traceFind(const TraceWanted &wanted);
+
+/** Changes who owns the entry, or where it lies; null owns nothing and lies nowhere. Lock held. */
+void traceSetOwner(TraceEntry *entry, const void *dframe);
+void traceSetRange(TraceEntry *entry, const void *data, const void *base, uint64_t actual);
 
 /** Notes the latest call site. Lock held. */
 void traceNoteSite(TraceEntry *entry, const char *msgarea, uint32_t line);
