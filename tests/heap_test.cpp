@@ -88,8 +88,8 @@ TEST(HeapIndex, IsTheWalk) {
         std::vector<uint64_t> blocks;
         uint64_t fullTimes = 0;
         uint32_t most = 0;
-        const int steps = slow ? 20'000 : 500'000;
-        for (int step = 0; step < steps; ++step) {
+        const unsigned steps = slow ? 20'000 : 500'000;
+        for (unsigned step = 0; step < steps; ++step) {
             const bool filling = step / (granules / 2 + 500) % 2 == 0; // to exhaustion, and back to nearly nothing
             if (step % 5000 == 0) { freeIndexSpoil(heap); }
             if (step % 7000 < 2000) { failNth(1); } // no tree, or no record

@@ -111,7 +111,7 @@ void treeSet(FreeIndex &index, int32_t start, int32_t length) {
 int32_t treeDescend(const FreeIndex &index, uint32_t level, uint32_t at, int32_t least, bool first) {
     while (level != 0) {
         --level;
-        const uint32_t mask = lanesAtLeast(index.aplLevel[level] + at * kFan, least);
+        const uint32_t mask = lanesAtLeast(index.aplLevel[level] + std::size_t{at} * kFan, least);
         at = at * kFan + (first ? lowestBit(mask) : highestBit(mask));
     }
     return static_cast<int32_t>(at);

@@ -4,7 +4,6 @@
 #define BRENVOLE_LANES_H
 
 #include <algorithm>
-#include <bit>
 #include <cstdint>
 
 #include <emmintrin.h>
@@ -26,15 +25,14 @@ inline uint32_t lanesAtLeast(const int32_t *words, int32_t least) {
 /** The largest of sixteen words. */
 inline int32_t lanesMost(const int32_t *words) { return *std::max_element(words, words + 16); }
 
-/** Writes `word` into `count` places. The last ones are written in one way for any number of them, some places more
- * than once: that costs less than a branch that no processor can foresee. */
-template <class Word> void lanesFill(Word *places, uint64_t count, Word word) {
-    static_assert(sizeof(Word) == sizeof(int64_t));
+/** Writes a record's address into `count` places. The last ones are written in one way for any number of them, some
+ * places more than once: that costs less than a branch that no processor can foresee. */
+template <class Record> void lanesFill(Record **places, uint64_t count, Record *record) {
     constexpr int64_t kTurn = 16;
-    const __m128i two = _mm_set1_epi64x(std::bit_cast<int64_t>(word));
+    const __m128i two = _mm_set1_epi64x(reinterpret_cast<intptr_t>(record));
     const auto pair = [&](int64_t at) { _mm_storeu_si128(reinterpret_cast<__m128i *>(places + at), two); };
     if (count < 2) {
-        std::fill_n(places, count, word);
+        std::fill_n(places, count, record);
         return;
     }
     auto left = static_cast<int64_t>(count);

@@ -134,7 +134,7 @@ std::string parseHeader(MediaSource &source, MediaStream &stream) {
         return "it is no uncompressed clip (YUV4MPEG2)";
     }
     while (words >> word) {
-        const std::string problem = takeWord(source, stream, word);
+        std::string problem = takeWord(source, stream, word);
         if (!problem.empty()) {
             return problem;
         }
@@ -152,7 +152,7 @@ std::string open(MediaFile &file, const std::string &path) {
     stream.decoded = true;
     stream.pictures = true;
     stream.codec = "rawvideo";
-    const std::string problem = parseHeader(source, stream);
+    std::string problem = parseHeader(source, stream);
     std::error_code error;
     const auto bytes = static_cast<double>(std::filesystem::file_size(path, error));
     if (!error) { // nearly: each picture has a line of text in front
