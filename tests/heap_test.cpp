@@ -93,7 +93,7 @@ TEST(HeapIndex, IsTheWalk) {
             const bool filling = step / (granules / 2 + 500) % 2 == 0; // to exhaustion, and back to nearly nothing
             if (step % 5000 == 0) { freeIndexSpoil(heap); }
             if (step % 7000 < 2000) { failNth(1); } // no tree, or no record
-            const uint64_t size = (1 + random() % 12) * 48;
+            const uint64_t size = (1 + random() % (random() % 16 == 0 ? 300 : 12)) * 48;
             const uint64_t addr = heap->lpBase + random() % (heap->qwLength / 48) * 48;
             const uint32_t segments = d_ListCount(&heap->FreeList);
             most = std::max(most, segments);

@@ -65,13 +65,16 @@ int32_t _DFHEAP_UseListSearch() {
 
 namespace {
 
-// Makes an array of `wanted` entries, and the group map behind it if both fit into what QXAlloc takes.
+// Granules from which on a heap has groups: in a smaller one no block is long enough to gain by them.
+constexpr uint64_t kGroupedFrom = 4096;
+
+// Makes an array of `wanted` entries; behind it the group map, if both fit into what QXAlloc takes.
 void makeMap(DFHEAP *heap, uint64_t wanted) {
     if (wanted > kMostChunks) {
         return;
     }
     const uint64_t groups = (wanted + kGroup - 1) / kGroup;
-    const bool grouped = wanted + groups <= kMostChunks;
+    const bool grouped = wanted >= kGroupedFrom && wanted + groups <= kMostChunks;
     const uint64_t bytes = (wanted + (grouped ? groups : 0)) * kEntryBytes;
     heap->ppChunkMap = static_cast<PHALLOC **>(QXAlloc(static_cast<uint32_t>(bytes)));
     if (heap->ppChunkMap != nullptr) {
