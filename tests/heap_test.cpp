@@ -82,6 +82,7 @@ template <class Fits> PHALLOC *firstBy(d_ListNode *node, d_ListNode *(*next)(d_L
 TEST(HeapIndex, IsTheWalk) {
     const LogCapture log;
     const bool slow = systemIsSlow || kSanitized;
+    const int64_t outBefore = blocksOut();
     for (const uint64_t granules : {uint64_t{slow ? 5001u : 70'001u}, uint64_t{4096}, uint64_t{255}}) {
         std::mt19937 random(static_cast<unsigned>(granules));
         DFHEAP *const heap = DFHEAP_Create(0, kBase, granules * 48, 48, 6 * 48); // no power of two
@@ -119,7 +120,9 @@ TEST(HeapIndex, IsTheWalk) {
         EXPECT_TRUE(fullTimes != 0 && most > granules / 40) << fullTimes << ' ' << most;
         for (const uint64_t block : blocks) { DFHEAP_Free(heap, block, nullptr); }
         EXPECT_EQ(_DFHEAP_Check(heap), 0u);
+        if (granules == 4096) { EXPECT_EQ(DFHEAP_Resize(heap, 0, kBase, granules * 4096, 4096, 0), 0); }
         DFHEAP_Destroy(heap);
+        EXPECT_EQ(blocksOut(), outBefore);
     }
 }
 
@@ -222,9 +225,13 @@ TEST_F(Heap, EachListOperationFails) {
             const uint64_t a = take(12288), b = take(12288), c = take(4096), d = take(4096);
             listFault = how;
             listCallsLeft = nth;
-            const uint64_t rest = take(DFHEAP_LargestAvail(heap));
-            for (const uint64_t block : {b, d, rest, a, c}) {
-                if (block != 0) { DFHEAP_Free(heap, block, nullptr); }
+            const auto sound = [&](uint64_t block) {
+                EXPECT_TRUE(freeIndexSound(heap)) << nth;
+                return block;
+            };
+            const uint64_t split = sound(take(12288)), rest = sound(take(DFHEAP_LargestAvail(heap)));
+            for (const uint64_t block : {b, d, rest, a, split, c}) {
+                if (block != 0) { DFHEAP_Free(heap, block, nullptr), sound(0); }
             }
             struck = listCallsLeft <= 0;
             listCallsLeft = 0;
