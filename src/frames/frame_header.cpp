@@ -121,18 +121,18 @@ int32_t freePDFRAME(PDFRAME *ppDF, const char *msgarea, uint32_t line) {
         // Test and change are one step: of two threads that drop the last two references, one sees the 1.
         const QXHold hold(dfmemLock);
         left = --block->dwRefCount;
-        if (left == 0) {
-            dfmemUncount<uint64_t>(dframes, 1);
-            dfmemUncount<uint64_t>(dframe_bytes, frame->dwSize);
-        }
     }
     if (left != 0) {
         TraceRelease("dframe_free", "dframe", frame, frame, static_cast<int32_t>(left), msgarea, line,
                      "freePDFRAME deref");
     } else {
         TraceRelease("dframe_free", "dframe", frame, frame, 0, msgarea, line, "freePDFRAME release");
+        const uint32_t recordSize = frame->dwSize;
         liveFrameLeave(reinterpret_cast<uintptr_t>(frame));
         QXFree(block);
+        const QXHold hold(dfmemLock);
+        dfmemUncount<uint64_t>(dframes, 1);
+        dfmemUncount<uint64_t>(dframe_bytes, recordSize);
     }
     *ppDF = nullptr;
     return static_cast<int32_t>(left);

@@ -276,9 +276,11 @@ int32_t release(Releasing &releasing) {
                      "attempt to free cached local allocation twice");
         return 0;
     }
-    releasing.dropping = true; // 8
+    releasing.dropping = true;                           // 8
+    std::atomic_signal_fence(std::memory_order_seq_cst); // what follows must not come before it
     pHA->lpAddr = 0;
     uncount(size);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
     drop(releasing);
     return 0;
 }

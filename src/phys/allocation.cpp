@@ -67,6 +67,7 @@ bool takeWhole(Carving &carving, PHALLOC *segment) {
     carving.whole = true;
     carving.record = segment; // from here on, should the list let it go and fault
     if (d_ListRemove(&carving.heap->FreeList, &segment->Node) == nullptr) {
+        freeIndexSpoil(carving.heap); // who knows what the list has done
         carving.record = nullptr;
         return false;
     }
@@ -200,12 +201,16 @@ uint64_t DFHEAP_AllocTrace(DFHEAP *heap, uint64_t *size, uint64_t owner, uint64_
         ErrOut("DFHEAP_Alloc called with zero size");
         return problem({"phys_alloc_zero", "DFHEAP_Alloc called with zero size"}, 0);
     }
-    if (!physRoundUp(*size, heap->qwGranularity)) {
+    const uint64_t granule = heap->qwGranularity;
+    if (!physRoundUp(*size, granule)) {
         return problem({"phys_alloc_size_overflow", "allocation size alignment overflow"}, 0);
     }
     Carving carving{heap, *size, owner};
     {
         const QXHold hold(heap->Lock);
+        if (heap->qwGranularity != granule) { // another thread has resized the heap
+            freeIndexBar(heap);
+        }
         if (qxGuarded([&] { carve(carving); }) && (carving.done || carving.record == nullptr)) {
             physAssertSound(heap);
         } else if (!carving.done) {

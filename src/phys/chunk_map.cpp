@@ -123,6 +123,7 @@ void _DFHEAP_RebuildChunkMap(DFHEAP *heap, PHALLOC *desc) {
     if (heap->ppChunkMap == nullptr || heap->qwChunkCount != wanted) {
         if (heap->ppChunkMap != nullptr) {
             heap->qwChunkCount = 0;
+            heap->ppGroupMap = nullptr;
             QXFree(std::exchange(heap->ppChunkMap, nullptr));
         }
         if (wanted != 0) {

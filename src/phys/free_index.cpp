@@ -168,8 +168,8 @@ bool treeReady(DFHEAP *heap) {
     auto *at = reinterpret_cast<int32_t *>((place + kTreeAlignment - 1) / kTreeAlignment * kTreeAlignment);
     if (index.bTreeClean == 0) {
         std::memset(at, 0, bytes);
-        index.bTreeClean = 1;
     }
+    index.bTreeClean = 0; // until it is emptied leaf by leaf
     for (uint32_t level = 0; level < index.dwLevels; at += widths[level++]) {
         index.aplLevel[level] = at;
     }
@@ -194,11 +194,6 @@ PHALLOC *recordAt(const DFHEAP *heap, int32_t start) {
 }
 
 bool holds(const FreeIndex &index) { return index.eState == IndexState::few || index.eState == IndexState::many; }
-
-void drop(FreeIndex &index, IndexState state) {
-    index.bTreeClean = index.eState == IndexState::many ? 0 : index.bTreeClean;
-    index.eState = state;
-}
 
 // Fills an empty index from FreeList. False if that isn't in order, which costs the heap its index and no more.
 bool fill(DFHEAP *heap, bool few) {
@@ -232,8 +227,11 @@ void freeIndexInit(DFHEAP *heap) {
 }
 
 void freeIndexReset(DFHEAP *heap) {
-    freeIndexClose(heap); // the tree has the size of the region that was
+    void *const tree = heap->Index.lpTree; // has the size of the region that was
     freeIndexInit(heap);
+    if (tree != nullptr) {
+        qxGuarded([tree] { QXFree(tree); });
+    }
 }
 
 void freeIndexClose(DFHEAP *heap) {
@@ -247,7 +245,8 @@ bool freeIndexRemake(DFHEAP *heap) {
     FreeIndex &index = heap->Index;
     const bool few = d_ListCount(&heap->FreeList) <= kFewSegments;
     const bool wraps = heap->qwLength - 1 > UINT64_MAX - heap->lpBase; // its order by address is no order
-    if (heap->ppChunkMap == nullptr || wraps || (index.eState == IndexState::off && !few)) {
+    const bool refused = index.eState == IndexState::barred || (index.eState == IndexState::off && !few);
+    if (heap->ppChunkMap == nullptr || wraps || refused) {
         return false;
     }
     index.eState = IndexState::off;
@@ -257,14 +256,19 @@ bool freeIndexRemake(DFHEAP *heap) {
         return false;
     }
     if (!fill(heap, few)) {
-        index.bTreeClean = 0;
         return false;
     }
     index.eState = few ? IndexState::few : IndexState::many;
     return true;
 }
 
-void freeIndexSpoil(DFHEAP *heap) { drop(heap->Index, IndexState::stale); }
+void freeIndexSpoil(DFHEAP *heap) {
+    if (heap->Index.eState != IndexState::barred) {
+        heap->Index.eState = IndexState::stale;
+    }
+}
+
+void freeIndexBar(DFHEAP *heap) { heap->Index.eState = IndexState::barred; }
 
 PHALLOC *freeIndexFit(DFHEAP *heap, uint64_t size, bool fromBottom) {
     if (size > heap->qwLength) {
@@ -289,7 +293,7 @@ PHALLOC *freeIndexBefore(DFHEAP *heap, uint64_t addr) {
 void freeIndexAdd(DFHEAP *heap, const PHALLOC *segment) {
     FreeIndex &index = heap->Index;
     if (index.eState == IndexState::few && index.dwCount == kFewSegments) {
-        drop(index, IndexState::stale); // who asks next makes it a tree
+        index.eState = IndexState::stale; // who asks next makes it a tree
         return;
     }
     if (index.eState == IndexState::few) {

@@ -148,8 +148,8 @@ int32_t DFHEAP_Resize(DFHEAP *heap, uint64_t physOffset, uintptr_t base, uint64_
     heap->qwSmallest = smallest;
     PHALLOC *const record = physRecord(head);
     coverRegion(heap, record);
+    freeIndexReset(heap); // first: what follows may leave by an exception
     _DFHEAP_RebuildChunkMap(heap, record);
-    freeIndexReset(heap);
     heap->qwLargestFree = record->qwSize;
     heap->bLargestValid = 1;
     physAssertSound(heap);

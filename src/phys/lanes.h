@@ -15,10 +15,10 @@ namespace brenvole {
 inline uint32_t lanesAtLeast(const int32_t *words, int32_t least) {
     const __m128i below = _mm_set1_epi32(least - 1);
     const auto *const lanes = reinterpret_cast<const __m128i *>(words);
-    const __m128i low = _mm_packs_epi32(_mm_cmpgt_epi32(_mm_load_si128(lanes), below),
-                                        _mm_cmpgt_epi32(_mm_load_si128(lanes + 1), below));
-    const __m128i high = _mm_packs_epi32(_mm_cmpgt_epi32(_mm_load_si128(lanes + 2), below),
-                                         _mm_cmpgt_epi32(_mm_load_si128(lanes + 3), below));
+    const __m128i low = _mm_packs_epi32(_mm_cmpgt_epi32(_mm_loadu_si128(lanes), below),
+                                        _mm_cmpgt_epi32(_mm_loadu_si128(lanes + 1), below));
+    const __m128i high = _mm_packs_epi32(_mm_cmpgt_epi32(_mm_loadu_si128(lanes + 2), below),
+                                         _mm_cmpgt_epi32(_mm_loadu_si128(lanes + 3), below));
     return static_cast<uint32_t>(_mm_movemask_epi8(_mm_packs_epi16(low, high)));
 }
 

@@ -90,7 +90,11 @@ Walk mergeByIndex(Placing &placing) {
     }
     PHALLOC *const prev = freeIndexBefore(heap, record->lpAddr);
     if (prev == nullptr) {
+        d_ListPrev(d_ListHead(&heap->FreeList)); // a fault comes here, where no list is locked
         d_ListAddHead(&heap->FreeList, &record->Node);
+    } else if (&prev->Node == d_ListTail(&heap->FreeList)) {
+        physTouchTail(&heap->FreeList);
+        d_ListAddTail(&heap->FreeList, &record->Node);
     } else {
         physTouchAround(&prev->Node);
         d_ListInsert(&heap->FreeList, &prev->Node, &record->Node);
@@ -264,10 +268,12 @@ void physFinishPlacing(Placing &placing) {
     }
     if (!qxGuarded([&] { _DFHEAP_PlaceFree(placing); })) {
         heap->bLargestValid = 0;
+        freeIndexSpoil(heap); // the second try may have made it anew
         settle(placing);
     }
     if (placing.loose != nullptr) { // the list can't be walked: at its end, out of order, but not lost
         heap->bLargestValid = 0;
+        freeIndexSpoil(heap);
         qxGuarded([&] {
             physTouchTail(&heap->FreeList);
             d_ListAddTail(&heap->FreeList, &placing.loose->Node);

@@ -62,7 +62,8 @@ void askForBarrier() {
         const int error = errno;
         const bool there = syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
         errno = error;
-        barrier.store(there ? 1 : -1);
+        int notAsked = 0; // one answer holds, whoever got it
+        barrier.compare_exchange_strong(notAsked, there ? 1 : -1);
     }
 }
 

@@ -17,6 +17,7 @@
 #include <cstddef>
 #include <cstdlib>
 
+#include <dlfcn.h>
 #include <malloc.h>
 #include <sched.h>
 
@@ -38,10 +39,23 @@ struct alignas(64) Shelf {
 };
 std::array<Shelf, kShelves> shelves; // zeros: nothing lies there
 
+// Whether the program's allocator is one that tells the sizes of its blocks: some take the place of malloc and free,
+// and leave that function to the C library, which knows nothing of their blocks.
+bool tellsSizes() {
+    static const bool tells = [] {
+        Dl_info allocates{};
+        Dl_info measures{};
+        return dladdr(reinterpret_cast<void *>(&std::malloc), &allocates) != 0 &&
+               dladdr(reinterpret_cast<void *>(&malloc_usable_size), &measures) != 0 &&
+               allocates.dli_fbase == measures.dli_fbase;
+    }();
+    return tells;
+}
+
 // The place for blocks of that many bytes, or null.
 std::atomic<void *> *placeFor(std::size_t bytes) {
     const std::size_t place = static_cast<std::size_t>(std::bit_width(bytes / kLeast)) - 1;
-    if (!kShelved || place >= kPlaces) { // of smaller blocks the number wraps
+    if (place >= kPlaces) { // of smaller blocks the number wraps
         return nullptr;
     }
     return &shelves[static_cast<unsigned>(sched_getcpu()) % kShelves].blocks[place];
@@ -75,11 +89,27 @@ __attribute__((destructor)) void clearShelves() {
 
 void *QXAlloc(uint32_t size) {
     std::atomic<void *> *const place = placeFor(size);
-    void *const block = place != nullptr ? takeFrom(*place, size) : nullptr;
-    return block != nullptr ? block : std::malloc(size == 0 ? 1 : size);
+    void *block = place != nullptr ? takeFrom(*place, size) : nullptr;
+    if (block == nullptr) {
+        block = std::malloc(size == 0 ? 1 : size);
+    }
+    if (block == nullptr) { // perhaps what lies on the shelves is what is missing
+        clearShelves();
+        block = std::malloc(size == 0 ? 1 : size);
+    }
+    return block;
 }
 
 void QXFree(void *block) {
-    std::atomic<void *> *const place = placeFor(malloc_usable_size(block));
-    std::free(place != nullptr ? place->exchange(block, std::memory_order_acq_rel) : block);
+    std::atomic<void *> *const place = kShelved && tellsSizes() ? placeFor(malloc_usable_size(block)) : nullptr;
+    if (place == nullptr) {
+        std::free(block);
+        return;
+    }
+    void *const before = place->exchange(block, std::memory_order_acq_rel);
+    if (before == block) { // released twice: the C library shall say so
+        place->store(nullptr, std::memory_order_relaxed);
+        std::free(block);
+    }
+    std::free(before);
 }
