@@ -101,7 +101,11 @@ void *QXAlloc(uint32_t size) {
 }
 
 void QXFree(void *block) {
-    std::atomic<void *> *const place = kShelved && tellsSizes() ? placeFor(malloc_usable_size(block)) : nullptr;
+    if (!kShelved || !tellsSizes()) {
+        std::free(block);
+        return;
+    }
+    std::atomic<void *> *const place = placeFor(malloc_usable_size(block));
     if (place == nullptr) {
         std::free(block);
         return;
