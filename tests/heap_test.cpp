@@ -7,18 +7,20 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <random>
 
 using namespace brenvole;
 
-// Strikes at a call of the list operations that move records.
+// Strikes at a call of the list operations that move records, and at as many behind it as are to be struck.
 enum class ListFault { refuse, throwBefore, throwBehind };
 static ListFault listFault;
 static int listCallsLeft = 0; // 0: never
+static int listStrikes = 1;
 
 template <class Result, class... Arguments> static Result listCall(const char *name, Arguments... arguments) {
     const bool strikes = listCallsLeft > 0 && --listCallsLeft == 0;
-    if (strikes) { listCallsLeft = -1; }
+    if (strikes) { listCallsLeft = --listStrikes > 0 ? 1 : -1; }
     if (strikes && listFault == ListFault::throwBefore) { throw 1; }
     if (strikes && listFault == ListFault::refuse) { return {}; }
     const Result result = reinterpret_cast<Result (*)(Arguments...)>(systemReplaced(name))(arguments...);
@@ -194,6 +196,14 @@ TEST_F(Heap, ResizeNeedsAnEmptyHeap) {
         EXPECT_EQ(resize(1, uint64_t{1} << 29, 1), 0);
         EXPECT_EQ(log.take(), refused("536870912"));
         EXPECT_EQ(requests(), before);
+        EXPECT_EQ(resize(kBase, kLength, 4096), 0);
+        drop(take(8192));
+        replaceAlloc = [](uint32_t) -> void * { throw 1; }; // on its way, after the region has changed
+        EXPECT_ANY_THROW(resize(kBase, 8192, 4096));
+        replaceAlloc = nullptr;
+        EXPECT_EQ(take(8192), kBase);
+        EXPECT_EQ(take(4096), 0u);
+        drop(kBase);
     }
     EXPECT_EQ(_DFHEAP_Check(heap), 0u);
 }
@@ -219,9 +229,12 @@ TEST_F(Heap, AllocationFaults) {
 // Each list operation that moves a record faults in turn, in front of its work or behind it, or doesn't do it: no
 // record is lost, no lock stays held, and what is free joins again.
 TEST_F(Heap, EachListOperationFails) {
-    for (const ListFault how : {ListFault::refuse, ListFault::throwBefore, ListFault::throwBehind}) {
+    for (const int variant : {0, 1, 2, 3, 4, 5}) { // once, and twice running
+        const ListFault how =
+            std::array{ListFault::refuse, ListFault::throwBefore, ListFault::throwBehind}[variant % 3];
         bool struck = true;
         for (int nth = 1; struck; ++nth) {
+            listStrikes = 1 + variant / 3;
             const uint64_t a = take(12288), b = take(12288), c = take(4096), d = take(4096);
             listFault = how;
             listCallsLeft = nth;
@@ -233,13 +246,14 @@ TEST_F(Heap, EachListOperationFails) {
             for (const uint64_t block : {b, d, rest, a, split, c}) {
                 if (block != 0) { DFHEAP_Free(heap, block, nullptr), sound(0); }
             }
-            struck = listCallsLeft <= 0;
+            struck = listStrikes != 1 + variant / 3;
             listCallsLeft = 0;
             while (d_ListHead(&heap->AllocList) != nullptr) { // what a fault has kept
                 DFHEAP_Free(heap, physRecord(d_ListHead(&heap->AllocList))->lpAddr, nullptr);
             }
             const unsigned broken = _DFHEAP_Check(heap);
-            ASSERT_TRUE(broken == 0 || broken == 8) << broken << " at call " << nth; // unmerged is not lost
+            const bool twice = variant >= 3; // then a record may stand out of order
+            ASSERT_TRUE(broken == 0 || broken == 8 || (twice && broken == 4)) << broken << " at call " << nth;
             ASSERT_EQ(DFHEAP_TotalFree(heap), kLength);
             onThreads(1, [&](int) { drop(take(4096)); });
             DFHEAP_Destroy(heap);
