@@ -1,6 +1,7 @@
 // The log on disk or on standard error. A file is opened once, for appending, and stays open: each message is
-// one write at the file's end, so that several processes may share it and none is lost if the process dies. No lock:
-// the last messages come when the process has ended its other threads, one of which may have stood in here.
+// one write at the file's end, so that several processes may share it and none is lost if the process dies. No lock
+// that could be waited for in vain: the last messages come when the process has ended its other threads, one of which
+// may have stood in here.
 #include "platform.h"
 #include "qxutil.h"
 #include "uninterrupted.h"
@@ -26,6 +27,34 @@ struct Closer {
     }
 };
 Closer closer;
+
+// Threads take turns as long as that works: where the system seeks and writes in two steps, as an emulator does, a
+// message would overwrite another's.
+std::atomic<bool> turnTaken = false;
+std::atomic<bool> turnLost = false; // whoever had it has been ended
+
+struct Turn {
+    bool mine = false;
+    Turn() {
+        constexpr int kPatience = 10000; // a write takes some ten of these
+        for (int tries = 0; !mine && !turnLost && tries < kPatience; ++tries) {
+            mine = !turnTaken.exchange(true);
+            if (!mine) {
+                SwitchToThread();
+            }
+        }
+        if (!mine) {
+            turnLost = true;
+        }
+    }
+    ~Turn() {
+        if (mine) {
+            turnTaken = false;
+        }
+    }
+    Turn(const Turn &) = delete;
+    Turn &operator=(const Turn &) = delete;
+};
 
 void writeAll(HANDLE file, std::string_view text) {
     while (!text.empty()) {
@@ -66,5 +95,6 @@ void qxLogWrite(const char *text, std::size_t length) noexcept {
     if (file == nullptr) {
         file = openLog();
     }
+    const Turn turn;
     writeAll(file != INVALID_HANDLE_VALUE ? file : GetStdHandle(STD_ERROR_HANDLE), {text, length});
 }
