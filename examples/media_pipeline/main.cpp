@@ -5,6 +5,7 @@
 #include "report.h"
 #include "verify.h"
 
+#include "terminal/terminal.h"
 #include "util/qxutil.h"
 
 #include <brenvole/dframe.h>

@@ -17,7 +17,7 @@
 #include "media_file.h"
 #include "picture_edit.h"
 #include "picture_stats.h"
-#include "progress.h"
+#include "terminal/progress.h"
 
 #include <cstdint>
 #include <string>

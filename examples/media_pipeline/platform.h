@@ -3,8 +3,6 @@
 #ifndef MEDIA_PIPELINE_PLATFORM_H
 #define MEDIA_PIPELINE_PLATFORM_H
 
-/** True if standard error goes to a terminal. */
-bool errorsGoToTerminal();
 /** Sets a variable of this process's environment; before it has threads. */
 void setVariable(const char *name, const char *value);
 

@@ -27,3 +27,11 @@ for program in c cpp static; do
 done
 ldd "$work/static" | grep -q brenvole && exit 1
 echo "installed copy: 7 consumers ok"
+
+tool=$work/prefix/bin/brenvole-trace # needs nothing of the library
+if [ -e "$tool" ]; then
+  QXBRENVOLE_TRACE=1 QXBRENVOLE_TRACE_FILE=$work/frames.csv LD_LIBRARY_PATH=$libraries "$work/c" >/dev/null 2>&1
+  "$tool" summary "$work/frames.csv" | grep -q 'Nothing is outstanding'
+  [ -e "$work/prefix/share/man/man1/brenvole-trace.1" ]
+  echo "installed copy: brenvole-trace ok"
+fi

@@ -1,8 +1,8 @@
 /** @file
  *  A line on the terminal that tells how far the program is. It goes to standard error, and nowhere if that is
  *  no terminal. Used by one thread. */
-#ifndef MEDIA_PIPELINE_PROGRESS_H
-#define MEDIA_PIPELINE_PROGRESS_H
+#ifndef TERMINAL_PROGRESS_H
+#define TERMINAL_PROGRESS_H
 
 #include <chrono>
 #include <cstddef>

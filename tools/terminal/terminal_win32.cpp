@@ -1,0 +1,13 @@
+#include "terminal.h"
+
+#include <cstdio>
+
+#include <fcntl.h>
+#include <io.h>
+
+bool errorsGoToTerminal() { return _isatty(_fileno(stderr)) != 0; }
+
+void streamsAreBinary() {
+    _setmode(_fileno(stdin), _O_BINARY);
+    _setmode(_fileno(stdout), _O_BINARY);
+}

@@ -1,0 +1,223 @@
+#include "pool_map.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace traceview {
+
+namespace {
+
+bool isWorthMore(const MapBlock &a, const MapBlock &b) { return a.worth > b.worth; }
+
+// Adds to a column what the cell has held since it was noted last, up to the end of that row.
+void noteCell(MapColumn &column, std::size_t cell, MapCell &state, uint64_t row) {
+    if (state.inUse != 0 && row > state.noted) {
+        if (column.use.size() <= cell) {
+            column.use.resize(cell + 1);
+        }
+        column.use[cell] += static_cast<double>(state.inUse) * static_cast<double>(row - state.noted);
+    }
+    state.noted = std::max(state.noted, row);
+}
+
+// Opens the columns up to that of the row; those that are left behind are completed.
+void reachColumn(MapRegion &region, uint64_t row, uint64_t time) {
+    stepsReach(region.columns, row);
+    std::vector<MapColumn> &columns = region.columns.steps;
+    const std::size_t place = stepOf(region.columns, row);
+    while (columns.size() <= place) {
+        if (!columns.empty()) {
+            const uint64_t lastRow = columns.size() * region.columns.rows;
+            for (std::size_t cell = 0; cell < region.cells.size(); ++cell) {
+                noteCell(columns.back(), cell, region.cells[cell], lastRow);
+            }
+            columns.back().time = time; // until then nothing happened here
+        }
+        columns.push_back({time, {}});
+    }
+    columns.back().time = time;
+}
+
+uint64_t lastByte(const MapBlock &block) { return block.base + (block.bytes - 1); }
+
+std::size_t cellsFor(const MapRegion &region, uint64_t low, uint64_t last) {
+    return static_cast<std::size_t>(
+        std::min<uint64_t>((last >> region.shift) - (low >> region.shift), MapRegion::kCells) + 1);
+}
+
+// Moves each cell's figure to where its first byte belongs now, adding up those that meet.
+template <class Value, class Add>
+std::vector<Value> rebinned(const std::vector<Value> &old, uint64_t oldFirst, unsigned wider, uint64_t newFirst,
+                            Add add) {
+    std::vector<Value> values;
+    for (std::size_t at = 0; at < old.size(); ++at) {
+        const auto cell = static_cast<std::size_t>(((oldFirst + at) >> wider) - newFirst);
+        if (values.size() <= cell) {
+            values.resize(cell + 1);
+        }
+        add(values[cell], old[at]);
+    }
+    return values;
+}
+
+// Makes room for a block. Cells get wider when there would be too many.
+void reachCells(MapRegion &region, const MapBlock &block, uint64_t row) {
+    const bool first = region.cells.empty();
+    const uint64_t low = first ? block.base : std::min(region.low, block.base);
+    const uint64_t last = first ? lastByte(block) : std::max(region.high - 1, lastByte(block));
+    const unsigned shiftBefore = region.shift;
+    while (cellsFor(region, low, last) > MapRegion::kCells) {
+        ++region.shift;
+    }
+    const unsigned wider = region.shift - shiftBefore;
+    const uint64_t firstBefore = first ? low >> shiftBefore : region.firstCell;
+    region.low = low;
+    region.high = last + 1;
+    region.firstCell = low >> region.shift;
+    if (wider != 0 || region.firstCell != firstBefore) {
+        for (std::size_t cell = 0; cell < region.cells.size(); ++cell) {
+            noteCell(region.columns.steps.back(), cell, region.cells[cell], row);
+        }
+        region.cells =
+            rebinned(region.cells, firstBefore, wider, region.firstCell, [](MapCell &to, const MapCell &from) {
+                to.inUse += from.inUse;
+                to.noted = std::max(to.noted, from.noted);
+            });
+        for (MapColumn &column : region.columns.steps) {
+            column.use = rebinned(column.use, firstBefore, wider, region.firstCell,
+                                  [](double &to, double from) { to += from; });
+        }
+    }
+    region.cells.resize(cellsFor(region, low, last), MapCell{0, row});
+}
+
+// The block comes, or goes, behind that row.
+void occupy(MapRegion &region, const MapBlock &block, uint64_t row, bool comes) {
+    MapColumn &column = region.columns.steps.back();
+    const uint64_t last = lastByte(block);
+    for (uint64_t cell = block.base >> region.shift; cell <= last >> region.shift; ++cell) {
+        const auto place = static_cast<std::size_t>(cell - region.firstCell);
+        noteCell(column, place, region.cells[place], row);
+        const uint64_t begin = std::max(block.base, cell << region.shift);
+        const uint64_t end = std::min(last, (cell << region.shift) + ((uint64_t{1} << region.shift) - 1));
+        const uint64_t bytes = end - begin + 1;
+        region.cells[place].inUse += comes ? bytes : 0 - bytes;
+    }
+}
+
+void keepBlock(MapRegion &region, const MapBlock &block) {
+    if (region.blocks.size() == MapRegion::kBlocks) {
+        if (!isWorthMore(block, region.blocks.front())) {
+            return;
+        }
+        std::pop_heap(region.blocks.begin(), region.blocks.end(), isWorthMore);
+        region.blocks.pop_back();
+    }
+    region.blocks.push_back(block);
+    std::push_heap(region.blocks.begin(), region.blocks.end(), isWorthMore);
+}
+
+bool near(const PoolMap &map, const MapRegion &region, const MapBlock &block) {
+    const uint64_t last = lastByte(block);
+    const uint64_t below = last < region.low ? region.low - last : 0;
+    const uint64_t above = block.base >= region.high ? block.base - region.high : 0;
+    return std::max(below, above) < map.apart;
+}
+
+// Place of the region for a block, which may be a new one; kRegions if there are too many.
+std::size_t regionFor(PoolMap &map, const MapBlock &block) {
+    const auto found = std::find_if(map.regions.begin(), map.regions.end(),
+                                    [&](const MapRegion &region) { return near(map, region, block); });
+    const auto place = static_cast<std::size_t>(found - map.regions.begin());
+    if (found == map.regions.end() && place < PoolMap::kRegions) {
+        map.regions.emplace_back();
+    }
+    return place;
+}
+
+// Blocks whose end lies past all addresses, as only a damaged row has them, or that hold nothing, have no place.
+bool canBeShown(const Allocation &allocation) {
+    constexpr uint64_t kLargest = uint64_t{1} << 48;
+    return allocation.kind == Kind::phys && allocation.actual != 0 && allocation.actual <= kLargest &&
+           allocation.base <= std::numeric_limits<uint64_t>::max() - kLargest;
+}
+
+void come(PoolMap &map, const Row &row, const Allocation &allocation) {
+    MapBlock block;
+    block.id = allocation.id;
+    block.fromRow = row.number;
+    block.fromTime = row.time;
+    block.base = allocation.base;
+    block.bytes = allocation.actual;
+    block.site = allocation.allocSite;
+    const std::size_t place = regionFor(map, block);
+    if (place == PoolMap::kRegions) {
+        ++map.leftOut;
+        return;
+    }
+    block.region = static_cast<uint32_t>(place);
+    MapRegion &region = map.regions[place];
+    reachColumn(region, row.number, row.time);
+    reachCells(region, block, row.number);
+    occupy(region, block, row.number, true);
+    ++region.stays;
+    map.present.emplace(block.id, block);
+}
+
+void go(PoolMap &map, const Row &row, const Allocation &allocation) {
+    const auto place = map.present.find(allocation.id);
+    if (place == map.present.end()) {
+        return;
+    }
+    MapBlock block = place->second;
+    map.present.erase(place);
+    block.toRow = row.number;
+    block.toTime = row.time;
+    block.worth = block.toRow - block.fromRow;
+    MapRegion &region = map.regions[block.region];
+    reachColumn(region, row.number, row.time);
+    occupy(region, block, row.number, false);
+    keepBlock(region, block);
+}
+
+} // namespace
+
+void join(MapColumn &column, const MapColumn &next) {
+    column.time = next.time;
+    column.use.resize(std::max(column.use.size(), next.use.size()));
+    for (std::size_t cell = 0; cell < next.use.size(); ++cell) {
+        column.use[cell] += next.use[cell];
+    }
+}
+
+void poolMapNote(PoolMap &map, const Row &row, const Change &change) {
+    map.lastRow = row.number;
+    map.lastTime = row.time;
+    if (row.result == "call" && row.action == "DFRAME_RESET" &&
+        row.requested < std::numeric_limits<uint64_t>::max() / 4) {
+        map.apart = std::max(map.apart, 2 * row.requested);
+    }
+    if (change.gone && canBeShown(*change.gone)) {
+        go(map, row, *change.gone);
+    }
+    if (change.made != nullptr && canBeShown(*change.made)) {
+        come(map, row, *change.made);
+    }
+}
+
+void poolMapFinish(PoolMap &map) {
+    for (MapRegion &region : map.regions) {
+        reachColumn(region, map.lastRow, map.lastTime);
+        for (std::size_t cell = 0; cell < region.cells.size(); ++cell) {
+            noteCell(region.columns.steps.back(), cell, region.cells[cell], map.lastRow);
+        }
+    }
+    for (const auto &[id, present] : map.present) {
+        MapBlock block = present;
+        block.toTime = map.lastTime;
+        block.worth = std::numeric_limits<uint64_t>::max() - block.fromRow;
+        keepBlock(map.regions[block.region], block);
+    }
+}
+
+} // namespace traceview
