@@ -26,6 +26,7 @@ struct Playback {
     PoolMap map;
     std::vector<Placed> blocks;
     std::vector<uint64_t> bytesAt{0}; // behind each row
+    std::vector<uint64_t> timeAt{0};
 
     explicit Playback(uint32_t seed) : engine(seed) {}
 
@@ -33,7 +34,8 @@ struct Playback {
 
     void feed(Row &row) {
         row.number = row.eventId = bytesAt.size();
-        row.time = 3 * row.number;
+        row.time = timeAt.back() + (timeAt.size() == 1 || below(3) != 0 ? 0 : below(100) == 0 ? 5000 : below(5));
+        timeAt.push_back(row.time);
         const Change change = liveFollow(live, row);
         courseNote(course, live, row);
         poolMapNote(map, row, change);
@@ -83,7 +85,7 @@ void expectSteps(const Playback &run) {
         ASSERT_EQ(span.low, *std::min_element(begin, end)) << at;
         ASSERT_EQ(span.high, *std::max_element(begin, end)) << at;
         ASSERT_EQ(span.last, run.bytesAt[last]) << at;
-        ASSERT_EQ(steps[at].time, 3 * last) << at;
+        ASSERT_EQ(steps[at].time, run.timeAt[last]) << at;
     }
     uint64_t problems = 0;
     for (const ProblemStep &step : run.course.problems.steps) {
@@ -103,19 +105,28 @@ void expectMap(const Playback &run) {
     ASSERT_LE(region.columns.steps.size(), MapRegion::kColumns);
     ASSERT_LE(region.cells.size(), MapRegion::kCells);
     for (std::size_t column = 0; column < region.columns.steps.size(); ++column) {
-        std::vector<double> use(region.cells.size());
+        const uint64_t first = column * region.columns.rows;
+        const uint64_t last = std::min(first + region.columns.rows, lastRow);
+        ASSERT_EQ(region.columns.steps[column].time, run.timeAt[last]);
+        std::vector<double> byRow(region.cells.size());
+        std::vector<double> byTime(region.cells.size());
         for (const Placed &block : run.blocks) {
-            const uint64_t rows = overlap(block.from, block.to != 0 ? block.to : lastRow,
-                                          column * region.columns.rows, (column + 1) * region.columns.rows);
-            for (std::size_t cell = 0; rows != 0 && cell < use.size(); ++cell) {
+            const uint64_t to = block.to != 0 ? block.to : lastRow;
+            const uint64_t rows = overlap(block.from, to, first, last);
+            const uint64_t time =
+                overlap(run.timeAt[block.from], run.timeAt[to], run.timeAt[first], run.timeAt[last]);
+            for (std::size_t cell = 0; rows != 0 && cell < byRow.size(); ++cell) {
                 const uint64_t begin = (region.firstCell + cell) << region.shift;
-                use[cell] += static_cast<double>(rows * overlap(block.base, block.base + block.bytes, begin,
-                                                                begin + (uint64_t{1} << region.shift)));
+                const uint64_t bytes =
+                    overlap(block.base, block.base + block.bytes, begin, begin + (uint64_t{1} << region.shift));
+                byRow[cell] += static_cast<double>(rows * bytes);
+                byTime[cell] += static_cast<double>(time * bytes);
             }
         }
-        const std::vector<double> &found = region.columns.steps[column].use;
-        for (std::size_t cell = 0; cell < use.size(); ++cell) {
-            ASSERT_EQ(cell < found.size() ? found[cell] : 0.0, use[cell]) << column << " " << cell;
+        for (std::size_t cell = 0; cell < byRow.size(); ++cell) {
+            const auto at = [&](const std::vector<double> &use) { return cell < use.size() ? use[cell] : 0.0; };
+            ASSERT_EQ(at(region.columns.steps[column].byRow), byRow[cell]) << column << " " << cell;
+            ASSERT_EQ(at(region.columns.steps[column].byTime), byTime[cell]) << column << " " << cell;
         }
     }
     ASSERT_EQ(region.stays, run.blocks.size());

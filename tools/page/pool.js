@@ -1,14 +1,18 @@
 // The map of a pool: addresses upwards, time to the right. Below lies a raster of how much of each cell is in use, above it
 // the blocks that lived longest, and those that nobody has released over all of them.
 
+// `across` is the visible part of the addresses in percent; `shown` tells which layers are turned on, and `mouse` is where
+// it is, and over which block.
+const map = { pool: null, across: [0, 100], shown: {}, mouse: { x: 0, y: 0, block: -1 } };
+
 const siteColours = ['site0', 'site1', 'site2', 'site3', 'site4'];
 
-// A pool as the drawing needs it: the raster's bytes, and the blocks in groups of one colour each.
+// A pool as the drawing needs it: the raster's bytes, and the blocks in groups of one colour each, the uppermost first.
 function readPool(trace, pool) {
-  const fill = Uint8Array.from(atob(pool.fill), (character) => character.charCodeAt(0));
+  const [fill, fillTime] = [pool.fill, pool.fillTime].map((text) => Uint8Array.from(atob(text), (character) => character.charCodeAt(0)));
   const span = Number(BigInt(`0x${pool.high}`) - BigInt(`0x${pool.low}`));
   const base = Number(BigInt(`0x${pool.cellBase}`) - BigInt(`0x${pool.low}`));
-  return { ...pool, fill, span, base, groups: groupBlocks(trace, pool.blocks) };
+  return { ...pool, fill, fillTime, span, base, groups: groupBlocks(trace, pool.blocks) };
 }
 
 // The call sites whose blocks cover most of the map get colours of their own.
@@ -23,14 +27,15 @@ function groupBlocks(trace, blocks) {
     covered.set(site, (covered.get(site) ?? 0) + blocks.bytes[index] * (blocks.to[index] - blocks.from[index]));
   });
   const first = [...covered.keys()].sort((a, b) => covered.get(b) - covered.get(a)).slice(0, siteColours.length);
-  const groups = first.map((site, place) => ({
-    id: `site${place}`, text: siteName(trace.callSites[site]), colour: siteColours[place],
-    members: released.filter((index) => blocks.site[index] === site),
-  }));
   const rest = released.filter((index) => !first.includes(blocks.site[index]));
-  groups.push({ id: 'other', text: 'other call sites', colour: 'other', members: rest });
-  groups.push({ id: 'outstanding', text: 'outstanding', colour: 'alert', members: outstanding });
-  return groups.filter(({ members }) => members.length > 0);
+  return [
+    { id: 'outstanding', text: 'outstanding', colour: 'alert', members: outstanding },
+    ...first.map((site, place) => ({
+      id: `site${place}`, text: siteName(trace.callSites[site]), colour: siteColours[place],
+      members: released.filter((index) => blocks.site[index] === site),
+    })),
+    { id: 'other', text: 'other call sites', colour: 'other', members: rest },
+  ].filter(({ members }) => members.length > 0);
 }
 
 // ---- where things are -------------------------------------------------------------------------------------------
@@ -38,15 +43,18 @@ function groupBlocks(trace, blocks) {
 function blockSpan(trace, pool, index) {
   const { from, to, fromTime, toTime, offset, bytes } = pool.blocks;
   const end = axisRange(trace)[1];
-  const [left, right] = axis.byTime ? [fromTime[index], toTime[index]] : [from[index], to[index]];
+  const [left, right] = axis.byTime ? [fromTime[index], toTime[index]] : [from[index] - 1, to[index]];
   return { left, right: to[index] === 0 ? end : right, bottom: offset[index], top: offset[index] + bytes[index] };
 }
 
 // The column of the raster that holds a place on the axis.
 function columnAt(pool, x) {
-  const column = axis.byTime ? firstReaching(pool.columnTime, x) : Math.floor((Math.round(x) - 1) / pool.stepEvents);
+  const column = axis.byTime ? firstReaching(pool.columnTime, x) : Math.ceil(x / pool.stepEvents) - 1;
   return Math.max(0, Math.min(pool.columns - 1, column));
 }
+
+// How much of a cell is in use, of 255: on the average over the column's rows, or over its time.
+function usedOf(pool, column, cell) { return (axis.byTime ? pool.fillTime : pool.fill)[column * pool.cells + cell]; }
 
 // Places on the canvas are straight lines over the values. `pixel` gives a place for values.
 function placing(pool, trace, pixel) {
@@ -71,7 +79,7 @@ function blockPlace(trace, pool, place, index) {
 function blockAt(trace, pool, place, x, y, shown) {
   let best = -1;
   let least = 2;
-  for (const { members } of pool.groups.filter(({ id }) => shown(id)).reverse()) {
+  for (const { members } of pool.groups.filter(({ id }) => shown(id))) {
     for (const index of members) {
       const at = blockPlace(trace, pool, place, index);
       const away = Math.max(at.x - x, x - at.x - at.width, at.y - y, y - at.y - at.height, 0);
@@ -103,7 +111,7 @@ function rasterOf(pool, ink) {
   const image = context.createImageData(canvas.width, canvas.height);
   for (let column = 0; column < pool.columns; column++) {
     for (let cell = 0; cell < pool.cells; cell++) {
-      const used = pool.fill[column * pool.cells + cell];
+      const used = usedOf(pool, column, cell);
       image.data.set([red, green, blue, used * 0.55], ((pool.cells - 1 - cell) * pool.columns + column) * 4);
     }
   }
@@ -136,6 +144,11 @@ function inside({ x, y, width, height }, area) {
   return x < area.x + area.width && x + width > area.x && y < area.y + area.height && y + height > area.y;
 }
 
+function cut({ x, y, width, height }, area) {
+  const [left, top] = [Math.max(x, area.x), Math.max(y, area.y)];
+  return { x: left, y: top, width: Math.min(x + width, area.x + area.width) - left, height: Math.min(y + height, area.y + area.height) - top };
+}
+
 function layer(id, name, z, renderItem) {
   return { type: 'custom', id, name, z, silent: true, clip: true, data: [[0, 0]], encode: { x: 0, y: 1 }, renderItem };
 }
@@ -143,7 +156,7 @@ function layer(id, name, z, renderItem) {
 function poolSeries(trace, pool) {
   const raster = rasterOf(pool, colour('soft'));
   const groupLayer = (group, order) => ({
-    ...layer(group.id, group.id, 4 + order, ({ coordSys }, api) => {
+    ...layer(group.id, group.id, 20 - order, ({ coordSys }, api) => {
       const place = placing(pool, trace, api.coord);
       const places = group.members.map((index) => blockPlace(trace, pool, place, index)).filter((at) => inside(at, coordSys));
       const strong = group.id === 'outstanding';
@@ -170,38 +183,47 @@ function poolSeries(trace, pool) {
   ];
 }
 
-function poolTick(pool, [from, to]) { return tickOfBytes((to - from) * pool.span / 100); }
+function zoomedAcross() { return map.across[1] - map.across[0] < 100; }
+
+function poolTicks() {
+  const view = map.across.map((percent) => percent * map.pool.span / 100);
+  return ticksAt(tickOfBytes(view[1] - view[0]), view);
+}
 
 function drawPool(trace, chart, pool) {
-  const texts = new Map([['raster', 'share in use'], ...pool.groups.map(({ id, text }) => [id, text])]);
-  chart.xAxes = [0];
-  chart.zoomedAcross = false;
-  chart.pool = pool;
+  const texts = new Map([...pool.groups.map(({ id, text }) => [id, text]), ['raster', 'share in use']]);
+  const [start, end] = map.across;
+  map.pool = pool;
   chart.setOption({
     animation: false,
     legend: {
-      ...legendBase(), type: 'scroll', top: 0, left: 0, right: gridSides.right + 50, data: [...texts.keys()],
-      pageTextStyle: { color: colour('soft') }, pageIconColor: colour('soft'), pageIconInactiveColor: colour('line'),
+      ...legendBase(chart), data: [...texts.keys()],
       formatter: (id) => shorten(texts.get(id), 40),
     },
     toolbox: areaZoom({}),
     grid: { ...gridSides, top: 34, bottom: 60 },
-    xAxis: timeAxis(trace, chart, 0),
+    xAxis: timeAxis(trace, 0),
     yAxis: valueAxis({
-      axisLabel: { formatter: (offset) => `+${size(offset)}`, showMaxLabel: false },
-      rest: { min: 0, max: pool.span, interval: poolTick(pool, [0, 100]) },
+      axisLabel: { formatter: (offset) => `+${size(offset)}`, ...poolTicks().axisLabel },
+      rest: { min: 0, max: pool.span, axisTick: { show: false, ...poolTicks().axisTick } },
     }),
     dataZoom: [
       ...timeZoom([0]),
-      { id: 'yInside', type: 'inside', yAxisIndex: 0, filterMode: 'none' },
+      { id: 'yInside', type: 'inside', yAxisIndex: 0, filterMode: 'none', start, end },
       {
-        id: 'ySlider', type: 'slider', yAxisIndex: 0, filterMode: 'none', width: 16, right: 8, top: 34, bottom: 60, brushSelect: false,
+        id: 'ySlider', type: 'slider', yAxisIndex: 0, filterMode: 'none', start, end, width: 16, right: 8, top: 34, bottom: 60, brushSelect: false,
         showDataShadow: false, showDetail: false, ...sliderColours(),
       },
     ],
     tooltip: { ...tooltipBase(), trigger: 'item', formatter: () => poolTip(trace, chart) },
     series: poolSeries(trace, pool),
   }, { notMerge: true });
+}
+
+function showAllAddresses(trace) {
+  map.across = [0, 100];
+  if (charts.pool) { drawPool(trace, charts.pool, map.pool); }
+  showView(trace);
 }
 
 // ---- the mouse --------------------------------------------------------------------------------------------------
@@ -220,7 +242,7 @@ function blockTip(trace, pool, index) {
 function cellTip(pool, x, y) {
   const column = columnAt(pool, x);
   const cell = Math.max(0, Math.min(pool.cells - 1, Math.floor((y - pool.base) / pool.cellBytes)));
-  const used = pool.fill[column * pool.cells + cell] / 255;
+  const used = usedOf(pool, column, cell) / 255;
   const start = cell * pool.cellBytes;
   return tip(`${(used * 100).toFixed(used > 0 && used < 0.1 ? 1 : 0)} % in use`, [
     ['from', address(pool.cellBase, start)], ['to', address(pool.cellBase, start + pool.cellBytes - 1)],
@@ -230,11 +252,11 @@ function cellTip(pool, x, y) {
 }
 
 function poolPlacing(trace, chart) {
-  return placing(chart.pool, trace, (values) => chart.convertToPixel({ xAxisIndex: 0, yAxisIndex: 0 }, values));
+  return placing(map.pool, trace, (values) => chart.convertToPixel({ xAxisIndex: 0, yAxisIndex: 0 }, values));
 }
 
 function poolTip(trace, chart) {
-  const { pool, mouse } = chart;
+  const { pool, mouse } = map;
   const place = poolPlacing(trace, chart);
   return mouse.block >= 0 ? blockTip(trace, pool, mouse.block) : cellTip(pool, place.xValue(mouse.x), place.yValue(mouse.y));
 }
@@ -244,25 +266,25 @@ function poolTip(trace, chart) {
 function followMouse(trace, chart) {
   const frame = new echarts.graphic.Rect({ silent: true, invisible: true, z: 100, style: { fill: 'none', lineWidth: 2 } });
   chart.getZr().add(frame);
-  chart.mouse = { x: 0, y: 0, block: -1 };
-  const hide = () => { chart.mouse.block = -1; frame.attr({ invisible: true }); };
+  const hide = () => { map.mouse.block = -1; frame.attr({ invisible: true }); };
   chart.getZr().on('mousemove', ({ offsetX, offsetY }) => {
     const place = poolPlacing(trace, chart);
-    const selected = chart.getOption().legend[0].selected;
     const within = chart.containPixel({ gridIndex: 0 }, [offsetX, offsetY]);
-    const block = within ? blockAt(trace, chart.pool, place, offsetX, offsetY, (id) => selected[id] !== false) : -1;
-    chart.mouse = { x: offsetX, y: offsetY, block };
+    const block = within ? blockAt(trace, map.pool, place, offsetX, offsetY, (id) => map.shown[id] !== false) : -1;
+    map.mouse = { x: offsetX, y: offsetY, block };
     if (block < 0) { hide(); return; }
-    frame.attr({ invisible: false, shape: blockPlace(trace, chart.pool, place, block), style: { stroke: colour('ink') } });
+    const area = chart.getModel().getComponent('grid').coordinateSystem.getRect();
+    frame.attr({ invisible: false, shape: cut(blockPlace(trace, map.pool, place, block), area), style: { stroke: colour('ink') } });
   });
   chart.getZr().on('globalout', hide);
+  chart.on('legendselectchanged', ({ selected }) => { map.shown = selected; });
   chart.on('datazoom', (event) => {
     hide();
     const change = (event.batch ?? [event]).find((one) => /^yInside|^ySlider|yAxis/.test(one.dataZoomId));
     if (!change) { return; }
     const { start, end } = chart.getOption().dataZoom.find(({ id }) => id === 'yInside');
-    chart.zoomedAcross = end - start < 100;
-    chart.setOption({ yAxis: { interval: poolTick(chart.pool, [start, end]) } });
+    map.across = [start, end];
+    chart.setOption({ yAxis: poolTicks() });
     showView(trace, chart);
   });
 }

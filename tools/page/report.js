@@ -46,6 +46,7 @@ function fillTexts(trace) {
     + (sites.rows.length < sites.total ? ` The table has the largest ${number(sites.rows.length)} of ${number(sites.total)}.` : '');
   byId('sitesTable').parentElement.hidden = sites.total === 0;
   if (pools.length === 0) { byId('poolText').textContent = 'No data lay in a pool.'; }
+  if (kindsAlive(trace).length === 0) { byId('memoryText').textContent = 'Nothing was allocated.'; }
 }
 
 function fillPoolText(pool) {
@@ -67,17 +68,17 @@ function startChart(name, height, text) {
 }
 
 function startCharts(trace) {
-  if (trace.steps.time.length > 0) { startChart('memory', 460, 'Live bytes and live count by kind'); }
+  if (kindsAlive(trace).length > 0) { startChart('memory', 460, 'Live bytes and live count by kind'); }
   if (trace.problems.points.length > 0) { startChart('problems', problemsHeight(trace), 'Problems by kind'); }
   if (trace.sites.rows.length > 0) { startChart('sites', sitesHeight(trace), 'Outstanding bytes by call site'); }
   if (trace.pools.length > 0) {
     startChart('pool', 540, 'Blocks of the pool by address');
     followMouse(trace, charts.pool);
   }
-  overTime.filter((name) => charts[name]).forEach((name) => {
-    followZoom(trace, charts[name]);
-    followCursor(charts[name]);
-  });
+  for (const [, chart] of chartsOverTime()) {
+    followZoom(trace, chart);
+    followCursor(chart);
+  }
 }
 
 function draw(trace, pools) {
@@ -94,9 +95,15 @@ function startPools(trace, pools) {
     `${pool.low} \u2013 ${pool.high}, ${plural(pool.blocksTotal, 'block', 'blocks')}`)));
   byId('poolChoice').hidden = pools.length < 2;
   const choose = () => fillPoolText(pools[select.selectedIndex]);
-  select.addEventListener('change', () => { choose(); draw(trace, pools); });
+  select.addEventListener('change', () => {
+    map.across = [0, 100];
+    choose();
+    draw(trace, pools);
+  });
   if (pools.length > 0) { choose(); }
 }
+
+const shortestByTime = 50; // milliseconds: in a shorter run too many rows share a moment
 
 function start() {
   const trace = JSON.parse(byId('trace').textContent);
@@ -109,7 +116,6 @@ function start() {
   startCharts(trace);
   axis.view = axisRange(trace);
   const again = () => draw(trace, pools);
-  again();
 
   const setAxis = (byTime) => {
     switchAxis(trace, byTime);
@@ -117,10 +123,15 @@ function start() {
     byId('byRow').setAttribute('aria-pressed', String(!byTime));
     again();
   };
+  setAxis(trace.duration >= shortestByTime);
+  document.querySelector('nav').hidden = chartsOverTime().length === 0;
   byId('byTime').addEventListener('click', () => setAxis(true));
   byId('byRow').addEventListener('click', () => setAxis(false));
   byId('reset').addEventListener('click', () => showAll(trace));
-  new ResizeObserver(() => { Object.values(charts).forEach((chart) => chart.resize()); again(); }).observe(document.body);
+  window.addEventListener('resize', () => {
+    Object.values(charts).forEach((chart) => chart.resize());
+    again();
+  });
   matchMedia('(prefers-color-scheme: dark)').addEventListener('change', again);
   const print = (on) => () => { document.documentElement.toggleAttribute('data-print', on); again(); };
   window.addEventListener('beforeprint', print(true)); // paper is white

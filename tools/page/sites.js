@@ -25,7 +25,7 @@ function drawSites(trace, chart) {
   const kinds = trace.kinds.filter((kind) => rows.some((row) => row.kind === kind));
   chart.setOption({
     animation: false,
-    legend: { ...legendBase(), top: 0, left: 0, data: kinds, formatter: kindText },
+    legend: { ...legendBase(chart), data: kinds, formatter: kindLegend(chart) },
     grid: { left: names + 12, right: 90, top: 34, bottom: 28 },
     xAxis: valueAxis({ axisLabel: { formatter: size }, rest: { min: 0, max: Math.ceil(largest / tick) * tick, interval: tick } }),
     yAxis: {

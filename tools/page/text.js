@@ -54,7 +54,7 @@ function key(variable) { return element('span', { class: 'key', style: `--key: v
 // The content of a tooltip: a heading and pairs of label and text.
 function tip(heading, pairs) {
   const rows = pairs.map(([label, text]) => element('tr', {}, element('th', {}, label), element('td', {}, text)));
-  return element('div', { class: 'tip' }, element('b', {}, heading), element('table', {}, ...rows));
+  return element('div', { class: 'tip' }, element('strong', {}, heading), element('table', {}, ...rows));
 }
 
 // Colours stand in the style sheet alone.

@@ -1,11 +1,11 @@
 // The charts over time share one horizontal axis, of milliseconds or of rows, and one zoom.
 
-// `view` is what is visible, in units of the axis; `charts` holds the instances by name.
+// `view` is what is visible, in units of the axis. A row ends at its number.
 const axis = { byTime: true, view: [0, 1] };
-const charts = {};
-const overTime = ['memory', 'problems', 'pool'];
+const charts = {}; // the instances by name
+const overTime = { memory: 2, problems: 1, pool: 1 }; // and how many of these axes they have
 
-function axisRange(trace) { return axis.byTime ? [0, Math.max(1, trace.duration)] : [1, Math.max(2, trace.events)]; }
+function axisRange(trace) { return [0, Math.max(1, axis.byTime ? trace.duration : trace.events)]; }
 
 function axisText(value) { return axis.byTime ? time(value) : number(Math.round(value)); }
 
@@ -25,10 +25,10 @@ function firstReaching(list, value) {
 }
 
 function timeOfRow(trace, row) {
-  return row <= 1 ? 0 : trace.steps.time[Math.min(Math.floor((row - 1) / trace.steps.events), trace.steps.time.length - 1)] ?? 0;
+  return row <= 0 ? 0 : trace.steps.time[Math.min(Math.ceil(row / trace.steps.events), trace.steps.time.length) - 1] ?? 0;
 }
 
-function rowOfTime(trace, ms) { return ms <= 0 ? 1 : lastRowOfStep(trace, firstReaching(trace.steps.time, ms)); }
+function rowOfTime(trace, ms) { return ms <= 0 ? 0 : lastRowOfStep(trace, firstReaching(trace.steps.time, ms)); }
 
 // A distance between ticks that reads well in binary sizes, or in minutes and hours.
 function tickOfBytes(span) {
@@ -50,10 +50,17 @@ function tickOfRows(span, most) {
   return [1, 2, 5, 10].map((factor) => factor * power).find((tick) => span / tick <= most);
 }
 
-function tickOfView(chart) {
+// All multiples of `tick` in sight. Left to itself, the axis counts from its edge.
+function ticksAt(tick, [from, to]) {
+  const customValues = [];
+  for (let count = Math.ceil(from / tick); count * tick <= to; count++) { customValues.push(count * tick); }
+  return { axisTick: { customValues }, axisLabel: { customValues } };
+}
+
+function ticksOfView(chart) {
   const most = Math.max(2, Math.floor(chart.getWidth() / 110));
   const span = axis.view[1] - axis.view[0];
-  return axis.byTime ? tickOfTime(span, most) : tickOfRows(span, most);
+  return ticksAt(Math.max(1, axis.byTime ? tickOfTime(span, most) : tickOfRows(span, most)), axis.view);
 }
 
 function valueAxis(options) {
@@ -67,12 +74,12 @@ function valueAxis(options) {
   };
 }
 
-function timeAxis(trace, chart, gridIndex, rest = {}) {
+function timeAxis(trace, gridIndex, rest = {}) {
   const [min, max] = axisRange(trace);
   return valueAxis({
-    axisLabel: { formatter: axisText, showMinLabel: false, showMaxLabel: false },
+    axisLabel: { formatter: axisText },
     rest: {
-      gridIndex, min, max, interval: tickOfView(chart), splitLine: { show: false },
+      gridIndex, min, max, splitLine: { show: false },
       axisLine: { show: true, onZero: false, lineStyle: { color: colour('line') } },
       axisPointer: { show: true, triggerTooltip: false, lineStyle: { color: colour('soft'), type: 'solid' }, label: { show: false } },
       ...rest,
@@ -111,11 +118,19 @@ function tooltipBase() {
   };
 }
 
-function legendBase() { return { textStyle: { color: colour('ink'), fontSize: 12 }, inactiveColor: colour('line'), icon: 'roundRect', itemWidth: 12, itemHeight: 10 }; }
+// What was turned off in a chart stays so when it is drawn anew.
+function legendBase(chart) {
+  return {
+    type: 'scroll', top: 0, left: 0, width: chart.getWidth() - gridSides.right - 60, icon: 'roundRect', itemWidth: 12, itemHeight: 10,
+    selected: chart.getOption()?.legend?.[0].selected ?? {}, inactiveColor: colour('line'),
+    textStyle: { color: colour('ink'), fontSize: 12 }, pageTextStyle: { color: colour('soft') },
+    pageIconColor: colour('soft'), pageIconInactiveColor: colour('line'),
+  };
+}
 
 function areaZoom(rest) {
   return {
-    right: gridSides.right - 6, top: 0, itemSize: 14, iconStyle: { borderColor: colour('soft') },
+    right: gridSides.right - 6, top: -6, itemSize: 14, iconStyle: { borderColor: colour('soft') },
     emphasis: { iconStyle: { borderColor: colour('accent'), textFill: colour('accent') } },
     feature: { dataZoom: { filterMode: 'none', title: { zoom: 'Zoom to an area', back: 'Back' }, brushStyle: { color: 'rgba(120, 150, 190, 0.25)' }, ...rest } },
   };
@@ -123,24 +138,18 @@ function areaZoom(rest) {
 
 // ---- the zoom ---------------------------------------------------------------------------------------------------
 
+function chartsOverTime() { return Object.entries(charts).filter(([name]) => name in overTime); }
+
 function showView(trace, source) {
   const [from, to] = axis.view;
   const [min, max] = axisRange(trace);
-  for (const name of overTime) {
-    const chart = charts[name];
-    if (!chart) { continue; }
-    if (chart !== source) {
-      chart.dispatchAction({ type: 'dataZoom', dataZoomId: 'xInside', startValue: from, endValue: to }, { silent: true });
-    }
-    const tick = tickOfView(chart);
-    if (tick !== chart.tickOfView) {
-      chart.tickOfView = tick;
-      chart.setOption({ xAxis: chart.xAxes.map(() => ({ interval: tick })) });
-    }
+  for (const [name, chart] of chartsOverTime()) {
+    const option = { xAxis: Array(overTime[name]).fill(ticksOfView(chart)) };
+    if (chart !== source) { option.dataZoom = ['xInside', 'xSlider'].map((id) => ({ id, startValue: from, endValue: to })); }
+    chart.setOption(option);
   }
-  const whole = from <= min && to >= max && !charts.pool?.zoomedAcross;
-  byId('reset').disabled = whole;
-  byId('range').textContent = `${axis.byTime ? '' : 'rows '}${axisText(from)} \u2013 ${axisText(to)}`;
+  byId('reset').disabled = from <= min && to >= max && !zoomedAcross();
+  byId('range').textContent = axis.byTime ? `${time(from)} \u2013 ${time(to)}` : `rows ${axisText(Math.max(1, from))} \u2013 ${axisText(to)}`;
 }
 
 // Takes over what the user did in one chart: by the wheel, the slider, or the area tool.
@@ -160,11 +169,8 @@ function followZoom(trace, chart) {
 
 function showAll(trace) {
   axis.view = axisRange(trace);
-  if (charts.pool) {
-    charts.pool.zoomedAcross = false;
-    charts.pool.dispatchAction({ type: 'dataZoom', dataZoomId: 'yInside', start: 0, end: 100 }, { silent: true });
-  }
   showView(trace);
+  showAllAddresses(trace);
 }
 
 // The same moments stay in sight when the axis changes its unit.
@@ -181,15 +187,17 @@ function switchAxis(trace, byTime) {
 function followCursor(chart) {
   chart.on('updateAxisPointer', (event) => {
     const value = event.axesInfo?.find((info) => info.axisDim === 'x')?.value;
-    for (const other of overTime.map((name) => charts[name])) {
-      if (other && other !== chart) { moveCursor(other, value); }
+    for (const [, other] of chartsOverTime()) {
+      if (other !== chart) { moveCursor(other, value); }
     }
   });
 }
 
 function moveCursor(chart, value) {
-  const status = value === undefined ? 'hide' : 'show';
-  chart.setOption({ xAxis: chart.xAxes.map(() => ({ axisPointer: { value, status } })) }, { lazyUpdate: true });
+  const at = value === undefined ? { currTrigger: 'leave' } : {
+    currTrigger: 'mousemove', x: chart.convertToPixel({ xAxisIndex: 0 }, value), y: chart.getModel().getComponent('grid').coordinateSystem.getRect().y + 1,
+  };
+  chart.dispatchAction({ type: 'updateAxisPointer', ...at }, { silent: true });
 }
 
 // ---- live memory ------------------------------------------------------------------------------------------------
@@ -198,14 +206,19 @@ const kindTexts = { dframe: 'frame headers (dframe)', phys: 'data in pools and h
 
 function kindText(kind) { return kindTexts[kind] ?? kind; }
 
+function kindLegend(chart) { return chart.getWidth() < 600 ? (kind) => kind : kindText; }
+
 function stepLine(trace, values) {
   return [[axisRange(trace)[0], values[0]], ...values.map((value, step) => [stepEnd(trace, step), value])];
 }
 
+// A kind that never was gets no line, which would lie over the others' feet.
+function kindsAlive(trace) { return trace.totals.filter(({ kind, peakCount }) => kind !== 'all' && peakCount > 0).map(({ kind }) => kind); }
+
 function memorySeries(trace, measure, index) {
-  return trace.kinds.map((kind, place) => ({
+  return kindsAlive(trace).map((kind, place) => ({
     type: 'line', id: `${measure}:${kind}`, name: kind, xAxisIndex: index, yAxisIndex: index, step: 'start', symbol: 'none',
-    data: stepLine(trace, trace.steps[measure][place].high), color: colour(kind), lineStyle: { width: 1.5 }, z: 3 + place,
+    data: stepLine(trace, trace.steps[measure][trace.kinds.indexOf(kind)].high), color: colour(kind), lineStyle: { width: 1.5 }, z: 3 + place,
     areaStyle: { opacity: 0.1 }, emphasis: { disabled: true },
   }));
 }
@@ -213,7 +226,7 @@ function memorySeries(trace, measure, index) {
 function memoryTip(trace, step) {
   const from = step * trace.steps.events + 1;
   const to = lastRowOfStep(trace, step);
-  const head = ['', 'bytes, low \u2013 high', 'at the end', 'count', 'at the end'].map((text) => element('th', {}, text));
+  const head = ['', 'bytes, low \u2013 high', 'at the end', 'count', 'at the end'].map((text) => element('th', { class: 'number' }, text));
   const range = (values, text) => {
     const [low, high] = [text(values.low[step]), text(values.high[step])];
     return low === high ? high : `${low} \u2013 ${high}`;
@@ -224,7 +237,7 @@ function memoryTip(trace, step) {
       [range(bytes, size), size(bytes.last[step]), range(count, number), number(count.last[step])]);
   });
   const rowText = from === to ? `Row ${number(from)}` : `Rows ${number(from)} \u2013 ${number(to)}`;
-  return element('div', { class: 'tip' }, element('b', {}, `${rowText}, to ${time(trace.steps.time[step])}`),
+  return element('div', { class: 'tip' }, element('strong', {}, `${rowText}, to ${time(trace.steps.time[step])}`),
     element('table', {}, element('tr', {}, ...head), ...rows));
 }
 
@@ -232,15 +245,14 @@ function drawMemory(trace, chart) {
   const highest = Math.max(1, ...trace.steps.bytes.flatMap((values) => values.high.reduce((a, b) => Math.max(a, b), 0)));
   const tick = tickOfBytes(highest);
   const name = (text) => ({ text, left: 0, textStyle: { color: colour('soft'), fontSize: 12, fontWeight: 500 } });
-  chart.xAxes = [0, 1];
   chart.setOption({
     animation: false,
     title: [{ ...name('Bytes'), top: 30 }, { ...name('Count'), top: 262 }],
-    legend: { ...legendBase(), top: 0, left: 0, data: trace.kinds, formatter: kindText },
+    legend: { ...legendBase(chart), data: kindsAlive(trace), formatter: kindLegend(chart) },
     toolbox: areaZoom({ yAxisIndex: 'none' }),
     grid: [{ ...gridSides, top: 54, height: 190 }, { ...gridSides, top: 286, height: 120 }],
     axisPointer: { link: [{ xAxisIndex: 'all' }] },
-    xAxis: [timeAxis(trace, chart, 0, { axisLabel: { show: false } }), timeAxis(trace, chart, 1)],
+    xAxis: [timeAxis(trace, 0, { axisLabel: { show: false } }), timeAxis(trace, 1)],
     yAxis: [
       valueAxis({ axisLabel: { formatter: size }, rest: { gridIndex: 0, min: 0, max: Math.ceil(highest / tick) * tick, interval: tick } }),
       valueAxis({ axisLabel: { formatter: number }, rest: { gridIndex: 1, min: 0, minInterval: 1, splitNumber: 4 } }),
@@ -270,11 +282,10 @@ function problemsHeight(trace) { return trace.problems.actions.length * problemR
 
 function drawProblems(trace, chart) {
   const { actions, points } = trace.problems;
-  chart.xAxes = [0];
   chart.setOption({
     animation: false,
     grid: { ...gridSides, top: 4, bottom: 60 },
-    xAxis: timeAxis(trace, chart, 0),
+    xAxis: timeAxis(trace, 0),
     yAxis: {
       type: 'category', inverse: true, data: actions.map((_, index) => String(index)), // names may be equal to others
       axisLine: { show: false }, axisTick: { show: false }, splitLine: { show: true, lineStyle: { color: colour('line') } },
@@ -287,7 +298,7 @@ function drawProblems(trace, chart) {
     dataZoom: timeZoom([0]),
     tooltip: { ...tooltipBase(), trigger: 'item', formatter: (item) => problemTip(trace, points[item.dataIndex]) },
     series: [{
-      type: 'scatter', id: 'problems', z: 3, color: colour('alert'), clip: false,
+      type: 'scatter', id: 'problems', z: 3, color: colour('alert'),
       data: points.map((point) => [axis.byTime ? point.time : point.event, point.action]),
       symbolSize: (_, item) => Math.min(30, 8 + 3 * Math.log2(points[item.dataIndex].count)), symbolOffset: [0, 8],
       itemStyle: { opacity: 0.75, borderColor: colour('card'), borderWidth: 1 },

@@ -9,31 +9,40 @@ namespace {
 
 bool isWorthMore(const MapBlock &a, const MapBlock &b) { return a.worth > b.worth; }
 
-// Adds to a column what the cell has held since it was noted last, up to the end of that row.
-void noteCell(MapColumn &column, std::size_t cell, MapCell &state, uint64_t row) {
-    if (state.inUse != 0 && row > state.noted) {
-        if (column.use.size() <= cell) {
-            column.use.resize(cell + 1);
-        }
-        column.use[cell] += static_cast<double>(state.inUse) * static_cast<double>(row - state.noted);
+void addUse(std::vector<double> &use, std::size_t cell, uint64_t bytes, uint64_t length) {
+    if (use.size() <= cell) {
+        use.resize(cell + 1);
     }
-    state.noted = std::max(state.noted, row);
+    use[cell] += static_cast<double>(bytes) * static_cast<double>(length);
 }
 
-// Opens the columns up to that of the row; those that are left behind are completed.
+// Adds to a column what the cell has held since it was noted last, up to that row and time.
+void noteCell(MapColumn &column, std::size_t cell, MapCell &state, uint64_t row, uint64_t time) {
+    if (state.inUse != 0) {
+        addUse(column.byRow, cell, state.inUse, row - state.row);
+        addUse(column.byTime, cell, state.inUse, time - state.time);
+    }
+    state.row = row;
+    state.time = time;
+}
+
+void noteCells(MapRegion &region, uint64_t row, uint64_t time) {
+    for (std::size_t cell = 0; cell < region.cells.size(); ++cell) {
+        noteCell(region.columns.steps.back(), cell, region.cells[cell], row, time);
+    }
+}
+
+// Opens the columns up to that of the row; one that is left behind is completed.
 void reachColumn(MapRegion &region, uint64_t row, uint64_t time) {
     stepsReach(region.columns, row);
     std::vector<MapColumn> &columns = region.columns.steps;
     const std::size_t place = stepOf(region.columns, row);
     while (columns.size() <= place) {
+        const uint64_t before = columns.empty() ? 0 : columns.back().time;
         if (!columns.empty()) {
-            const uint64_t lastRow = columns.size() * region.columns.rows;
-            for (std::size_t cell = 0; cell < region.cells.size(); ++cell) {
-                noteCell(columns.back(), cell, region.cells[cell], lastRow);
-            }
-            columns.back().time = time; // until then nothing happened here
+            noteCells(region, columns.size() * region.columns.rows, before);
         }
-        columns.push_back({time, {}});
+        columns.push_back({before, {}, {}});
     }
     columns.back().time = time;
 }
@@ -60,8 +69,21 @@ std::vector<Value> rebinned(const std::vector<Value> &old, uint64_t oldFirst, un
     return values;
 }
 
+// Moves the figures of a region's cells, and of its columns, to where its cells lie now.
+void moveCells(MapRegion &region, uint64_t firstBefore, unsigned wider) {
+    const auto move = [&](auto &figures, auto add) {
+        figures = rebinned(figures, firstBefore, wider, region.firstCell, add);
+    };
+    move(region.cells, [](MapCell &to, const MapCell &from) { to = {to.inUse + from.inUse, from.row, from.time}; });
+    for (MapColumn &column : region.columns.steps) {
+        for (auto *const use : {&column.byRow, &column.byTime}) {
+            move(*use, [](double &to, double from) { to += from; });
+        }
+    }
+}
+
 // Makes room for a block. Cells get wider when there would be too many.
-void reachCells(MapRegion &region, const MapBlock &block, uint64_t row) {
+void reachCells(MapRegion &region, const MapBlock &block, const Row &row) {
     const bool first = region.cells.empty();
     const uint64_t low = first ? block.base : std::min(region.low, block.base);
     const uint64_t last = first ? lastByte(block) : std::max(region.high - 1, lastByte(block));
@@ -75,29 +97,19 @@ void reachCells(MapRegion &region, const MapBlock &block, uint64_t row) {
     region.high = last + 1;
     region.firstCell = low >> region.shift;
     if (wider != 0 || region.firstCell != firstBefore) {
-        for (std::size_t cell = 0; cell < region.cells.size(); ++cell) {
-            noteCell(region.columns.steps.back(), cell, region.cells[cell], row);
-        }
-        region.cells =
-            rebinned(region.cells, firstBefore, wider, region.firstCell, [](MapCell &to, const MapCell &from) {
-                to.inUse += from.inUse;
-                to.noted = std::max(to.noted, from.noted);
-            });
-        for (MapColumn &column : region.columns.steps) {
-            column.use = rebinned(column.use, firstBefore, wider, region.firstCell,
-                                  [](double &to, double from) { to += from; });
-        }
+        noteCells(region, row.number, row.time); // all up to the same moment
+        moveCells(region, firstBefore, wider);
     }
-    region.cells.resize(cellsFor(region, low, last), MapCell{0, row});
+    region.cells.resize(cellsFor(region, low, last));
 }
 
 // The block comes, or goes, behind that row.
-void occupy(MapRegion &region, const MapBlock &block, uint64_t row, bool comes) {
+void occupy(MapRegion &region, const MapBlock &block, const Row &row, bool comes) {
     MapColumn &column = region.columns.steps.back();
     const uint64_t last = lastByte(block);
     for (uint64_t cell = block.base >> region.shift; cell <= last >> region.shift; ++cell) {
         const auto place = static_cast<std::size_t>(cell - region.firstCell);
-        noteCell(column, place, region.cells[place], row);
+        noteCell(column, place, region.cells[place], row.number, row.time);
         const uint64_t begin = std::max(block.base, cell << region.shift);
         const uint64_t end = std::min(last, (cell << region.shift) + ((uint64_t{1} << region.shift) - 1));
         const uint64_t bytes = end - begin + 1;
@@ -158,8 +170,8 @@ void come(PoolMap &map, const Row &row, const Allocation &allocation) {
     block.region = static_cast<uint32_t>(place);
     MapRegion &region = map.regions[place];
     reachColumn(region, row.number, row.time);
-    reachCells(region, block, row.number);
-    occupy(region, block, row.number, true);
+    reachCells(region, block, row);
+    occupy(region, block, row, true);
     ++region.stays;
     map.present.emplace(block.id, block);
 }
@@ -175,8 +187,7 @@ void go(PoolMap &map, const Row &row, const Allocation &allocation) {
     block.toTime = row.time;
     block.worth = block.toRow - block.fromRow;
     MapRegion &region = map.regions[block.region];
-    reachColumn(region, row.number, row.time);
-    occupy(region, block, row.number, false);
+    occupy(region, block, row, false);
     keepBlock(region, block);
 }
 
@@ -184,15 +195,22 @@ void go(PoolMap &map, const Row &row, const Allocation &allocation) {
 
 void join(MapColumn &column, const MapColumn &next) {
     column.time = next.time;
-    column.use.resize(std::max(column.use.size(), next.use.size()));
-    for (std::size_t cell = 0; cell < next.use.size(); ++cell) {
-        column.use[cell] += next.use[cell];
-    }
+    const auto add = [](std::vector<double> &use, const std::vector<double> &more) {
+        use.resize(std::max(use.size(), more.size()));
+        for (std::size_t cell = 0; cell < more.size(); ++cell) {
+            use[cell] += more[cell];
+        }
+    };
+    add(column.byRow, next.byRow);
+    add(column.byTime, next.byTime);
 }
 
 void poolMapNote(PoolMap &map, const Row &row, const Change &change) {
     map.lastRow = row.number;
     map.lastTime = row.time;
+    for (MapRegion &region : map.regions) {
+        reachColumn(region, row.number, row.time);
+    }
     if (row.result == "call" && row.action == "DFRAME_RESET" &&
         row.requested < std::numeric_limits<uint64_t>::max() / 4) {
         map.apart = std::max(map.apart, 2 * row.requested);
@@ -207,10 +225,7 @@ void poolMapNote(PoolMap &map, const Row &row, const Change &change) {
 
 void poolMapFinish(PoolMap &map) {
     for (MapRegion &region : map.regions) {
-        reachColumn(region, map.lastRow, map.lastTime);
-        for (std::size_t cell = 0; cell < region.cells.size(); ++cell) {
-            noteCell(region.columns.steps.back(), cell, region.cells[cell], map.lastRow);
-        }
+        noteCells(region, map.lastRow, map.lastTime);
     }
     for (const auto &[id, present] : map.present) {
         MapBlock block = present;

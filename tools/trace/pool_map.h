@@ -15,10 +15,11 @@
 
 namespace traceview {
 
-/** The rows of a step. Bytes in use times rows, for each cell; cells behind the last are 0. */
+/** The rows of a step, and the time from the last row of the step before to its own last one. */
 struct MapColumn {
-    uint64_t time = 0; ///< of the last row that was noted
-    std::vector<double> use;
+    uint64_t time = 0;          ///< of its last row
+    std::vector<double> byRow;  ///< bytes in use times rows, for each cell; cells behind the last are 0
+    std::vector<double> byTime; ///< the same times milliseconds
 };
 void join(MapColumn &column, const MapColumn &next);
 
@@ -39,7 +40,8 @@ struct MapBlock {
 /** What one cell holds at the moment. */
 struct MapCell {
     uint64_t inUse = 0; ///< bytes
-    uint64_t noted = 0; ///< row up to which `use` of the current column is right
+    uint64_t row = 0;   ///< up to which the current column has it
+    uint64_t time = 0;  ///< the same
 };
 
 /** M1 low <= every address seen < high.

@@ -28,8 +28,8 @@ void showProgress(Reader &reader) {
     if (reader.size != 0) {
         const double share = std::min(1.0, static_cast<double>(reader.bytes) / static_cast<double>(reader.size));
         const auto done = static_cast<std::size_t>(share * kBar);
-        bar = "[" + std::string(done, '=') + std::string(kBar - done, ' ') + "] " +
-              std::to_string(static_cast<int>(share * 100)) + " %, ";
+        bar.append("[").append(done, '=').append(kBar - done, ' ').append("] ");
+        bar += std::to_string(static_cast<int>(share * 100)) + " %, ";
     }
     progressShow(reader.progress,
                  bar + bytesText(reader.bytes) + ", " + bytesText(static_cast<uint64_t>(rate)) + "/s");

@@ -140,16 +140,17 @@ Json sitesOf(const Live &live) {
     return {{"total", groups.size()}, {"rows", rows}};
 }
 
-// The share of each cell that was in use, column after column. The last column may be shorter than the others.
-std::vector<uint8_t> fillOf(const MapRegion &region, uint64_t lastRow) {
+// The share of each cell that was in use, column after column, on the average over `lengths`.
+std::vector<uint8_t> fillOf(const MapRegion &region, std::vector<double> MapColumn::*use,
+                            const std::vector<uint64_t> &lengths) {
     constexpr double kFull = 255;
     const auto cellBytes = std::ldexp(1.0, static_cast<int>(region.shift));
     std::vector<uint8_t> fill;
     for (std::size_t at = 0; at < region.columns.steps.size(); ++at) {
-        const uint64_t rows = std::min(region.columns.rows, lastRow - at * region.columns.rows);
-        const std::vector<double> &use = region.columns.steps[at].use;
+        const std::vector<double> &figures = region.columns.steps[at].*use;
+        const double whole = cellBytes * static_cast<double>(std::max<uint64_t>(lengths[at], 1));
         for (std::size_t cell = 0; cell < region.cells.size(); ++cell) {
-            const double share = cell < use.size() ? use[cell] / (cellBytes * static_cast<double>(rows)) : 0;
+            const double share = cell < figures.size() ? figures[cell] / whole : 0;
             fill.push_back(static_cast<uint8_t>(std::ceil(kFull * std::clamp(share, 0.0, 1.0))));
         }
     }
@@ -175,8 +176,14 @@ Json blocksOf(const MapRegion &region, const Live &live, PageSites &sites) {
 
 Json poolOf(const PoolMap &map, const MapRegion &region, const Live &live, PageSites &sites) {
     Json columnTime = Json::array();
+    std::vector<uint64_t> rows;
+    std::vector<uint64_t> times;
+    uint64_t before = 0;
     for (const MapColumn &column : region.columns.steps) {
         columnTime.push_back(column.time);
+        rows.push_back(std::min(region.columns.rows, map.lastRow - rows.size() * region.columns.rows));
+        times.push_back(column.time - before);
+        before = column.time;
     }
     return {{"low", addressText(region.low)},
             {"high", addressText(region.high)},
@@ -186,7 +193,8 @@ Json poolOf(const PoolMap &map, const MapRegion &region, const Live &live, PageS
             {"stepEvents", region.columns.rows},
             {"columns", region.columns.steps.size()},
             {"columnTime", columnTime},
-            {"fill", base64(fillOf(region, map.lastRow))},
+            {"fill", base64(fillOf(region, &MapColumn::byRow, rows))},
+            {"fillTime", base64(fillOf(region, &MapColumn::byTime, times))},
             {"blocksTotal", region.stays},
             {"blocks", blocksOf(region, live, sites)}};
 }
