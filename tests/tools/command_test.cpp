@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdlib>
 #include <map>
+#include <set>
 
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -66,6 +67,7 @@ TEST(TraceCommand, Summary) {
         {"overwrite", 1, {"1 problem, by name", "dframe_free_overwrite", "mixer.c:14", "Nothing is outstanding."}},
         {"late", 0, {"2 events are of allocations made before the trace began", "Nothing is outstanding."}},
         {"heaps", 1, {"200 problems", "phys_destroy_outstanding", "(no call site)"}},
+        {"reuse", 1, {"phys       2         1", "1 problem"}},
         {"hostile", 1, {"a \"quoted\", <b>bold</b></script><img src=x onerror=hack()>  [31m:1", ",,,,\"\"\":3"}},
     };
     for (const auto &[scenario, code, told] : cases) {
@@ -85,6 +87,14 @@ TEST(TraceCommand, FilesThatCannotBeReadAndThoseThatEndEarly) {
     const Traced leak("leak");
     const std::string all = leak.read();
     const TestFile cut(all.substr(0, all.size() / 2));
+    const std::string whole = clean.read();
+    const TestFile open(whole.substr(0, whole.rfind('\n')));
+    const std::string failed = "\"alloc\",\"trace_alloc_failed\"";
+    std::string text = whole;
+    for (const char *part : {"\"alloc\",\"ok\""}) {
+        text.replace(text.rfind(part), std::string(part).size(), failed);
+    }
+    const TestFile unkept(text);
     const TestFile other("a,b\n1,2\n");
     const std::string away = clean.path + ".none";
     const struct {
@@ -99,6 +109,17 @@ TEST(TraceCommand, FilesThatCannotBeReadAndThoseThatEndEarly) {
         {"summary /dev/null", 2, "isn't a trace: it is empty"},
         {"summary " + cut.path, 1, " is cut off: the file ends in the middle of it"},
         {"problems " + cut.path, 1, "the trace has no end behind row "},
+        {"summary " + open.path, 1, "Nothing is outstanding."},
+        {"leaks " + open.path, 1, "Nothing is outstanding."},
+        {"leaks " + leak.path + " --site none", 0,
+         "Nothing is outstanding of call sites with \"none\"; of others, 8"},
+        {"leaks " + leak.path + " --site mixer.c:6", 0, "of others, 8"},
+        {"summary " + unkept.path, 1, "1 allocation was made that the trace had no memory to follow"},
+        {"life " + clean.path + " 0", 2, "\"0\" is no allocation's number"},
+        {"life " + clean.path + " 99999999999999999999", 2, "is no allocation's number"},
+        {"nonsense " + clean.path, 2, "no such command: nonsense"},
+        {"report " + clean.path + " -o " + clean.path, 2, "can't be written: it is the trace"},
+        {"report " + clean.path + " -o /", 2, "can't be written: it is a directory"},
         {"life " + clean.path + " 4711", 1, "No allocation has the number 4711; the highest is 300"},
         {"life " + clean.path + " x", 2, "ALLOC_ID"},
         {"leaks", 2, "FILE is required"},
@@ -168,6 +189,112 @@ TEST(TraceCommand, Report) {
         EXPECT_EQ(stays, summary["figures"]["phys"]["made"]);
         EXPECT_EQ(report["pools"].size(), std::string(scenario) == "heaps" ? 2u : stays != 0 ? 1u : 0u);
     }
+}
+
+// Five rows, counted by hand: shares of cells of 4096 bytes, a row a column; the first moment of a peak; a block's
+// box.
+TEST(TraceCommand, MapOfAFewRows) {
+    std::string content(kHeader);
+    Row row;
+    const auto add = [&](const char *record, const char *action, const char *result, uint64_t id, uint64_t base,
+                         uint64_t bytes) {
+        row.kind = id != 0 ? Kind::phys : Kind::session;
+        ++row.eventId;
+        row.action = action, row.result = result;
+        row.allocId = id, row.base = row.data = base, row.actual = bytes;
+        row.msgarea = "a.c", row.line = static_cast<uint32_t>(row.eventId);
+        content += "\n" + rowText(record, row);
+        row.timeMs += 10;
+    };
+    add("meta", "trace_open", "ok", 0, 0, 0);
+    add("event", "alloc", "ok", 1, 0x10800, 2048);
+    add("event", "alloc", "ok", 2, 0x13000, 4096);
+    add("event", "phys_free", "release", 1, 0x10800, 2048);
+    add("event", "alloc", "ok", 3, 0x11000, 2048);
+    add("meta", "trace_close", "ok", 0, 0, 0);
+    const TestFile trace(content);
+    const std::string page = tool("report " + trace.path + " -o -").out;
+    const std::size_t begin = page.find("id=\"trace\">") + 11;
+    const Json report = Json::parse(page.substr(begin, page.find("</script", begin) - begin));
+    const Json &pool = report["pools"][0];
+    EXPECT_EQ(pool["low"], "0000000000010800");
+    EXPECT_EQ(pool["high"], "0000000000014000");
+    EXPECT_EQ(pool["cellBase"], "0000000000010000");
+    EXPECT_EQ(pool["columnTime"], (Json{0, 10, 20, 30, 40, 50}));
+    // By columns of four cells: none, none, half of the first, that and the last, the last, the last and half of the
+    // second.
+    EXPECT_EQ(pool["fill"], "AAAAAAAAAACAAAAAgAAA/wAAAP8AgAD/");
+    EXPECT_EQ(pool["fillTime"], pool["fill"]);
+    const Json blocks = pool["blocks"];
+    for (std::size_t at = 0; at < 3; ++at) {
+        if (blocks["id"][at] == 1) {
+            EXPECT_EQ((Json{blocks["from"][at], blocks["to"][at], blocks["fromTime"][at], blocks["toTime"][at],
+                            blocks["offset"][at], blocks["bytes"][at]}),
+                      (Json{2, 4, 10, 30, 0, 2048}));
+            EXPECT_EQ(report["callSites"][blocks["site"][at].get<std::size_t>()], "a.c:2");
+        } else {
+            EXPECT_EQ(blocks["to"][at], 0);
+        }
+    }
+    EXPECT_EQ(report["totals"][1]["peakCountTime"], 20);
+    EXPECT_EQ(report["totals"][1]["peakCount"], 2);
+
+    const Traced overwrite("overwrite");
+    const TestFile link;
+    const TestFile target("old");
+    std::filesystem::create_symlink(target.path, link.path);
+    ASSERT_EQ(tool("report " + overwrite.path + " -o " + link.path).code, 0);
+    EXPECT_TRUE(std::filesystem::is_symlink(link.path));
+    const std::string text = target.read();
+    EXPECT_TRUE(holds(text, "{\"event\":6,\"time\":0,\"action\":0,\"count\":1,\"site\":\"mixer.c:14\",\"detail\":"
+                            "\"dwBytesUsed exceeds dwBufferLength\",\"id\":2}"));
+}
+
+// Rows that begin and end lives are lost, and all that the program tells is what the next list says.
+TEST(TraceCommand, LostRowsAreSettledByTheNextList) {
+    const Traced trace("random");
+    const std::string all = trace.read();
+    std::string holed;
+    uint64_t lines = 0;
+    std::string releasedId;
+    for (std::size_t at = 0; at < all.size();) {
+        const std::size_t end = std::min(all.find('\n', at), all.size());
+        const std::string line = all.substr(at, end - at);
+        at = end + 1;
+        ++lines;
+        const bool begins = lines > 2000 && lines < 3000 && holds(line, "\"alloc\",\"ok\"") && lines % 3 == 0;
+        const bool ends = lines > 5000 && lines < 5500 && holds(line, "\"release\"");
+        if (ends && releasedId.empty()) {
+            const std::string behind = line.substr(line.find("\"release\",") + 10);
+            releasedId =
+                behind.substr(behind.find(',') + 1, behind.find(',', behind.find(',') + 1) - behind.find(',') - 1);
+        }
+        if (!begins && !ends) { holed += (holed.empty() ? "" : "\n") + line; }
+    }
+    const TestFile damaged(holed);
+    const Json whole = json("leaks " + trace.path);
+    const Json left = json("leaks " + damaged.path);
+    const auto ids = [](const Json &leaks) {
+        std::set<uint64_t> found;
+        for (const Json &allocation : leaks["allocations"]) { found.insert(allocation["alloc_id"].get<uint64_t>()); }
+        return found;
+    };
+    EXPECT_EQ(ids(left), ids(whole));
+    EXPECT_EQ(left["sites"].size(), whole["sites"].size());
+    EXPECT_EQ(left["about"]["whole"], false);
+    const Json life = json("life " + damaged.path + " " + releasedId);
+    EXPECT_EQ(life["outstanding"], false);
+    EXPECT_TRUE(holds(tool("life " + damaged.path + " " + releasedId + " 2>&1").out,
+                      "It was released by a row that is lost."));
+    const std::string page = tool("report " + damaged.path + " -o - 2>&1").out;
+    const std::size_t begin = page.find("id=\"trace\">") + 11;
+    const Json report = Json::parse(page.substr(begin, page.find("</script", begin) - begin));
+    EXPECT_EQ(report["steps"]["bytes"][1]["last"].back(), report["totals"][1]["bytes"]);
+    uint64_t outstanding = 0;
+    for (const Json &pool : report["pools"]) {
+        outstanding += static_cast<uint64_t>(std::count(pool["blocks"]["to"].begin(), pool["blocks"]["to"].end(), 0));
+    }
+    EXPECT_EQ(report["totals"][1]["count"], outstanding);
 }
 
 // At each list that the library has written, what is alive is what it lists; at each row the counts agree.

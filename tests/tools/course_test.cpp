@@ -189,4 +189,20 @@ TEST(TraceCourse, RegionsAndHostileAddresses) {
     poolMapFinish(run.map);
     EXPECT_EQ(run.map.regions.size(), PoolMap::kRegions);
     EXPECT_GT(run.map.leftOut, 0u);
+
+    for (const uint64_t asked : {uint64_t{0}, uint64_t{15'000'000'000}, uint64_t{1} << 60}) {
+        Playback pool(2); // 20 GiB from end to end
+        row.result = "call";
+        row.action = "DFRAME_RESET";
+        row.requested = asked;
+        pool.feed(row);
+        row.result = "ok";
+        row.action = "alloc";
+        row.actual = 4096;
+        for (const uint64_t base : {uint64_t{1} << 44, (uint64_t{1} << 44) + (uint64_t{20} << 30)}) {
+            row.allocId = row.base = base;
+            pool.feed(row);
+        }
+        EXPECT_EQ(pool.map.regions.size(), asked == 15'000'000'000 ? 1u : 2u) << asked;
+    }
 }

@@ -114,7 +114,8 @@ TEST(TraceReader, RowsComeBackAsTheyWereWritten) {
     }
     Row row;
     EXPECT_FALSE(readerNext(reader, row));
-    EXPECT_EQ(reader.findings.damaged + reader.findings.lost + reader.findings.disordered + reader.findings.cutOff,
+    EXPECT_EQ(reader.findings.gaps.damaged + reader.findings.gaps.lost + reader.findings.gaps.disordered +
+                  reader.findings.cutOff,
               0u);
 }
 
@@ -153,7 +154,7 @@ TEST(TraceReader, DamagedAnywhere) {
             EXPECT_LE(rows, 4u);
             if (rows < 4) {
                 EXPECT_FALSE(readerWhole(reader.findings)) << at << with;
-                EXPECT_EQ(reader.findings.cutOff != 0 || reader.findings.damaged != 0, true) << mention(reader);
+                EXPECT_EQ(reader.findings.cutOff != 0 || reader.findings.gaps.damaged != 0, true) << mention(reader);
             }
         }
     }
@@ -166,17 +167,25 @@ TEST(TraceReader, LostAndForeignRowsAreTold) {
         const std::size_t at = text.find(part);
         return text.erase(text.rfind('\n', at), text.find('\n', at) - text.rfind('\n', at));
     };
+    const auto with = [&](const std::string &from, const std::string &to) {
+        std::string text = whole;
+        return text.replace(text.find(from), from.size(), to);
+    };
     const struct {
         std::string content;
         const char *told;
     } cases[] = {
         {without("dframe_free"), "one row is missing, first in front of row 3"},
-        {whole + whole.substr(kHeader.size()), "row 5 has the number 1: more than one program"},
+        {whole + whole.substr(kHeader.size()),
+         "row 5 (line 6) has the number 1: the file was written by more than one program"},
         {std::string(kHeader) + "\nnonsense" + whole.substr(kHeader.size()),
-         "one line is damaged and left out, first row 1"},
+         "one row is damaged, the first is row 1 (line 2)"},
         {whole.substr(whole.find('\n') + 1), "line 1 doesn't name a trace's columns"},
+        {with("\"event\",2,", "\"event\",18446744073709551615,"),
+         "one row is damaged, the first is row 2 "}, // only its number is
+        {with("\"event\",3,", "\"event\",2,"), "one row is damaged, the first is row 3 "},
         {"", "isn't a trace: it is empty"},
-        {std::string(kHeader) + "\n" + std::string(40 << 20, 'x') + "\n", "damaged and left out, first row 1"},
+        {std::string(kHeader) + "\n" + std::string(40 << 20, 'x') + "\n", "one row is damaged, the first is row 1 "},
     };
     for (const auto &[content, told] : cases) {
         const TestFile file(content);
@@ -185,10 +194,17 @@ TEST(TraceReader, LostAndForeignRowsAreTold) {
         EXPECT_NE(mention(reader).find(told), std::string::npos) << mention(reader);
         EXPECT_FALSE(readerWhole(reader.findings));
     }
-    const TestFile edited(smallTrace() + "\r\n"); // by an editor that ends each line
+    const TestFile edited("\xEF\xBB\xBF" + smallTrace() + "\r\n\n"); // by an editor
     Reader reader;
     EXPECT_EQ(readAll(reader, edited.path).size(), 4u);
     EXPECT_TRUE(readerWhole(reader.findings)) << mention(reader);
+
+    const TestFile growing(whole.substr(0, whole.rfind('\n')));
+    Reader early;
+    ASSERT_TRUE(readerOpen(early, growing.path));
+    std::ofstream(growing.path, std::ios::app) << "\n\"event\",4,";
+    for (Row row; readerNext(early, row);) {}
+    EXPECT_NE(mention(early).find("still being written, 11 bytes were added"), std::string::npos) << mention(early);
 }
 
 TEST(TraceText, ForPeople) {

@@ -1,5 +1,5 @@
 /* A program that loses frames and makes other mistakes, each as told by its word, for the tools to find them in its
- * trace: scenario clean|leak|overwrite|late|hostile|heaps|random [SEED] */
+ * trace: scenario clean|leak|overwrite|late|hostile|heaps|reuse|random [SEED] */
 #include <brenvole/dfheap.h>
 #include <brenvole/dframe.h>
 
@@ -74,6 +74,17 @@ static void heaps(void) {
     DFHEAP_Destroy(high);
 }
 
+/* A heap ends with a block out, and another one hands out its place. */
+static void reuse(void) {
+    for (int round = 0; round < 2; ++round) {
+        DFHEAP *heap = DFHEAP_Create(0, 0x10000000, 1 << 20, 4096, 4096);
+        uint64_t size = 1;
+        const uintptr_t block = DFHEAP_Alloc(heap, &size, 9, NULL);
+        if (round == 1) { DFHEAP_Free(heap, block, NULL); }
+        DFHEAP_Destroy(heap);
+    }
+}
+
 static void randomly(uint32_t seed) {
     enum { frames = 200 };
     static PDFRAME alive[frames];
@@ -116,6 +127,8 @@ int main(int count, char **words) {
         hostile();
     } else if (strcmp(word, "heaps") == 0) {
         heaps();
+    } else if (strcmp(word, "reuse") == 0) {
+        reuse();
     } else if (strcmp(word, "random") == 0) {
         randomly(count > 2 ? (uint32_t)atoi(words[2]) : 1);
     } else {

@@ -22,4 +22,7 @@ for words in 'summary whole.csv' 'summary cut.csv' 'leaks cut.csv --json' 'probl
   cmp native.txt windows.txt
 done
 cmp native.html page.html
-echo "7 calls gave the same, and a page of $(wc -c <page.html) bytes"
+cp whole.csv 'Jörg 日本.csv' # the system's own character set has neither
+"$@" summary 'Jörg 日本.csv' >windows.txt || [ $? = 1 ]
+grep -q '^Jörg 日本.csv: ' windows.txt
+echo "8 calls gave the same, and a page of $(wc -c <page.html) bytes"

@@ -5,7 +5,8 @@
 
 /** True if standard error goes to a terminal. */
 bool errorsGoToTerminal();
-/** Lets standard input hand out its bytes as they come, and standard output pass them on so. */
-void streamsAreBinary();
+/** Lets standard input hand out its bytes as they come, and standard output pass them on so; a terminal takes them
+ * for UTF-8. */
+void prepareStreams();
 
 #endif

@@ -4,4 +4,4 @@
 
 bool errorsGoToTerminal() { return isatty(STDERR_FILENO) != 0; }
 
-void streamsAreBinary() {}
+void prepareStreams() {}

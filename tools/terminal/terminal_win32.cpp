@@ -4,10 +4,12 @@
 
 #include <fcntl.h>
 #include <io.h>
+#include <windows.h>
 
 bool errorsGoToTerminal() { return _isatty(_fileno(stderr)) != 0; }
 
-void streamsAreBinary() {
+void prepareStreams() {
+    SetConsoleOutputCP(CP_UTF8);
     _setmode(_fileno(stdin), _O_BINARY);
     _setmode(_fileno(stdout), _O_BINARY);
 }

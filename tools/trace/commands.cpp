@@ -8,7 +8,7 @@ bool openTrace(Reader &reader, const Options &options) {
     if (readerOpen(reader, options.file)) {
         return true;
     }
-    std::fprintf(stderr, "brenvole-trace: %s %s\n", options.file.c_str(), reader.findings.failure.c_str());
+    std::fprintf(stderr, "brenvole-trace: %s %s\n", readerName(reader).c_str(), reader.findings.failure.c_str());
     return false;
 }
 
@@ -21,7 +21,7 @@ std::vector<std::string> remarksOf(const Reader &reader, const Live &live) {
 
 void tellRemarks(const Reader &reader, const Live &live) {
     for (const std::string &remark : remarksOf(reader, live)) {
-        std::fprintf(stderr, "brenvole-trace: %s: %s\n", reader.path.c_str(), remark.c_str());
+        std::fprintf(stderr, "brenvole-trace: %s: %s\n", readerName(reader).c_str(), remark.c_str());
     }
 }
 

@@ -44,8 +44,8 @@ Json jsonAllocation(const Live &live, const Allocation &allocation) {
         {"ref_count", allocation.refCount},
         {"alloc_site", jsonSite(live.sites, allocation.allocSite)},
         {"last_site", jsonSite(live.sites, allocation.lastSite)},
-        {"alloc_event", allocation.firstRow},
-        {"last_event", allocation.lastRow},
+        {"alloc_event", allocation.firstEvent},
+        {"last_event", allocation.lastEvent},
         {"alloc_time", allocation.firstTime},
         {"last_time", allocation.lastTime},
     };
@@ -86,8 +86,8 @@ Json jsonRow(const Sites &sites, const Row &row, uint32_t site) {
 Json jsonFile(const Reader &reader, const Live &live) {
     const Findings &findings = reader.findings;
     return {
-        {"file", reader.path},           {"whole", readerWhole(findings)}, {"remarks", remarksOf(reader, live)},
-        {"events", findings.lastNumber}, {"duration", findings.duration},
+        {"file", reader.path},     {"whole", liveTellsAll(live, findings)}, {"remarks", remarksOf(reader, live)},
+        {"events", findings.rows}, {"duration", findings.duration},
     };
 }
 

@@ -25,7 +25,7 @@ Json jsonOutstanding(const Live &live, const Outstanding &group);
 /** All columns but msgarea and line, which are `site`. */
 Json jsonRow(const Sites &sites, const Row &row, uint32_t site);
 
-/** Whether the file was whole, and what was wrong with it. */
+/** Whether the file tells all, and what is wrong with it. */
 Json jsonFile(const Reader &reader, const Live &live);
 
 } // namespace traceview

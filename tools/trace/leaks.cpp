@@ -5,11 +5,32 @@
 #include "outstanding.h"
 #include "text.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace traceview {
 
 namespace {
+
+bool isDigit(char byte) { return byte >= '0' && byte <= '9'; }
+
+// True if the site holds the wanted text; one that ends in a line's number means the whole number.
+bool wanted(const std::string &site, const std::string &text) {
+    for (std::size_t at = site.find(text); at != std::string::npos; at = site.find(text, at + 1)) {
+        const std::size_t end = at + text.size();
+        if (text.empty() || end == site.size() || !isDigit(text.back()) || !isDigit(site[end])) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::vector<Column> columns() {
+    return {{"id", Align::right},      {"kind", Align::left},         {"bytes", Align::right},
+            {"refs", Align::right},    {"made at", Align::right},     {"dframe", Align::left},
+            {"data", Align::left},     {"allocated by", Align::left}, {"last used by", Align::left},
+            {"last row", Align::right}};
+}
 
 Cells cellsOf(const Live &live, const Allocation &allocation) {
     return {std::to_string(allocation.id),
@@ -21,44 +42,46 @@ Cells cellsOf(const Live &live, const Allocation &allocation) {
             addressText(allocation.data),
             siteText(live.sites, allocation.allocSite),
             siteText(live.sites, allocation.lastSite),
-            std::to_string(allocation.lastRow)};
+            std::to_string(allocation.lastEvent)};
 }
 
+template <class Work> void forEach(const std::vector<Outstanding> &groups, const Work &work) {
+    for (const Outstanding &group : groups) {
+        std::for_each(group.allocations.begin(), group.allocations.end(), work);
+    }
+}
+
+// There may be a million: no table is kept of them.
 void printLeaks(const Live &live, const std::vector<Outstanding> &groups) {
-    std::vector<Cells> rows;
-    for (const Outstanding &group : groups) {
-        for (const Allocation *allocation : group.allocations) {
-            rows.push_back(cellsOf(live, *allocation));
-        }
-    }
-    if (rows.empty()) {
-        std::printf("Nothing is outstanding.\n");
-        return;
-    }
-    tablePrint({{"id", Align::right},
-                {"kind", Align::left},
-                {"bytes", Align::right},
-                {"refs", Align::right},
-                {"made at", Align::right},
-                {"dframe", Align::left},
-                {"data", Align::left},
-                {"allocated by", Align::left},
-                {"last used by", Align::left},
-                {"last row", Align::right}},
-               rows);
+    std::vector<Column> table = columns();
+    forEach(groups, [&](const Allocation *allocation) { tableFit(table, cellsOf(live, *allocation)); });
+    tableTitle(table);
+    forEach(groups, [&](const Allocation *allocation) { tableRow(table, cellsOf(live, *allocation)); });
 }
 
-Json jsonLeaks(const Reader &reader, const Live &live, const std::vector<Outstanding> &groups) {
-    Json leaks = {{"about", jsonFile(reader, live)}};
-    leaks["sites"] = Json::array();
-    leaks["allocations"] = Json::array();
-    for (const Outstanding &group : groups) {
-        leaks["sites"].push_back(jsonOutstanding(live, group));
-        for (const Allocation *allocation : group.allocations) {
-            leaks["allocations"].push_back(jsonAllocation(live, *allocation));
-        }
+void printNone(const Live &live, const Options &options) {
+    if (liveCount(live) == 0) {
+        std::printf("Nothing is outstanding.\n");
+    } else {
+        std::printf("Nothing is outstanding of call sites with \"%s\"; of others, %s.\n", options.site.c_str(),
+                    countText(liveCount(live)).c_str());
     }
-    return leaks;
+}
+
+void printJson(const Reader &reader, const Live &live, const std::vector<Outstanding> &groups) {
+    std::printf("{\"about\": %s,\n\"sites\": [", jsonText(jsonFile(reader, live)).c_str());
+    const char *before = "\n  ";
+    for (const Outstanding &group : groups) {
+        std::printf("%s%s", before, jsonText(jsonOutstanding(live, group)).c_str());
+        before = ",\n  ";
+    }
+    std::printf("],\n\"allocations\": [");
+    before = "\n  ";
+    forEach(groups, [&](const Allocation *allocation) {
+        std::printf("%s%s", before, jsonText(jsonAllocation(live, *allocation)).c_str());
+        before = ",\n  ";
+    });
+    std::printf("]}\n");
 }
 
 } // namespace
@@ -72,18 +95,20 @@ int runLeaks(const Options &options) {
     for (Row row; readerNext(reader, row);) {
         liveFollow(live, row);
     }
-    liveSettle(live, reader.findings);
     std::vector<Outstanding> groups = outstandingBySite(live);
-    std::erase_if(groups, [&](const Outstanding &group) {
-        return siteText(live.sites, group.site).find(options.site) == std::string::npos;
-    });
+    std::erase_if(groups,
+                  [&](const Outstanding &group) { return !wanted(siteText(live.sites, group.site), options.site); });
     if (options.json) {
-        std::printf("%s\n", jsonText(jsonLeaks(reader, live, groups), 2).c_str());
+        printJson(reader, live, groups);
     } else {
-        printLeaks(live, groups);
+        if (groups.empty()) {
+            printNone(live, options);
+        } else {
+            printLeaks(live, groups);
+        }
         tellRemarks(reader, live);
     }
-    return verdict(reader, !groups.empty() || !readerWhole(reader.findings));
+    return verdict(reader, !groups.empty() || !liveTellsAll(live, reader.findings));
 }
 
 } // namespace traceview

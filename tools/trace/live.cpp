@@ -37,34 +37,39 @@ void countTurn(Live &live, Kind kind, uint64_t Figures::*turn) {
 }
 
 void noteRow(Allocation &allocation, const Row &row, uint32_t site) {
-    allocation.refCount = row.refCount;
     allocation.lastSite = site;
-    allocation.lastRow = row.number;
+    allocation.lastEvent = row.eventId;
     allocation.lastTime = row.time;
 }
 
 bool canBeAlive(const Row &row) { return row.allocId != 0 && static_cast<std::size_t>(row.kind) < kKinds; }
+
+void beginLife(Live &live, Allocation &allocation, const Row &row, uint32_t site) {
+    allocation = {};
+    allocation.id = row.allocId;
+    allocation.allocSite = site;
+    allocation.firstRow = row.number;
+    allocation.firstEvent = row.eventId;
+    allocation.firstTime = row.time;
+    countTurn(live, row.kind, &Figures::made);
+}
 
 // A row that says where an allocation lies, which may be one that is known already.
 Change followAlloc(Live &live, const Row &row, uint32_t site) {
     Change change;
     const auto [place, isNew] = live.allocations.try_emplace(row.allocId);
     Allocation &allocation = place->second;
-    if (!isNew) {
-        if (allocation.base == row.base && allocation.actual == row.actual && allocation.kind == row.kind) {
-            allocation.dframe = row.dframe;
-            allocation.data = row.data;
-            allocation.requested = row.requested;
-            return change;
-        }
+    const bool stays = !isNew && !allocation.heapEnded && allocation.base == row.base &&
+                       allocation.actual == row.actual && allocation.kind == row.kind;
+    if (isNew) {
+        beginLife(live, allocation, row, site);
+    } else if (allocation.heapEnded) { // it stays lost
+        change.gone = allocation;
+        live.replaced.push_back(allocation);
+        beginLife(live, allocation, row, site);
+    } else if (!stays) {
         change.gone = allocation;
         countGone(live, allocation);
-    } else {
-        allocation.id = row.allocId;
-        allocation.allocSite = site;
-        allocation.firstRow = row.number;
-        allocation.firstTime = row.time;
-        countTurn(live, row.kind, &Figures::made);
     }
     allocation.kind = row.kind;
     allocation.dframe = row.dframe;
@@ -72,8 +77,10 @@ Change followAlloc(Live &live, const Row &row, uint32_t site) {
     allocation.base = row.base;
     allocation.requested = row.requested;
     allocation.actual = row.actual;
-    countMade(live, allocation, row.time);
-    change.made = &allocation;
+    if (!stays) {
+        countMade(live, allocation, row.time);
+        change.made = &allocation;
+    }
     return change;
 }
 
@@ -106,47 +113,88 @@ Change followEvent(Live &live, const Row &row) {
     if (row.action == "alloc") {
         change = followAlloc(live, row, site);
     }
-    const auto place = live.allocations.find(row.allocId);
-    if (place == live.allocations.end()) { // the row that made it was lost
-        return change;
+    auto place = live.allocations.find(row.allocId);
+    if (place ==
+        live.allocations.end()) { // the row that made it is lost; who did is told by the next list, if at all
+        if (row.result == "release") {
+            return change;
+        }
+        change = followAlloc(live, row, siteOf(live.sites, {}, 0));
+        place = live.allocations.find(row.allocId);
     }
-    noteRow(place->second, row, site);
     if (row.result == "release") {
         return remove(live, place);
     }
-    if (row.dframe != 0 || row.action.ends_with("_swapref_owner")) {
+    noteRow(place->second, row, site);
+    place->second.refCount = row.refCount;
+    if (row.result == "ok" && (row.dframe != 0 || row.action.ends_with("_swapref_owner"))) {
         place->second.dframe = row.dframe;
     }
     return change;
 }
 
-void followProblem(Live &live, const Row &row) {
+void countProblem(Live &live, const Row &row, uint32_t site) {
     ++live.problems;
-    const uint32_t site = siteOf(live.sites, row.msgarea, row.line);
     auto sort = live.problemSorts.find(row.action);
     if (sort == live.problemSorts.end()) {
-        sort = live.problemSorts.emplace(row.action, ProblemSort{0, row.number, row.time, site}).first;
+        sort = live.problemSorts.emplace(row.action, ProblemSort{0, row.eventId, row.time, site}).first;
     }
     ++sort->second.count;
-    // A heap's end finds what is left; that is no use of it, and no line of the program's.
-    const bool byProgram = row.action != "phys_destroy_outstanding";
-    if (const auto place = live.allocations.find(row.allocId); byProgram && place != live.allocations.end()) {
+}
+
+void followProblem(Live &live, const Row &row) {
+    uint32_t site = siteOf(live.sites, row.msgarea, row.line);
+    const auto place = live.allocations.find(row.allocId);
+    const bool known = place != live.allocations.end();
+    if (row.action == "phys_destroy_outstanding") { // no line of the program's, and no use of the block
+        if (known && place->second.kind == Kind::phys && place->second.data == row.data) {
+            place->second.heapEnded = true;
+            site = place->second.allocSite;
+        }
+    } else if (known) {
         noteRow(place->second, row, site);
     }
+    countProblem(live, row, site);
+}
+
+// Behind lost rows a whole list decides on what is alive.
+void settle(Live &live, Change &change) {
+    if (!live.gap || live.list.gap || live.mixed || live.list.listed != live.list.count) {
+        return;
+    }
+    for (auto place = live.allocations.begin(); place != live.allocations.end();) {
+        const auto at = place++;
+        if (at->second.listedAt != live.list.row) {
+            change.settled.push_back(*remove(live, at).gone);
+        }
+    }
+    live.settled += change.settled.size();
+    live.gap = false;
+}
+
+Change followSummary(Live &live, const Row &row) {
+    Change change;
+    live.list = {row.number, row.activeCount, 0, false};
+    settle(live, change); // of nothing, maybe
+    return change;
 }
 
 // An entry of a list; news only where the row that made it was lost.
 Change followActive(Live &live, const Row &row) {
-    if (!canBeAlive(row)) {
-        return {};
-    }
     Change change;
+    if (!canBeAlive(row)) {
+        return change;
+    }
+    const uint32_t site = siteOf(live.sites, row.msgarea, row.line);
     if (!live.allocations.contains(row.allocId)) {
-        const uint32_t site = siteOf(live.sites, row.msgarea, row.line);
         change = followAlloc(live, row, site);
         noteRow(live.allocations.at(row.allocId), row, site);
+        live.allocations.at(row.allocId).refCount = row.refCount;
     }
-    live.allocations.at(row.allocId).listedAt = live.listRow;
+    live.allocations.at(row.allocId).allocSite = site;
+    live.allocations.at(row.allocId).listedAt = live.list.row;
+    ++live.list.listed;
+    settle(live, change);
     return change;
 }
 
@@ -177,48 +225,39 @@ std::string siteText(const Sites &sites, uint32_t site) {
 }
 
 Change liveFollow(Live &live, const Row &row) {
+    live.gap = live.gap || row.gap;
+    live.mixed = row.mixed;
+    live.list.gap = live.list.gap || row.gap;
     switch (row.record) {
     case Record::event: return followEvent(live, row);
     case Record::problem: followProblem(live, row); return {};
     case Record::active: return followActive(live, row);
-    case Record::summary: live.listRow = row.number; return {};
+    case Record::summary: return followSummary(live, row);
     case Record::meta: return {};
     }
     return {};
 }
 
-void liveSettle(Live &live, const Findings &findings) {
-    if (findings.lastTrouble == 0 || !findings.closed || live.listRow <= findings.lastTrouble) {
-        return;
-    }
-    for (auto place = live.allocations.begin(); place != live.allocations.end();) {
-        const auto at = place++;
-        if (at->second.listedAt != live.listRow) {
-            remove(live, at);
-        }
-    }
-}
-
-const Figures &liveFigures(const Live &live, Kind kind) {
-    return live.figures[std::min(static_cast<std::size_t>(kind), kKinds)];
-}
+std::size_t liveCount(const Live &live) { return live.allocations.size() + live.replaced.size(); }
 
 std::vector<std::string> liveRemarks(const Live &live) {
     std::vector<std::string> remarks;
-    if (live.strangers != 0) {
-        remarks.push_back(countText(live.strangers) +
-                          (live.strangers == 1 ? " event is of an allocation" : " events are of allocations") +
-                          " made before the trace began, or gone already");
-    }
-    if (live.unkept != 0) {
-        remarks.push_back(countText(live.unkept) + (live.unkept == 1 ? " allocation was" : " allocations were") +
-                          " made that the trace had no memory to follow");
+    const auto say = [&](uint64_t count, const char *one, const char *many, const char *rest) {
+        if (count != 0) {
+            remarks.push_back(countText(count) + (count == 1 ? one : many) + rest);
+        }
+    };
+    say(live.settled, " allocation was", " allocations were",
+        " released by lost rows: figures in front of them may be too high");
+    say(live.strangers, " event is of an allocation", " events are of allocations",
+        " made before the trace began, or gone already");
+    say(live.unkept, " allocation was", " allocations were", " made that the trace had no memory to follow");
+    if (live.gap && !live.allocations.empty()) {
+        remarks.emplace_back("no list of what is alive follows the lost rows: what is outstanding may be too much");
     }
     return remarks;
 }
 
-bool liveClean(const Live &live, const Findings &findings) {
-    return readerWhole(findings) && live.allocations.empty() && live.problems == 0;
-}
+bool liveTellsAll(const Live &live, const Findings &findings) { return readerWhole(findings) && live.unkept == 0; }
 
 } // namespace traceview

@@ -1,12 +1,16 @@
 // The command line of brenvole-trace.
 #include "commands.h"
+#include "text.h"
 
 #include "terminal/terminal.h"
 
 #include <CLI/CLI.hpp>
 
+#include <charconv>
 #include <cstdio>
 #include <exception>
+#include <string>
+#include <system_error>
 
 namespace {
 
@@ -36,6 +40,17 @@ void addJson(CLI::App *command, Options &options) {
     command->add_flag("--json", options.json, "One JSON document in the place of a table");
 }
 
+// Decimal, and not 0, which stands for no allocation.
+uint64_t parseId(const std::string &text) {
+    uint64_t id = 0;
+    const char *const end = text.data() + text.size();
+    const auto [behind, error] = std::from_chars(text.data(), end, id);
+    if (error != std::errc{} || behind != end || id == 0) {
+        throw CLI::ValidationError("ALLOC_ID", "\"" + traceview::printable(text) + "\" is no allocation's number");
+    }
+    return id;
+}
+
 int run(int count, char **words) {
     Options options;
     CLI::App app(kAbout, "brenvole-trace");
@@ -54,11 +69,20 @@ int run(int count, char **words) {
     addJson(problems, options);
     CLI::App *const life = addCommand(app, options, "life", "All that happened to one allocation, in order");
     addJson(life, options);
-    life->add_option("ALLOC_ID", options.allocId, "Its number, from the column alloc_id")->required();
+    life->add_option_function<std::string>(
+            "ALLOC_ID", [&](const std::string &text) { options.allocId = parseId(text); },
+            "Its number, from the column alloc_id")
+        ->required();
     CLI::App *const report =
         addCommand(app, options, "report", "A page with charts, which a browser shows without a network");
-    report->add_option("-o,--output", options.output, "The page's file")->required();
+    report->add_option("-o,--output", options.output, "The page's file; - for standard output")->required();
 
+    if (count > 1 && words[1][0] != '-' &&
+        app.get_subcommands([&](const CLI::App *command) { return command->check_name(words[1]); }).empty()) {
+        std::fprintf(stderr, "brenvole-trace: no such command: %s; --help tells which there are\n",
+                     traceview::printable(words[1]).c_str());
+        return traceview::kUnreadable;
+    }
     try {
         app.parse(count, words);
     } catch (const CLI::ParseError &error) {
@@ -82,7 +106,7 @@ int run(int count, char **words) {
 } // namespace
 
 int main(int count, char **words) {
-    streamsAreBinary();
+    prepareStreams();
     try {
         const int result = run(count, words);
         if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) {

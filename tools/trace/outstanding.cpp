@@ -23,14 +23,18 @@ void noteLastSites(Outstanding &group) {
 
 std::vector<Outstanding> outstandingBySite(const Live &live) {
     std::map<std::pair<uint32_t, Kind>, Outstanding> bySite;
-    for (const auto &[id, allocation] : live.allocations) {
+    const auto add = [&](const Allocation &allocation) {
         Outstanding &group = bySite[{allocation.allocSite, allocation.kind}];
         group.site = allocation.allocSite;
         group.kind = allocation.kind;
         ++group.count;
         group.bytes += allocation.actual;
         group.allocations.push_back(&allocation);
+    };
+    for (const auto &[id, allocation] : live.allocations) {
+        add(allocation);
     }
+    std::for_each(live.replaced.begin(), live.replaced.end(), add);
     std::vector<Outstanding> groups;
     for (auto &[key, group] : bySite) {
         std::sort(group.allocations.begin(), group.allocations.end(),

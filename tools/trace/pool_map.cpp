@@ -211,12 +211,14 @@ void poolMapNote(PoolMap &map, const Row &row, const Change &change) {
     for (MapRegion &region : map.regions) {
         reachColumn(region, row.number, row.time);
     }
-    if (row.result == "call" && row.action == "DFRAME_RESET" &&
-        row.requested < std::numeric_limits<uint64_t>::max() / 4) {
+    if (row.result == "call" && row.action == "DFRAME_RESET" && row.requested < PoolMap::kFarApart) {
         map.apart = std::max(map.apart, 2 * row.requested);
     }
-    if (change.gone && canBeShown(*change.gone)) {
+    if (change.gone) {
         go(map, row, *change.gone);
+    }
+    for (const Allocation &allocation : change.settled) {
+        go(map, row, allocation);
     }
     if (change.made != nullptr && canBeShown(*change.made)) {
         come(map, row, *change.made);

@@ -64,10 +64,13 @@ struct MapRegion {
 
 struct PoolMap {
     static constexpr std::size_t kRegions = 16;
-    static constexpr uint64_t kApart = uint64_t{4} << 30; ///< the distance within which addresses are of one region
+    // The distance within which addresses are of one region: that of a large pool's ends, and at least twice the
+    // largest that was asked for, within reason.
+    static constexpr uint64_t kApart = uint64_t{16} << 30;
+    static constexpr uint64_t kFarApart = uint64_t{1} << 42;
     std::vector<MapRegion> regions;
-    uint64_t apart = kApart; ///< at least twice the largest pool that was asked for
-    uint64_t leftOut = 0;    ///< blocks in none of the regions, when there were too many
+    uint64_t apart = kApart;
+    uint64_t leftOut = 0; ///< blocks in none of the regions, when there were too many
     uint64_t lastRow = 0;
     uint64_t lastTime = 0;
     std::unordered_map<uint64_t, MapBlock> present; ///< by alloc_id

@@ -22,7 +22,7 @@ const Allocation *concerned(const Live &live, const Row &row) {
 
 void printProblem(const Live &live, const Row &row, uint32_t site) {
     const Allocation *const allocation = concerned(live, row);
-    tableRow(kColumns, {std::to_string(row.number), timeText(row.time), printable(row.action),
+    tableRow(kColumns, {std::to_string(row.eventId), timeText(row.time), printable(row.action),
                         row.allocId != 0 ? std::to_string(row.allocId) : std::string(), siteText(live.sites, site),
                         allocation != nullptr ? siteText(live.sites, allocation->allocSite) : std::string(),
                         std::to_string(row.requested), std::to_string(row.actual), printable(row.detail)});
@@ -71,7 +71,7 @@ int runProblems(const Options &options) {
         }
         tellRemarks(reader, live);
     }
-    return verdict(reader, live.problems != 0 || !readerWhole(reader.findings));
+    return verdict(reader, live.problems != 0 || !liveTellsAll(live, reader.findings));
 }
 
 } // namespace traceview

@@ -4,6 +4,7 @@
 
 #include "terminal/terminal.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -56,26 +57,34 @@ bool fill(Reader &reader) {
 
 struct Line {
     char *begin = nullptr;
-    char *end = nullptr; // its line feed is behind
-    bool last = false;   // the file ends there, without a line feed
+    char *end = nullptr;  // its line feed is behind
+    bool last = false;    // the file ends there, without a line feed
+    bool tooLong = false; // its begin is gone
 };
 
 // The next line, without its end; false behind the last one.
 bool nextLine(Reader &reader, Line &line) {
-    std::size_t searched = 0;
-    for (;;) {
+    line = {};
+    for (std::size_t searched = 0;;) {
         char *const begin = reader.buffer.data() + reader.at;
         const std::size_t waiting = reader.filled - reader.at;
         auto *const feed = static_cast<char *>(std::memchr(begin + searched, '\n', waiting - searched));
-        const bool endless = feed == nullptr && waiting >= kLongestRow;
-        if (feed != nullptr || endless) {
-            line = {begin, endless ? begin + waiting : feed, false};
-            reader.at += static_cast<std::size_t>(line.end - begin) + (endless ? 0 : 1);
+        if (feed != nullptr) {
+            line.begin = begin;
+            line.end = feed;
+            reader.at += static_cast<std::size_t>(feed - begin) + 1;
             break;
         }
         searched = waiting;
+        if (waiting >= kLongestRow) {
+            line.tooLong = true;
+            reader.at = reader.filled;
+            searched = 0;
+        }
         if (!fill(reader)) {
-            line = {reader.buffer.data(), reader.buffer.data() + reader.filled, true};
+            line.begin = reader.buffer.data();
+            line.end = line.begin + reader.filled;
+            line.last = true;
             reader.at = reader.filled;
             break;
         }
@@ -83,7 +92,7 @@ bool nextLine(Reader &reader, Line &line) {
     if (line.begin != line.end && line.end[-1] == '\r') { // an editor may have left it
         --line.end;
     }
-    return !line.last || line.begin != line.end;
+    return !line.last || line.tooLong || line.begin != line.end;
 }
 
 void noteDamaged(Reader &reader, bool last) {
@@ -92,43 +101,60 @@ void noteDamaged(Reader &reader, bool last) {
         findings.cutOff = findings.lastNumber;
         return;
     }
-    ++findings.damaged;
-    findings.lastTrouble = findings.lastNumber;
     ++reader.damagedSinceRow;
-    if (findings.firstDamaged == 0) {
-        findings.firstDamaged = findings.lastNumber;
+    if (++findings.gaps.damaged == 1) {
+        findings.gaps.firstDamaged = findings.lastNumber;
     }
+}
+
+// A single number out of turn was damaged, and not the file behind it.
+bool takeBackOddRow(Reader &reader, const Row &row) {
+    const bool single = reader.oddRow != 0 && row.eventId == reader.idBefore + 2 && reader.damagedSinceRow == 0;
+    if (single) {
+        reader.findings.gaps = reader.gapsBefore;
+        if (++reader.findings.gaps.damaged == 1) {
+            reader.findings.gaps.firstDamaged = reader.oddRow;
+        }
+    }
+    reader.oddRow = 0;
+    return single;
 }
 
 // Rows are numbered without a gap as they are written.
-void noteNumber(Reader &reader, const Row &row) {
-    Findings &findings = reader.findings;
-    const uint64_t step = row.eventId - findings.lastEventId;
-    if (row.eventId <= findings.lastEventId) {
-        if (findings.disordered == 0) {
-            findings.disordered = row.number;
-            findings.disorderedId = row.eventId;
-        }
-    } else if (step - 1 > reader.damagedSinceRow) {
-        findings.lost += step - 1 - reader.damagedSinceRow;
-        findings.lastTrouble = row.number;
-        if (findings.firstLost == 0) {
-            findings.firstLost = row.number;
+void noteNumber(Reader &reader, Row &row) {
+    Gaps &gaps = reader.findings.gaps;
+    row.gap = reader.damagedSinceRow != 0;
+    const bool takenBack = takeBackOddRow(reader, row);
+    const uint64_t step = row.eventId - reader.lastEventId;
+    if (!takenBack && (row.eventId <= reader.lastEventId || step - 1 > reader.damagedSinceRow)) {
+        row.gap = true;
+        reader.gapsBefore = gaps;
+        reader.oddRow = row.number;
+        reader.idBefore = reader.lastEventId;
+        if (row.eventId > reader.lastEventId) {
+            gaps.firstLost = gaps.lost == 0 ? row.number : gaps.firstLost;
+            gaps.lost += step - 1 - reader.damagedSinceRow;
+        } else if (gaps.disordered == 0) {
+            gaps.disordered = row.number;
+            gaps.disorderedId = row.eventId;
         }
     }
-    findings.lastEventId = row.eventId;
+    row.mixed = gaps.disordered != 0;
+    reader.lastEventId = row.eventId;
     reader.damagedSinceRow = 0;
 }
 
-// The column has 32 bits and starts anew every 49 days. A step back is no step.
+// The column has 32 bits and starts anew every 49 days. Time doesn't go back; what does is damaged, or another
+// program's.
 void noteTime(Reader &reader, Row &row) {
     Findings &findings = reader.findings;
     if (findings.rows == 0) {
         findings.begin = row.timeMs;
-    } else if (const auto step = static_cast<int32_t>(row.timeMs - reader.lastTimeMs); step > 0) {
-        findings.duration += static_cast<uint32_t>(step);
+    } else {
+        reader.time += static_cast<int32_t>(row.timeMs - reader.lastTimeMs);
     }
     reader.lastTimeMs = row.timeMs;
+    findings.duration = std::max(findings.duration, static_cast<uint64_t>(std::max<int64_t>(reader.time, 0)));
     row.time = findings.duration;
 }
 
@@ -171,7 +197,10 @@ bool readerOpen(Reader &reader, const std::string &path) {
         }
         return false;
     }
-    const std::string_view text(line.begin, static_cast<std::size_t>(line.end - line.begin));
+    std::string_view text(line.begin, static_cast<std::size_t>(line.end - line.begin));
+    if (constexpr std::string_view kMark = "\xEF\xBB\xBF"; text.starts_with(kMark)) { // an editor's, of UTF-8
+        text.remove_prefix(kMark.size());
+    }
     if (text != kHeader) {
         constexpr std::size_t kShown = 60;
         reader.findings.failure = "isn't a trace: line 1 doesn't name a trace's columns, but begins with \"" +
@@ -185,8 +214,11 @@ bool readerNext(Reader &reader, Row &row) {
     Findings &findings = reader.findings;
     Line line;
     while (nextLine(reader, line)) {
+        if (line.begin == line.end && !line.tooLong) { // as an editor leaves it at the end
+            continue;
+        }
         row.number = ++findings.lastNumber;
-        if (!parseRow(line.begin, line.end, row)) {
+        if (line.tooLong || !parseRow(line.begin, line.end, row)) {
             noteDamaged(reader, line.last);
             continue;
         }
@@ -203,37 +235,52 @@ bool readerNext(Reader &reader, Row &row) {
     return false;
 }
 
-bool readerWhole(const Findings &findings) {
-    return findings.closed && findings.failure.empty() && findings.damaged == 0 && findings.lost == 0 &&
-           findings.disordered == 0 && findings.cutOff == 0;
+std::string readerName(const Reader &reader) {
+    return reader.path == kStandardInput ? "standard input" : printable(reader.path);
 }
+
+bool readerWhole(const Findings &findings) {
+    return findings.closed && findings.failure.empty() && findings.gaps.damaged == 0 && findings.gaps.lost == 0 &&
+           findings.gaps.disordered == 0 && findings.cutOff == 0;
+}
+
+namespace {
+
+// The header is the file's first line.
+std::string rowText(uint64_t row) { return "row " + std::to_string(row) + " (line " + std::to_string(row + 1) + ")"; }
+
+std::string countOf(uint64_t count, const char *one, const char *many) {
+    return count == 1 ? std::string("one ") + one + " is" : countText(count) + " " + many + " are";
+}
+
+} // namespace
 
 std::vector<std::string> readerRemarks(const Findings &findings) {
     std::vector<std::string> remarks;
-    const auto number = [](uint64_t value) { return std::to_string(value); };
+    const Gaps &gaps = findings.gaps;
     if (!findings.failure.empty()) {
-        remarks.push_back(findings.failure + ", behind row " + number(findings.lastNumber));
+        remarks.push_back(findings.failure + ", behind " + rowText(findings.lastNumber));
     }
     if (findings.cutOff != 0) {
-        remarks.push_back("row " + number(findings.cutOff) + " is cut off: the file ends in the middle of it");
+        remarks.push_back(rowText(findings.cutOff) + " is cut off: the file ends in the middle of it");
     }
     if (!findings.closed) {
-        remarks.push_back("the trace has no end behind row " + number(findings.lastNumber) +
+        remarks.push_back("the trace has no end behind " + rowText(findings.lastNumber) +
                           (findings.grown != 0 ? ": it is still being written, " + bytesText(findings.grown) +
                                                      " were added while it was read"
                                                : ": its program is still running, or has ended without it"));
     }
-    if (findings.damaged != 0) {
-        remarks.push_back((findings.damaged == 1 ? "one line is" : number(findings.damaged) + " lines are") +
-                          " damaged and left out, first row " + number(findings.firstDamaged));
+    if (gaps.damaged != 0) {
+        remarks.push_back(countOf(gaps.damaged, "row", "rows") + " damaged, the first is " +
+                          rowText(gaps.firstDamaged));
     }
-    if (findings.lost != 0) {
-        remarks.push_back((findings.lost == 1 ? "one row is" : number(findings.lost) + " rows are") +
-                          " missing, first in front of row " + number(findings.firstLost));
+    if (gaps.lost != 0) {
+        remarks.push_back(countOf(gaps.lost, "row", "rows") + " missing, first in front of " +
+                          rowText(gaps.firstLost));
     }
-    if (findings.disordered != 0) {
-        remarks.push_back("row " + number(findings.disordered) + " has the number " + number(findings.disorderedId) +
-                          ": more than one program has written to this file");
+    if (gaps.disordered != 0) {
+        remarks.push_back(rowText(gaps.disordered) + " has the number " + std::to_string(gaps.disorderedId) +
+                          ": the file was written by more than one program, or is damaged");
     }
     return remarks;
 }

@@ -3,18 +3,14 @@
 
 #include "json.h"
 #include "outstanding.h"
-#include "page.h"
+#include "page_file.h"
 #include "pool_map.h"
 #include "steps.h"
 #include "text.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <system_error>
 
 namespace traceview {
 
@@ -211,7 +207,7 @@ Json dataOf(const Reader &reader, const Live &live, const Course &course, const 
         pools.push_back(poolOf(map, region, live, sites));
     }
     return {{"tool", "brenvole-trace " BRENVOLE_VERSION},
-            {"file", printable(reader.path)},
+            {"file", readerName(reader)},
             {"bytesOfFile", reader.bytes},
             {"remarks", remarks},
             {"duration", findings.duration},
@@ -226,47 +222,12 @@ Json dataOf(const Reader &reader, const Live &live, const Course &course, const 
             {"pools", pools}};
 }
 
-// No text of a trace may end the element that it stands in.
-std::string withoutMarkup(const std::string &json) {
-    std::string text;
-    text.reserve(json.size());
-    for (const char byte : json) {
-        if (byte == '<') {
-            text += "\\u003c";
-        } else {
-            text += byte;
-        }
-    }
-    return text;
-}
-
-// A page appears whole or not at all. True if it does.
-bool writePage(const std::string &path, const std::string &json) {
-    const std::string unfinished = path + ".part";
-    errno = 0;
-    std::ofstream page(unfinished, std::ios::binary | std::ios::trunc);
-    page << kPageBegin << withoutMarkup(json) << kPageEnd;
-    page.close();
-    std::error_code error;
-    if (page) {
-        std::filesystem::rename(unfinished, path, error);
-        if (!error) {
-            return true;
-        }
-    } else {
-        error = std::error_code(errno, std::generic_category());
-    }
-    std::fprintf(stderr, "brenvole-trace: %s can't be written: %s\n", path.c_str(), error.message().c_str());
-    std::error_code unimportant;
-    std::filesystem::remove(unfinished, unimportant);
-    return false;
-}
-
 } // namespace
 
 int runReport(const Options &options) {
     Reader reader;
-    if (!openTrace(reader, options)) {
+    PageFile page;
+    if (!openTrace(reader, options) || !pageOpen(page, options)) {
         return kUnreadable;
     }
     Live live;
@@ -277,13 +238,14 @@ int runReport(const Options &options) {
         courseNote(course, live, row);
         poolMapNote(map, row, change);
     }
-    liveSettle(live, reader.findings);
     poolMapFinish(map);
-    if (!writePage(options.output, jsonText(dataOf(reader, live, course, map)))) {
+    if (!pageFinish(page, jsonText(dataOf(reader, live, course, map)))) {
         return kUnreadable;
     }
     tellRemarks(reader, live);
-    std::printf("%s\n", options.output.c_str());
+    if (!page.toStandardOutput) {
+        std::printf("%s\n", printable(options.output).c_str());
+    }
     return verdict(reader, false);
 }
 

@@ -22,8 +22,10 @@ inline constexpr std::string_view kKindNames[] = {"dframe", "phys", "local", "se
 
 /** Texts lie in the buffer that the row was read from, and hold until the next one is read. */
 struct Row {
-    uint64_t number = 0; ///< among the lines behind the header, from 1; the event_id of an undamaged file
+    uint64_t number = 0; ///< among the rows of the file, from 1; the event_id of an undamaged one
     uint64_t time = 0;   ///< milliseconds since the file's first row, past the 32 bits of the column
+    bool gap = false;    ///< rows are lost or damaged between the one before and this one
+    bool mixed = false;  ///< rows of several programs stand in the file
     Record record = Record::event;
     Kind kind = Kind::none;
     uint32_t timeMs = 0;

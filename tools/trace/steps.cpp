@@ -60,7 +60,7 @@ void noteProblem(Course &course, Live &live, const Row &row) {
         point.time = row.time;
         point.allocId = row.allocId;
         point.site = siteOf(live.sites, row.msgarea, row.line);
-        point.detail = row.detail;
+        point.detail = row.detail.substr(0, Course::kDetail);
     }
 }
 

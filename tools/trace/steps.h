@@ -83,6 +83,7 @@ struct Course {
     static constexpr std::size_t kActions = 100; ///< a sound trace has half as many; what is beyond is one more
     Steps<LiveStep> live{kSteps, 1, {}};
     Steps<ProblemStep> problems{kSteps, 1, {}};
+    static constexpr std::size_t kDetail = 256; ///< bytes of a text that a row may have any length of
     std::vector<std::string> actions;
 };
 

@@ -28,8 +28,8 @@ std::vector<NamedSort> sortedProblems(const Live &live) {
 
 void printHead(const Reader &reader, const Live &live) {
     const Findings &findings = reader.findings;
-    std::printf("%s: %s, %s rows, %s\n", reader.path.c_str(), bytesText(reader.bytes).c_str(),
-                countText(findings.lastNumber).c_str(), timeText(findings.duration).c_str());
+    std::printf("%s: %s, %s rows, %s\n", readerName(reader).c_str(), bytesText(reader.bytes).c_str(),
+                countText(findings.rows).c_str(), timeText(findings.duration).c_str());
     if (findings.closed) {
         std::printf("The trace ends with \"%s\".\n", findings.closeReason.c_str());
     }
@@ -64,8 +64,8 @@ void printFigures(const Live &live) {
 
 void printMore(std::size_t all, std::size_t shown, const char *command, const Reader &reader) {
     if (all > shown) {
-        std::printf("... and %s more: brenvole-trace %s %s\n", countText(all - shown).c_str(), command,
-                    reader.path.c_str());
+        std::printf("... and %s more: brenvole-trace %s '%s'\n", countText(all - shown).c_str(), command,
+                    printable(reader.path).c_str());
     }
 }
 
@@ -78,7 +78,7 @@ void printProblems(const Reader &reader, const Live &live) {
     const std::vector<NamedSort> sorts = sortedProblems(live);
     std::vector<Cells> rows;
     for (const auto &[action, sort] : std::span(sorts).first(std::min(sorts.size(), kProblemsShown))) {
-        rows.push_back({countText(sort.count), printable(action), std::to_string(sort.firstRow),
+        rows.push_back({countText(sort.count), printable(action), std::to_string(sort.firstEvent),
                         timeText(sort.firstTime), siteText(live.sites, sort.firstSite)});
     }
     tablePrint({{"count", Align::right},
@@ -91,7 +91,7 @@ void printProblems(const Reader &reader, const Live &live) {
 }
 
 void printOutstanding(const Reader &reader, const Live &live) {
-    if (live.allocations.empty()) {
+    if (liveCount(live) == 0) {
         std::printf("\nNothing is outstanding.\n");
         return;
     }
@@ -127,7 +127,7 @@ Json jsonSummary(const Reader &reader, const Live &live) {
     for (const auto &[action, sort] : sortedProblems(live)) {
         summary["problems"].push_back({{"action", action},
                                        {"count", sort.count},
-                                       {"first_event", sort.firstRow},
+                                       {"first_event", sort.firstEvent},
                                        {"first_time", sort.firstTime},
                                        {"first_site", jsonSite(live.sites, sort.firstSite)}});
     }
@@ -149,7 +149,6 @@ int runSummary(const Options &options) {
     for (Row row; readerNext(reader, row);) {
         liveFollow(live, row);
     }
-    liveSettle(live, reader.findings);
     if (options.json) {
         std::printf("%s\n", jsonText(jsonSummary(reader, live), 2).c_str());
     } else {
@@ -158,7 +157,7 @@ int runSummary(const Options &options) {
         printProblems(reader, live);
         printOutstanding(reader, live);
     }
-    return verdict(reader, !liveClean(live, reader.findings));
+    return verdict(reader, liveCount(live) != 0 || live.problems != 0 || !liveTellsAll(live, reader.findings));
 }
 
 } // namespace traceview

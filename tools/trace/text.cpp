@@ -108,11 +108,9 @@ std::string addressText(uint64_t address) {
     return address == 0 ? std::string() : formatted("%016llX", static_cast<unsigned long long>(address));
 }
 
-void tableFit(std::vector<Column> &columns, const std::vector<Cells> &rows) {
-    for (const Cells &cells : rows) {
-        for (std::size_t at = 0; at < columns.size(); ++at) {
-            columns[at].width = std::max(columns[at].width, widthOf(cells[at]));
-        }
+void tableFit(std::vector<Column> &columns, const Cells &cells) {
+    for (std::size_t at = 0; at < columns.size(); ++at) {
+        columns[at].width = std::max(columns[at].width, widthOf(cells[at]));
     }
 }
 
@@ -137,7 +135,9 @@ void tableTitle(const std::vector<Column> &columns) {
 }
 
 void tablePrint(std::vector<Column> columns, const std::vector<Cells> &rows) {
-    tableFit(columns, rows);
+    for (const Cells &cells : rows) {
+        tableFit(columns, cells);
+    }
     tableTitle(columns);
     for (const Cells &cells : rows) {
         tableRow(columns, cells);

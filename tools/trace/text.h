@@ -29,8 +29,8 @@ struct Column {
 
 using Cells = std::vector<std::string>;
 
-/** Widens the columns to what the rows hold. */
-void tableFit(std::vector<Column> &columns, const std::vector<Cells> &rows);
+/** Widens the columns to what a line of theirs holds. */
+void tableFit(std::vector<Column> &columns, const Cells &cells);
 /** Prints a line; a text that is wider than its column moves the rest of the line. */
 void tableTitle(const std::vector<Column> &columns);
 void tableRow(const std::vector<Column> &columns, const Cells &cells);
