@@ -202,7 +202,7 @@ TEST(TraceReader, LostAndForeignRowsAreTold) {
     const TestFile growing(whole.substr(0, whole.rfind('\n')));
     Reader early;
     ASSERT_TRUE(readerOpen(early, growing.path));
-    std::ofstream(growing.path, std::ios::app) << "\n\"event\",4,";
+    std::ofstream(growing.path, std::ios::app | std::ios::binary) << "\n\"event\",4,";
     for (Row row; readerNext(early, row);) {}
     EXPECT_NE(mention(early).find("still being written, 11 bytes were added"), std::string::npos) << mention(early);
 }
