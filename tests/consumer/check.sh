@@ -5,14 +5,16 @@ build=$1
 source=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-cmake --install "$build" --prefix "$work/prefix" >/dev/null
+quietly() { "$@" >"$work/log" 2>&1 || { cat "$work/log"; exit 1; }; }
+runs() { "$@" >"$work/log" 2>&1 && grep -qx 'consumer ok' "$work/log" || { echo "$*"; cat "$work/log"; exit 1; }; }
+quietly cmake --install "$build" --prefix "$work/prefix"
 libraries=$(dirname "$(find "$work/prefix" -name libbrenvole.so)")
 export PKG_CONFIG_PATH="$libraries/pkgconfig"
 
-cmake -G Ninja -S "$source" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
-cmake --build "$work/cmake" >/dev/null
+quietly cmake -G Ninja -S "$source" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$work/prefix"
+quietly cmake --build "$work/cmake"
 for program in cmake_c cmake_cpp cmake_c_static cmake_cpp_static; do
-  "$work/cmake/$program" 2>&1 | grep -qx 'consumer ok'
+  runs "$work/cmake/$program"
 done
 
 # shellcheck disable=SC2046  # the flags are words
@@ -23,9 +25,9 @@ c++ -std=c++20 -Wall -Wextra -Wpedantic -Werror "$source/consumer.cpp" -o "$work
 cc -std=c11 "$source/consumer.c" -o "$work/static" $(pkg-config --cflags brenvole) \
   "$libraries/libbrenvole.a" "$libraries/libqxutil.a" -lstdc++ -pthread
 for program in c cpp static; do
-  LD_LIBRARY_PATH=$libraries "$work/$program" 2>&1 | grep -qx 'consumer ok'
+  runs env LD_LIBRARY_PATH="$libraries" "$work/$program"
 done
-ldd "$work/static" | grep -q brenvole && exit 1
+ldd "$work/static" | grep brenvole && exit 1
 echo "installed copy: 7 consumers ok"
 
 tool=$work/prefix/bin/brenvole-trace # needs nothing of the library

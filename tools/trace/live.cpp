@@ -114,13 +114,13 @@ Change followEvent(Live &live, const Row &row) {
         change = followAlloc(live, row, site);
     }
     auto place = live.allocations.find(row.allocId);
-    if (place ==
-        live.allocations.end()) { // the row that made it is lost; who did is told by the next list, if at all
-        if (row.result == "release") {
-            return change;
-        }
+    if (place == live.allocations.end() && row.result == "release") {
+        return change;
+    }
+    if (place == live.allocations.end()) { // the row that made it is lost
         change = followAlloc(live, row, siteOf(live.sites, {}, 0));
         place = live.allocations.find(row.allocId);
+        place->second.siteLost = true;
     }
     if (row.result == "release") {
         return remove(live, place);
@@ -186,13 +186,20 @@ Change followActive(Live &live, const Row &row) {
         return change;
     }
     const uint32_t site = siteOf(live.sites, row.msgarea, row.line);
-    if (!live.allocations.contains(row.allocId)) {
+    const bool known = live.allocations.contains(row.allocId);
+    if (!known) {
         change = followAlloc(live, row, site);
-        noteRow(live.allocations.at(row.allocId), row, site);
-        live.allocations.at(row.allocId).refCount = row.refCount;
     }
-    live.allocations.at(row.allocId).allocSite = site;
-    live.allocations.at(row.allocId).listedAt = live.list.row;
+    Allocation &allocation = live.allocations.at(row.allocId);
+    if (!known) {
+        noteRow(allocation, row, site);
+        allocation.refCount = row.refCount;
+    }
+    if (allocation.siteLost) {
+        allocation.allocSite = site;
+        allocation.siteLost = false;
+    }
+    allocation.listedAt = live.list.row;
     ++live.list.listed;
     settle(live, change);
     return change;

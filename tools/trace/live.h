@@ -50,6 +50,7 @@ struct Allocation {
     uint64_t firstTime = 0;
     uint64_t lastTime = 0;
     uint64_t listedAt = 0;  ///< row of the last list that it stood in
+    bool siteLost = false;  ///< the row that made it is lost; a list will tell the site
     bool heapEnded = false; ///< with the block still out: its place may be given away again, under the same number
 };
 
