@@ -246,7 +246,8 @@ TEST(TraceCommand, MapOfAFewRows) {
     ASSERT_EQ(tool("report " + overwrite.path + " -o " + link.path).code, 0);
     EXPECT_TRUE(std::filesystem::is_symlink(link.path));
     const std::string text = target.read();
-    EXPECT_TRUE(holds(text, "{\"event\":6,\"time\":0,\"action\":0,\"count\":1,\"site\":\"mixer.c:14\",\"detail\":"
+    EXPECT_TRUE(holds(text, "{\"event\":6,\"time\":"));
+    EXPECT_TRUE(holds(text, ",\"action\":0,\"count\":1,\"site\":\"mixer.c:14\",\"detail\":"
                             "\"dwBytesUsed exceeds dwBufferLength\",\"id\":2}"));
 }
 
