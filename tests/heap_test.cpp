@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <random>
 
 using namespace brenvole;
@@ -230,8 +229,8 @@ TEST_F(Heap, AllocationFaults) {
 // record is lost, no lock stays held, and what is free joins again.
 TEST_F(Heap, EachListOperationFails) {
     for (const int variant : {0, 1, 2, 3, 4, 5}) { // once, and twice running
-        const ListFault how =
-            std::array{ListFault::refuse, ListFault::throwBefore, ListFault::throwBehind}[variant % 3];
+        constexpr ListFault faults[] = {ListFault::refuse, ListFault::throwBefore, ListFault::throwBehind};
+        const ListFault how = faults[variant % 3];
         bool struck = true;
         for (int nth = 1; struck; ++nth) {
             listStrikes = 1 + variant / 3;
