@@ -12,6 +12,16 @@ bool openTrace(Reader &reader, const Options &options) {
     return false;
 }
 
+bool readTrace(Reader &reader, Live &live, const Options &options) {
+    if (!openTrace(reader, options)) {
+        return false;
+    }
+    for (Row row; readerNext(reader, row);) {
+        liveFollow(live, row);
+    }
+    return true;
+}
+
 std::vector<std::string> remarksOf(const Reader &reader, const Live &live) {
     std::vector<std::string> remarks = readerRemarks(reader.findings);
     const std::vector<std::string> more = liveRemarks(live);

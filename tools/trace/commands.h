@@ -37,6 +37,9 @@ int runReport(const Options &options);
 /** Opens the file, or says why not. */
 bool openTrace(Reader &reader, const Options &options);
 
+/** Opens it and follows it to its end; what is alive then is outstanding. */
+bool readTrace(Reader &reader, Live &live, const Options &options);
+
 /** All that there is to say about a file that has been read, besides its rows. */
 std::vector<std::string> remarksOf(const Reader &reader, const Live &live);
 

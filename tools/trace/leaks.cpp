@@ -88,12 +88,9 @@ void printJson(const Reader &reader, const Live &live, const std::vector<Outstan
 
 int runLeaks(const Options &options) {
     Reader reader;
-    if (!openTrace(reader, options)) {
-        return kUnreadable;
-    }
     Live live;
-    for (Row row; readerNext(reader, row);) {
-        liveFollow(live, row);
+    if (!readTrace(reader, live, options)) {
+        return kUnreadable;
     }
     std::vector<Outstanding> groups = outstandingBySite(live);
     std::erase_if(groups,

@@ -64,6 +64,9 @@ bool pageOpen(PageFile &page, const Options &options) {
         page.unfinished.clear();
         return cannot(page.place, why);
     }
+    if (!inPlace) { // it can be written; who is interrupted while he reads leaves nothing
+        pageAbandon(page);
+    }
     return true;
 }
 
@@ -76,6 +79,9 @@ bool pageFinish(PageFile &page, const std::string &json) {
         return true;
     }
     errno = 0;
+    if (!page.unfinished.empty()) {
+        page.stream.open(page.unfinished, std::ios::binary | std::ios::trunc);
+    }
     page.stream << kPageBegin << data << kPageEnd;
     page.stream.close();
     if (!page.stream) {

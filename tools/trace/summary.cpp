@@ -142,12 +142,9 @@ Json jsonSummary(const Reader &reader, const Live &live) {
 
 int runSummary(const Options &options) {
     Reader reader;
-    if (!openTrace(reader, options)) {
-        return kUnreadable;
-    }
     Live live;
-    for (Row row; readerNext(reader, row);) {
-        liveFollow(live, row);
+    if (!readTrace(reader, live, options)) {
+        return kUnreadable;
     }
     if (options.json) {
         std::printf("%s\n", jsonText(jsonSummary(reader, live), 2).c_str());
