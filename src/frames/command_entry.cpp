@@ -3,6 +3,8 @@
 
 #include "local/dfmem_lock.h"
 #include "trace/trace.h"
+#include "util/exit.h"
+#include "util/once.h"
 
 namespace brenvole {
 
@@ -20,6 +22,17 @@ void frameReportOverwrite(const DFRAME *frame, const char *text) {
 namespace {
 
 constexpr uint32_t kCommandBits = 0xFF;
+
+constinit QXOnce startOnce = 0;
+
+// What there has to be before any command.
+void start() {
+    qxOnce(startOnce, [] {
+        dfmemLockCreate();
+        mainPoolHookFork();
+        qxHookExit();
+    });
+}
 
 // True for the commands whose ppDF leads to a frame. For some of the others it leads to a figure, or anywhere.
 bool takesFrame(uint32_t number) {
@@ -52,7 +65,7 @@ uint64_t DFrameMem(uint32_t command, int64_t param1, uintptr_t param2, PDFRAME *
 
 uint64_t DFrameMemTrace(uint32_t command, int64_t param1, uintptr_t param2, PDFRAME *ppDF, const char *msgarea,
                         uint32_t line) {
-    dfmemLockCreate(); // first, whatever the command
+    start(); // first, whatever the command
     if (TraceIsEnabled() != 0) [[unlikely]] {
         traceCommand(command, param1, param2, ppDF, msgarea, line);
     }

@@ -1,8 +1,9 @@
 // DFRAME_COPY: a second frame with the header and the bytes of another one. One that is made here shares nothing with
 // it.
 //
-// A destination made here takes over a moved data pointer: the bytes in front of it are copied too. For that, the
-// source's pointer stands at the start of its block while the command runs, and is put back on every way out.
+// A destination made here takes over a moved data pointer: the bytes in front of it are copied too.
+//
+// The source is only read, so any number of threads may copy from one frame at the same time.
 #include "frames.h"
 
 #include "local/local_heap.h"
@@ -15,11 +16,10 @@ namespace brenvole {
 namespace {
 
 struct Copying {
-    PDFRAME source;
-    PDFRAME *ppDF;      // the destination
-    bool inPool;        // the source's heap, where a buffer comes from
+    const DFRAME *source;
+    PDFRAME *ppDF; // the destination
+    DataPlace place;
     uint32_t newLength; // of a buffer made here
-    uint8_t *saved;     // the source's data pointer, as the caller has it
     const char *msgarea;
     uint32_t line;
     bool made = false;   // the destination is new
@@ -40,19 +40,26 @@ uint32_t lengthFor(const DFRAME *source) {
     return length + (length < kSound ? kSoundRoom : kPictureRoom);
 }
 
+// Step 4.2. Where the block of the source's data starts. A custom buffer that lies in the pool counts from its block's
+// start, one inside a local block doesn't, and neither does a pointer beyond its block.
+uint64_t blockStart(const Copying &copying) {
+    uint64_t data = frameData(copying.source);
+    if (copying.place.heap != nullptr) {
+        DFHEAP_FixAllocTrace(copying.place.heap, &data, copying.msgarea, copying.line);
+    } else if (copying.place.local != nullptr && !frameBeyondBlock(copying.source, copying.place)) {
+        data = reinterpret_cast<uintptr_t>(LHEAP_DataStart(copying.place.local));
+    }
+    return data;
+}
+
 // Step 4. False if there is no memory.
 bool makeDestination(Copying &copying) {
-    PDFRAME const source = copying.source;
     copying.made = true;
-    // A custom buffer that lies in the pool is brought to its block's start, one inside a local block isn't.
-    const bool ask = copying.inPool || !frameIsCustom(source);
-    frameDataToStart(source, ask ? framePlace(source) : DataPlace{}, copying.msgarea, copying.line);
-    copying.offset = reinterpret_cast<uintptr_t>(copying.saved) - frameData(source);
+    copying.offset = frameData(copying.source) - blockStart(copying);
     copying.newLength += static_cast<uint32_t>(copying.offset);
-    heapHelpAllocDFrame(copying.ppDF, frameCopySize(source), copying.newLength, copying.inPool ? 0 : 1,
-                        copying.msgarea, copying.line);
+    heapHelpAllocDFrame(copying.ppDF, frameCopySize(copying.source), copying.newLength,
+                        copying.place.heap != nullptr ? 0 : 1, copying.msgarea, copying.line);
     if (*copying.ppDF == nullptr) {
-        source->lpData = copying.saved;
         return false;
     }
     clearLink(*copying.ppDF);
@@ -97,20 +104,18 @@ void copyHeader(PDFRAME destination, const DFRAME *source) {
     destination->wTrailJ = source->wTrailJ;
 }
 
-// Step 12. The source's pointer stands at the start of its block if the destination is new.
-void copyBytes(const Copying &copying) {
+// Step 12. No byte beyond the source's block is read, whatever the frame claims: `there` are left from its pointer on.
+void copyBytes(const Copying &copying, uint64_t there) {
     const DFRAME *const source = copying.source;
     const DFRAME *const destination = *copying.ppDF;
-    const uint64_t used = source->dwBytesUsed;
+    const uint64_t used = std::min<uint64_t>(source->dwBytesUsed, there);
     const uint64_t length = source->dwBufferLength;
     uint64_t count = std::min<uint64_t>(used, copying.newLength);
-    uint64_t capacity = length;
     if (copying.made) {
         count = copying.offset + std::min(used, length);
-        capacity = length + copying.offset;
     }
-    capacity = std::min<uint64_t>(destination->dwBufferLength, capacity);
-    qxOSCopyMemorySafeFast(destination->lpData, source->lpData,
+    const uint64_t capacity = std::min<uint64_t>(destination->dwBufferLength, length + copying.offset);
+    qxOSCopyMemorySafeFast(destination->lpData, source->lpData - copying.offset,
                            static_cast<uint32_t>(std::min<uint64_t>(count, UINT32_MAX)),
                            static_cast<uint32_t>(capacity));
 }
@@ -131,8 +136,8 @@ void finishData(const Copying &copying) {
 // bytes from the pointer on.
 void giveUpFarOffset(Copying &copying) {
     const DFRAME *const destination = *copying.ppDF;
-    if (copying.offset > destination->dwBufferLength || (copying.offset > kLocalReach && !frameInPool(destination))) {
-        copying.source->lpData = copying.saved;
+    if (copying.offset > destination->dwBufferLength ||
+        (copying.offset > kLocalReach && frameHeap(destination) == nullptr)) {
         copying.offset = 0;
     }
 }
@@ -145,15 +150,17 @@ bool copyData(Copying &copying) {
     }
     if (destination->lpData == nullptr) { // 10
         destination->dwBufferLength = copying.newLength;
-        if (!frameAllocBuffer(destination, copying.inPool, copying.msgarea, copying.line)) {
+        if (!frameAllocBuffer(destination, copying.place.heap, copying.msgarea, copying.line)) {
             return false;
         }
     }
-    if (copying.source->dwBytesUsed != 0 && copying.source->lpData != nullptr) { // 11; nothing is read from a null
-        giveUpFarOffset(copying);
-        copyBytes(copying);  // 12
-        finishData(copying); // 13, 14
+    if (copying.source->dwBytesUsed == 0 || copying.source->lpData == nullptr || // 11; nothing is read from a null,
+        frameBeyondBlock(copying.source, copying.place)) {                       // nor beyond a block
+        return true;
     }
+    giveUpFarOffset(copying);
+    copyBytes(copying, frameBytesThere(copying.source, copying.place)); // 12
+    finishData(copying);                                                // 13, 14
     return true;
 }
 
@@ -195,7 +202,7 @@ uint64_t commandCopy(uintptr_t param2, PDFRAME *ppDF, const char *msgarea, uint3
     if (ppDF == nullptr) {
         return frameRefuse(DFMEM_E_POINTER, "DFRAME_COPY|pDFDstParam==NULL(0x%lX)");
     }
-    PDFRAME const source = *pSource;
+    const DFRAME *const source = *pSource;
     if (source == nullptr) {
         return frameRefuse(DFMEM_E_INVALIDARG, "DFRAME_COPY|pDFSrc==NULL(0x%lX)");
     }
@@ -204,16 +211,11 @@ uint64_t commandCopy(uintptr_t param2, PDFRAME *ppDF, const char *msgarea, uint3
     }
     Copying copying{.source = source,
                     .ppDF = ppDF,
-                    .inPool = frameInPool(source),
+                    .place = frameIsCustom(source) ? DataPlace{frameHeap(source)} : framePlace(source),
                     .newLength = lengthFor(source), // 3
-                    .saved = source->lpData,
                     .msgarea = msgarea,
                     .line = line};
-    const uint64_t result = copyFrame(copying);
-    if (copying.made) { // 15; a frame copied onto itself may have lost its buffer
-        source->lpData = copying.saved;
-    }
-    return result;
+    return copyFrame(copying); // 4 to 15
 }
 
 } // namespace brenvole

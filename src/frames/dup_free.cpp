@@ -5,8 +5,6 @@
 #include "local/local_heap.h"
 #include "trace/trace.h"
 
-#include <algorithm>
-
 namespace brenvole {
 
 namespace {
@@ -46,12 +44,6 @@ void copyCustomHeader(PDFRAME destination, const DFRAME *source) {
     destination->dwSize = frameCopySize(source);
 }
 
-// No more than the source has, though it may say that more is used.
-void copyUsedBytes(const DFRAME *destination, const DFRAME *source) {
-    qxOSCopyMemorySafeFast(destination->lpData, source->lpData,
-                           std::min(+source->dwBytesUsed, +source->dwBufferLength), destination->dwBufferLength);
-}
-
 // Steps of the copying case: 1, 2 refusals; 3 a frame; 4 none to be had; 5 the header; 6 the bytes; 7 the end.
 uint64_t dupCustom(const DFRAME *source, PDFRAME *ppDF, const char *msgarea, uint32_t line) {
     if (*ppDF != nullptr) { // 1
@@ -73,8 +65,9 @@ uint64_t dupCustom(const DFRAME *source, PDFRAME *ppDF, const char *msgarea, uin
         return frameRefuse(DFMEM_E_OUTOFMEMORY, "DFRAME_DUP_FREE|CopyAllocFailed(0x%lX)");
     }
     copyCustomHeader(destination, source); // 5
-    if (source->dwBytesUsed != 0) {        // 6
-        copyUsedBytes(destination, source);
+    if (source->dwBytesUsed != 0) {        // 6; the caller's buffer may lie in a block all the same
+        frameCopyUsed(destination->lpData, destination->dwBufferLength, source,
+                      frameOverwritten(source) ? framePlace(source) : DataPlace{});
     }
     return 0; // 7
 }
@@ -86,7 +79,7 @@ void copyForeignData(PDFRAME destination, const DFRAME *source, const char *msga
     if (source->lpData == nullptr) {
         destination->dwBytesUsed = 0;
     } else if (destination->lpData != nullptr) {
-        copyUsedBytes(destination, source);
+        frameCopyUsed(destination->lpData, destination->dwBufferLength, source, DataPlace{});
     }
 }
 

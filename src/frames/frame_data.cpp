@@ -30,11 +30,12 @@ void forgetOldData(PDFRAME frame, const char *msgarea, uint32_t line) {
 // Step 4 of heapHelpAllocDFrame. The heap rounds dataSize up, also if it has no room: the local heap is then asked
 // for the rounded size.
 void placeInPool(PDFRAME frame, uint64_t &dataSize, const char *msgarea, uint32_t line) {
-    if (!mainPoolNeed()) {
+    ::DFHEAP *heap = nullptr;
+    if (!mainPoolNeed(heap)) {
         return;
     }
     const uintptr_t data =
-        DFHEAP_AllocTrace(mainHeap, &dataSize, reinterpret_cast<uintptr_t>(frame), nullptr, msgarea, line);
+        DFHEAP_AllocTrace(heap, &dataSize, reinterpret_cast<uintptr_t>(frame), nullptr, msgarea, line);
     frame->lpData = reinterpret_cast<uint8_t *>(data);
     if (data != 0) {
         frame->dwBufferLength = static_cast<uint32_t>(dataSize);

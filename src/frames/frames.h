@@ -50,12 +50,17 @@ extern uint32_t mainSmallest;
 void *mainPoolAlloc(std::atomic<uint64_t> &size);
 
 /** Makes pool and heap unless there is a pool.
+ *  @param heap  out: the pool's heap, read once
  *  @return false if one of both couldn't be had, which is reported. A pool without a heap, from an earlier failure,
- *          is a pool. */
-bool mainPoolNeed();
+ *          is a pool; `heap` is null then. */
+bool mainPoolNeed(::DFHEAP *&heap);
 
-/** Ends heap and pool when the library leaves the process. Takes no lock, and resets no figure. */
+/** Ends heap and pool when the library leaves the process. Resets no figure. If other threads may still be inside, because
+ *  the process is in exit(), the heap is reported and left as it is for them. */
 void mainPoolDetach();
+
+/** From now on a fork holds the locks of pool, heaps, frames and trace, the outermost first. Later calls do nothing. */
+void mainPoolHookFork();
 /** @} */
 
 /** The block around a frame. */
@@ -132,21 +137,32 @@ int32_t heapHelpFreeDFrame(PDFRAME *ppDF, const char *msgarea, uint32_t line);
  *  Decided here for all commands, and stored nowhere.
  *  @{ */
 struct DataPlace {
-    bool inPool = false;
+    ::DFHEAP *heap = nullptr; // the pool's, if the data lies there; read once for the whole command
     PHALLOC *local = nullptr; // the descriptor, if it lies in a local block
-    bool known() const { return inPool || local != nullptr; }
+    bool known() const { return heap != nullptr || local != nullptr; }
 };
 
 /** What commands answer, -1, if neither heap knows the pointer. */
 inline constexpr uint64_t kFrameNowhere = UINT64_MAX;
 
-/** True if lpData points into the pool's region. Cheap, where DataPlace may cost system calls. */
-inline bool frameInPool(const DFRAME *frame) { return DFHEAP_Contains(mainHeap, frameData(frame)) != 0; }
+/** The pool's heap if lpData points into the pool's region, else null. Cheap, where framePlace may cost system calls. */
+inline ::DFHEAP *frameHeap(const DFRAME *frame) {
+    ::DFHEAP *const heap = mainHeap;
+    return DFHEAP_Contains(heap, frameData(frame)) != 0 ? heap : nullptr;
+}
 DataPlace framePlace(const DFRAME *frame);
 
-/** The bytes in use. Of a frame that says to use more than its length, no more than there are from lpData to the end
- *  of its block, or its length if the pointer lies in no block. Takes the pool's lock for such a frame only. */
-uint32_t frameReadable(const DFRAME *frame, const DataPlace &place);
+/** True if lpData has been moved beyond the end of the local block that the lookup finds for it. No byte there is the
+ *  frame's. */
+bool frameBeyondBlock(const DFRAME *frame, const DataPlace &place);
+
+/** Bytes from lpData to the end of its block, 0 beyond it; UINT64_MAX if it lies in no block. Acquires the pool's lock. */
+uint64_t frameBytesThere(const DFRAME *frame, const DataPlace &place);
+
+/** Copies the frame's dwBytesUsed bytes, at most `capacity` and none beyond the end of a known block. What a frame in no
+ *  block claims to use beyond its dwBufferLength is copied as far as it can be read.
+ *  @return bytes copied */
+uint32_t frameCopyUsed(uint8_t *destination, uint32_t capacity, const DFRAME *frame, const DataPlace &place);
 
 /** Drops one reference on the data. lpData stays.
  *  @return false if neither heap knows the pointer. The pool answers for its whole region, also for an address in no
@@ -164,8 +180,9 @@ int32_t frameAddRefData(const DFRAME *frame, const DataPlace &place, const char 
 bool frameDataToStart(PDFRAME frame, const DataPlace &place, const char *msgarea, uint32_t line);
 
 /** A new buffer of dwBufferLength bytes from one heap and no other; the pool rounds dwBufferLength.
+ *  @param heap  the pool's, or null for the local heap
  *  @return false, and a null lpData, if there is no memory */
-bool frameAllocBuffer(PDFRAME frame, bool inPool, const char *msgarea, uint32_t line);
+bool frameAllocBuffer(PDFRAME frame, ::DFHEAP *heap, const char *msgarea, uint32_t line);
 /** @} */
 
 /** @name The commands, as dframe.h tells them

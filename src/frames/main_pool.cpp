@@ -11,10 +11,15 @@
 
 #include "local/local_heap.h"
 #include "trace/trace.h"
+#include "util/exit.h"
 #include "util/hold.h"
+#include "util/host.h"
+#include "util/once.h"
+#include "util/tools.h"
 
 #include <algorithm>
 #include <mutex>
+#include <new>
 
 namespace brenvole {
 
@@ -35,8 +40,21 @@ constexpr uint64_t kStepDownEnd = 0x1000000;
 // sink that hears of it may run commands, and these find the state as it then is.
 std::recursive_mutex poolLock;
 
-// While DFRAME_RESET makes the pool, a sink's command that needs one makes none of its own.
+// While DFRAME_RESET makes the pool, a sink's command that needs one makes none of its own. A sink may throw, and its
+// thread may be cancelled: no flag outlives the command.
 std::atomic<bool> resetting = false;
+struct Resetting {
+    const std::scoped_lock<std::recursive_mutex> hold{poolLock};
+    Resetting() { resetting = true; }
+    ~Resetting() { resetting = false; }
+    Resetting(const Resetting &) = delete;
+    Resetting &operator=(const Resetting &) = delete;
+};
+
+constinit QXOnce forkOnce = 0;
+
+// What other threads may still be inside of at the end of the process. Kept here so that nobody takes it for lost.
+std::atomic<::DFHEAP *> heapAtExit = nullptr;
 
 // ---- DFRAME_RESET ----------------------------------------------------------------------------------------------
 
@@ -102,14 +120,27 @@ void dropHeap() {
     }
 }
 
+// The heap, if it stays, no longer has memory behind its blocks.
 void dropPool() {
     if (void *const pool = mainPool.exchange(nullptr)) {
+        if (::DFHEAP *const heap = mainHeap) {
+            heap->bRegionOurs = 0;
+        }
+        if (qxWatched()) {
+            qxAllowAccess(reinterpret_cast<uintptr_t>(pool), mainPoolSize); // whoever gets these addresses next
+        }
         qxOSVirtualFree(pool);
     }
 }
 
 ::DFHEAP *createHeap(void *pool) {
-    return DFHEAP_Create(0, reinterpret_cast<uintptr_t>(pool), mainPoolSize, mainGranularity, mainSmallest);
+    ::DFHEAP *const heap =
+        DFHEAP_Create(0, reinterpret_cast<uintptr_t>(pool), mainPoolSize, mainGranularity, mainSmallest);
+    if (heap != nullptr && qxWatched()) {
+        heap->bRegionOurs = 1;
+        qxForbidAccess(reinterpret_cast<uintptr_t>(pool), mainPoolSize);
+    }
+    return heap;
 }
 
 // Steps 1 to 3 of the pool's stage: 1 there is one; 2 the region; 3 its heap. What couldn't be had, in words; else
@@ -133,10 +164,8 @@ const char *makePool() {
 
 // Steps 4 to 12 of DFRAME_RESET.
 uint64_t rebuild(int64_t param1) {
-    dropHeap();                        // 4
-    if (void *const pool = mainPool) { // 5; set anew in step 9 or 10
-        qxOSVirtualFree(pool);
-    }
+    dropHeap(); // 4
+    dropPool(); // 5
     uint64_t total = 0; // 6
     uint64_t available = 0;
     qxOSMemoryStatus(&total, &available);
@@ -175,14 +204,18 @@ void *mainPoolAlloc(std::atomic<uint64_t> &size) {
     return base;
 }
 
-bool mainPoolNeed() {
-    if (mainPool.load() != nullptr && mainHeap.load() != nullptr) {
-        return true;
+bool mainPoolNeed(::DFHEAP *&heap) {
+    if (mainPool.load() != nullptr) { // first: a heap that has lost its pool isn't taken for the next pool's
+        heap = mainHeap;
+        if (heap != nullptr) {
+            return true;
+        }
     }
     const char *const problem = makePool();
     if (problem != nullptr) {
-        ErrFmtOut(QX_WARNING, 0, 0, "WARNING(dfmem): %s\n", problem); // behind the lock
+        ErrFmtOut(QX_WARNING, 0, 0, "WARNING(dfmem): %s\n", problem); // after the lock has been left
     }
+    heap = mainHeap;
     return problem == nullptr && !resetting;
 }
 
@@ -203,10 +236,8 @@ uint64_t commandReset(uint32_t command, int64_t param1) {
             return frameRefuse(inUse, "Brenvole in use, no re-alloc(0x%lX)");
         }
     }
-    resetting = true;
-    const uint64_t result = rebuild(param1); // 4 to 12
-    resetting = false;
-    return result;
+    const Resetting now;
+    return rebuild(param1); // 4 to 12
 }
 
 // Steps: 1 it is told; 2 the cached block; 3 the heap; 4 the region; 5 the defaults; 6 the trace.
@@ -227,8 +258,23 @@ uint64_t commandClose(uint32_t command) {
 }
 
 void mainPoolDetach() {
-    dropHeap();
+    if (qxInExit() && qxHasOtherThreads()) {
+        if (::DFHEAP *const heap = mainHeap.exchange(nullptr)) {
+            heapAtExit = heap;
+            DFHEAP_ReportAtExit(heap);
+        }
+    } else {
+        dropHeap();
+    }
     dropPool();
+}
+
+void mainPoolHookFork() {
+    qxOnce(forkOnce, [] {
+        allHeapsHookFork();
+        // In the child the mutex is made anew: its thread has another number than the one that holds it.
+        qxAtFork([] { poolLock.lock(); }, [] { poolLock.unlock(); }, [] { new (&poolLock) std::recursive_mutex; });
+    });
 }
 
 } // namespace brenvole

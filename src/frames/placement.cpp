@@ -6,6 +6,7 @@
 #include "local/dfmem_lock.h"
 #include "local/local_heap.h"
 #include "trace/trace.h"
+#include "util/guard.h"
 #include "util/hold.h"
 
 #include <algorithm>
@@ -33,31 +34,48 @@ void resetHeader(PDFRAME frame) {
 } // namespace
 
 DataPlace framePlace(const DFRAME *frame) {
-    const bool inPool = frameInPool(frame);
-    return {inPool, inPool ? nullptr : LHEAP_Find(frameData(frame))};
+    ::DFHEAP *const heap = frameHeap(frame);
+    return {heap, heap != nullptr ? nullptr : LHEAP_Find(frameData(frame))};
 }
 
-uint32_t frameReadable(const DFRAME *frame, const DataPlace &place) {
-    if (!frameOverwritten(frame)) { // nearly always: no lock, no look-up
-        return frame->dwBytesUsed;
+bool frameBeyondBlock(const DFRAME *frame, const DataPlace &place) {
+    return place.local != nullptr && LHEAP_Offset(place.local, frameData(frame)) > place.local->qwSize;
+}
+
+uint64_t frameBytesThere(const DFRAME *frame, const DataPlace &place) {
+    if (place.heap != nullptr) {
+        return DFHEAP_BytesFrom(place.heap, frameData(frame));
     }
-    uint64_t there = 0;
-    if (place.inPool) {
-        there = DFHEAP_BytesFrom(mainHeap, frameData(frame));
-    } else if (place.local != nullptr) { // the nearest block below, which may end in front of the pointer
-        const uint64_t moved = frameData(frame) - reinterpret_cast<uintptr_t>(LHEAP_DataStart(place.local));
-        there = place.local->qwSize - std::min(place.local->qwSize, moved);
+    if (place.local != nullptr) {
+        const uint64_t size = place.local->qwSize;
+        return size - std::min(size, LHEAP_Offset(place.local, frameData(frame)));
     }
-    if (there == 0) {
-        there = frame->dwBufferLength;
+    return UINT64_MAX;
+}
+
+uint32_t frameCopyUsed(uint8_t *destination, uint32_t capacity, const DFRAME *frame, const DataPlace &place) {
+    const uint32_t used = frame->dwBytesUsed;
+    const uint32_t length = frame->dwBufferLength;
+    const uint64_t there = frameBytesThere(frame, place);
+    if (there != UINT64_MAX || used <= length) {
+        const auto count = static_cast<uint32_t>(std::min<uint64_t>(used, there));
+        qxOSCopyMemorySafeFast(destination, frame->lpData, count, capacity);
+        return std::min(count, capacity);
     }
-    return static_cast<uint32_t>(std::min<uint64_t>(frame->dwBytesUsed, there));
+    qxOSCopyMemorySafeFast(destination, frame->lpData, length, capacity);
+    if (capacity <= length) {
+        return capacity;
+    }
+    const bool whole = qxGuarded([=] { // what the frame claims may not be there
+        qxOSCopyMemorySafeFast(destination + length, frame->lpData + length, used - length, capacity - length);
+    });
+    return whole ? std::min(used, capacity) : length;
 }
 
 bool frameReleaseData(const DFRAME *frame, const char *msgarea, uint32_t line) {
     const DataPlace place = framePlace(frame);
-    if (place.inPool) {
-        DFHEAP_FreeTrace(mainHeap, frameData(frame), nullptr, msgarea, line);
+    if (place.heap != nullptr) {
+        DFHEAP_FreeTrace(place.heap, frameData(frame), nullptr, msgarea, line);
     } else if (place.local != nullptr) {
         LHEAP_Free(place.local, msgarea, line); // a refusal has been told there, and changes nothing here
     }
@@ -66,8 +84,8 @@ bool frameReleaseData(const DFRAME *frame, const char *msgarea, uint32_t line) {
 
 int32_t frameAddRefData(const DFRAME *frame, const DataPlace &place, const char *msgarea, uint32_t line,
                         const char *detail) {
-    if (place.inPool) {
-        return DFHEAP_AddRefTrace(mainHeap, frameData(frame), nullptr, msgarea, line);
+    if (place.heap != nullptr) {
+        return DFHEAP_AddRefTrace(place.heap, frameData(frame), nullptr, msgarea, line);
     }
     PHALLOC *const descriptor = place.local;
     int32_t count = 0;
@@ -83,22 +101,22 @@ int32_t frameAddRefData(const DFRAME *frame, const DataPlace &place, const char 
     return 0;
 }
 
-bool frameAllocBuffer(PDFRAME frame, bool inPool, const char *msgarea, uint32_t line) {
-    if (!inPool) {
+bool frameAllocBuffer(PDFRAME frame, ::DFHEAP *heap, const char *msgarea, uint32_t line) {
+    if (heap == nullptr) {
         return LHEAP_Alloc(frame->dwBufferLength, frame, msgarea, line) != nullptr; // stores it, too
     }
     uint64_t size = frame->dwBufferLength;
     const uintptr_t data =
-        DFHEAP_AllocTrace(mainHeap, &size, reinterpret_cast<uintptr_t>(frame), nullptr, msgarea, line);
+        DFHEAP_AllocTrace(heap, &size, reinterpret_cast<uintptr_t>(frame), nullptr, msgarea, line);
     frame->dwBufferLength = static_cast<uint32_t>(size);
     frame->lpData = reinterpret_cast<uint8_t *>(data);
     return data != 0;
 }
 
 bool frameDataToStart(PDFRAME frame, const DataPlace &place, const char *msgarea, uint32_t line) {
-    if (place.inPool) {
+    if (place.heap != nullptr) {
         uintptr_t data = frameData(frame); // the field itself isn't aligned
-        DFHEAP_FixAllocTrace(mainHeap, &data, msgarea, line);
+        DFHEAP_FixAllocTrace(place.heap, &data, msgarea, line);
         frame->lpData = reinterpret_cast<uint8_t *>(data);
     } else if (place.local != nullptr) {
         frame->lpData = LHEAP_DataStart(place.local);
@@ -121,7 +139,7 @@ uint64_t commandIsBrenvole(PDFRAME *ppDF) {
         return 0;
     }
     frameReportOverwrite(frame, "DFrameIsBrenvole memory overwrite");
-    return !frameIsCustom(frame) && frameInPool(frame) ? 1 : 0;
+    return !frameIsCustom(frame) && frameHeap(frame) != nullptr ? 1 : 0;
 }
 
 // The pool answers with a distance, the local heap with an address.
@@ -139,8 +157,8 @@ uint64_t commandFindAlloc(PDFRAME *ppDF, const char *msgarea, uint32_t line) {
     }
     const DataPlace place = framePlace(frame);
     const uintptr_t data = frameData(frame);
-    if (place.inPool) {
-        return DFHEAP_FindAllocTrace(mainHeap, &data, msgarea, line);
+    if (place.heap != nullptr) {
+        return DFHEAP_FindAllocTrace(place.heap, &data, msgarea, line);
     }
     return place.local != nullptr ? reinterpret_cast<uintptr_t>(LHEAP_DataStart(place.local)) : kFrameNowhere;
 }

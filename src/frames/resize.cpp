@@ -15,8 +15,8 @@ namespace {
 struct Resizing {
     PDFRAME frame;
     DataPlace place;
-    uint8_t *old;      // the data pointer as it was
-    uint32_t readable; // bytes in use there
+    uint8_t *old;   // the data pointer as it was
+    uint32_t inUse; // bytes in use there, in the block
     uint32_t newLength;
     const char *msgarea;
     uint32_t line;
@@ -26,11 +26,11 @@ struct Resizing {
 
 // How far the data pointer lies behind the start of its block.
 uint32_t offsetOf(const Resizing &resizing) {
-    if (resizing.place.inPool) {
+    if (resizing.place.heap != nullptr) {
         const uintptr_t data = frameData(resizing.frame);
-        return DFHEAP_FindAllocTrace(mainHeap, &data, resizing.msgarea, resizing.line);
+        return DFHEAP_FindAllocTrace(resizing.place.heap, &data, resizing.msgarea, resizing.line);
     }
-    return static_cast<uint32_t>(resizing.old - LHEAP_DataStart(resizing.place.local));
+    return static_cast<uint32_t>(LHEAP_Offset(resizing.place.local, frameData(resizing.frame)));
 }
 
 // Step 4: the new buffer in lpData, or null. A sum that 32 bits can't hold is more than a local block can have. In
@@ -39,14 +39,15 @@ uint32_t offsetOf(const Resizing &resizing) {
 void allocate(Resizing &resizing) {
     PDFRAME const frame = resizing.frame;
     uint64_t request = uint64_t{resizing.newLength} + resizing.offset;
-    if (resizing.place.inPool && resizing.newLength == 0 && resizing.offset % mainGranularity == 0) {
+    if (resizing.place.heap != nullptr && resizing.newLength == 0 && resizing.offset % mainGranularity == 0) {
         request += resizing.offset != 0 ? 1 : 0;
     }
     resizing.request = static_cast<uint32_t>(request);
     frame->lpData = nullptr;
-    if (resizing.place.inPool) {
-        frame->lpData = reinterpret_cast<uint8_t *>(DFHEAP_AllocTrace(
-            mainHeap, &request, reinterpret_cast<uintptr_t>(frame), nullptr, resizing.msgarea, resizing.line));
+    if (resizing.place.heap != nullptr) {
+        frame->lpData = reinterpret_cast<uint8_t *>(
+            DFHEAP_AllocTrace(resizing.place.heap, &request, reinterpret_cast<uintptr_t>(frame), nullptr,
+                              resizing.msgarea, resizing.line));
     } else if (request <= UINT32_MAX) {
         LHEAP_Alloc(static_cast<uint32_t>(request), frame, resizing.msgarea, resizing.line); // stores it, too
     }
@@ -61,7 +62,7 @@ void carryOver(const Resizing &resizing) {
         frame->lpData += resizing.offset;
     }
     frame->dwBufferLength = resizing.newLength;
-    const uint32_t kept = std::min(resizing.readable, resizing.newLength);
+    const uint32_t kept = std::min(resizing.inUse, resizing.newLength);
     if (kept != 0) { // 6
         qxOSCopyMemorySafeFast(frame->lpData, resizing.old, kept, resizing.newLength);
     }
@@ -88,13 +89,14 @@ uint64_t commandResize(int64_t param1, PDFRAME *ppDF, const char *msgarea, uint3
         return frameRefuse(DFMEM_E_INVALIDARG, "DFRAME_RESIZE|BadSize(0x%lX)");
     }
     const DataPlace place = framePlace(frame);
-    if (!place.known()) {
+    if (!place.known() || frameBeyondBlock(frame, place)) {
         return kFrameNowhere;
     }
     Resizing resizing{.frame = frame,
                       .place = place,
                       .old = frame->lpData,
-                      .readable = frameReadable(frame, place),
+                      .inUse = static_cast<uint32_t>(
+                          std::min<uint64_t>(frame->dwBytesUsed, frameBytesThere(frame, place))),
                       .newLength = static_cast<uint32_t>(param1),
                       .msgarea = msgarea,
                       .line = line};
@@ -104,11 +106,11 @@ uint64_t commandResize(int64_t param1, PDFRAME *ppDF, const char *msgarea, uint3
         frame->lpData = resizing.old;
         return frameRefuse(DFMEM_E_OUTOFMEMORY, "DFRAME_RESIZE|NoMemory(0x%lX)");
     }
-    carryOver(resizing);         // 5, 6, 7
-    if (resizing.place.inPool) { // 8
-        DFHEAP_FreeTrace(mainHeap, reinterpret_cast<uintptr_t>(resizing.old), nullptr, msgarea, line);
+    carryOver(resizing);        // 5, 6, 7
+    if (place.heap != nullptr) { // 8
+        DFHEAP_FreeTrace(place.heap, reinterpret_cast<uintptr_t>(resizing.old), nullptr, msgarea, line);
     } else {
-        LHEAP_Free(resizing.place.local, msgarea, line);
+        LHEAP_Free(place.local, msgarea, line);
     }
     return 0; // 9
 }

@@ -26,7 +26,7 @@ struct Swapping {
 bool makeTarget(Swapping &swapping, int64_t least) {
     const DFRAME *const source = swapping.source;
     const auto size = static_cast<uint64_t>(std::max<int64_t>(least, source->dwBufferLength));
-    const uint32_t localOnly = frameInPool(source) ? 0 : 1;
+    const uint32_t localOnly = frameHeap(source) != nullptr ? 0 : 1;
     swapping.made = true;
     for (const uint32_t local : {localOnly, 1 - localOnly}) {
         if (swapping.target == nullptr) {
@@ -43,7 +43,7 @@ bool attachBuffer(const Swapping &swapping, int64_t least) {
     if (least > 0 && least > int64_t{target->dwBufferLength}) {
         target->dwBufferLength = static_cast<uint32_t>(least);
     }
-    return frameAllocBuffer(target, frameInPool(swapping.source), swapping.msgarea, swapping.line);
+    return frameAllocBuffer(target, frameHeap(swapping.source), swapping.msgarea, swapping.line);
 }
 
 void exchangeBuffers(PDFRAME source, PDFRAME target) {
@@ -56,11 +56,11 @@ void exchangeBuffers(PDFRAME source, PDFRAME target) {
 }
 
 // Both in the pool.
-uint64_t exchangeOwners(const Swapping &swapping) {
+uint64_t exchangeOwners(const Swapping &swapping, ::DFHEAP *heap) {
     PDFRAME const source = swapping.source;
     PDFRAME const target = swapping.target;
     const auto low = [](const void *pointer) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(pointer)); };
-    if (DFHEAP_SwapRefTrace(mainHeap, frameData(source), reinterpret_cast<uintptr_t>(source), frameData(target),
+    if (DFHEAP_SwapRefTrace(heap, frameData(source), reinterpret_cast<uintptr_t>(source), frameData(target),
                             reinterpret_cast<uintptr_t>(target), swapping.msgarea, swapping.line) != 0) {
         ErrOut("NoSwap DFrame DFHEAP Source(%08X %08X %s) Target(%08X %08X %s)", low(source), low(source->lpData),
                "Heap", low(target), low(target->lpData), "Heap");
@@ -92,28 +92,33 @@ void exchangeDescriptors(const Swapping &swapping, PHALLOC *ofSource, PHALLOC *o
     exchangeBuffers(swapping.source, swapping.target);
 }
 
-// Steps of the byte exchange: 1 one way; 2 both have to fit; 3 a temporary; 4 three copies; 5 it goes. A frame that
-// says to use more than it has gives what it has.
+uint64_t refuseBytes() { return frameRefuse(DFMEM_E_FAILED, "NoSwap DFrame LHEAP(0x%lX)"); }
+
+// Steps of the byte exchange: 1 one way; 2 both have to fit; 3 a temporary; 4 three copies; 5 it goes. Nothing is
+// written where a pointer has been moved beyond its block.
 uint64_t exchangeBytes(const Swapping &swapping, const DataPlace &ofSource, const DataPlace &ofTarget) {
     constexpr uint64_t kSlack = 512; // bytes that the temporary has beyond its content
     const DFRAME *const source = swapping.source;
     const DFRAME *const target = swapping.target;
-    const uint32_t fromSource = frameReadable(source, ofSource);
-    const uint32_t fromTarget = frameReadable(target, ofTarget);
+    if (frameBeyondBlock(target, ofTarget)) {
+        return refuseBytes();
+    }
     if (swapping.made || target->dwBytesUsed == 0) { // 1
-        qxOSCopyMemorySafeFast(target->lpData, source->lpData, fromSource, target->dwBufferLength);
+        frameCopyUsed(target->lpData, target->dwBufferLength, source, ofSource);
         return 0;
     }
-    if (source->dwBytesUsed >= target->dwBufferLength || target->dwBytesUsed >= source->dwBufferLength) { // 2
-        return frameRefuse(DFMEM_E_FAILED, "NoSwap DFrame LHEAP(0x%lX)");
+    if (source->dwBytesUsed >= target->dwBufferLength || target->dwBytesUsed >= source->dwBufferLength || // 2
+        frameBeyondBlock(source, ofSource)) {
+        return refuseBytes();
     }
-    void *const held = std::malloc(std::max(+source->dwBytesUsed, +target->dwBytesUsed) + kSlack); // 3, in 64 bits
+    auto *const held = static_cast<uint8_t *>( // 3, in 64 bits
+        std::malloc(std::max(+source->dwBytesUsed, +target->dwBytesUsed) + kSlack));
     if (held == nullptr) {
         return frameRefuse(DFMEM_E_OUTOFMEMORY, "NoSwap DFrame Temporary(0x%lX)");
     }
-    qxOSCopyMemorySafeFast(held, source->lpData, fromSource, target->dwBufferLength); // 4
-    qxOSCopyMemorySafeFast(source->lpData, target->lpData, fromTarget, source->dwBufferLength);
-    qxOSCopyMemorySafeFast(target->lpData, held, fromSource, target->dwBufferLength);
+    const uint32_t count = frameCopyUsed(held, target->dwBufferLength, source, ofSource); // 4
+    frameCopyUsed(source->lpData, source->dwBufferLength, target, ofTarget);
+    qxOSCopyMemorySafeFast(target->lpData, held, count, target->dwBufferLength);
     std::free(held); // 5
     return 0;
 }
@@ -122,8 +127,8 @@ uint64_t exchangeBytes(const Swapping &swapping, const DataPlace &ofSource, cons
 uint64_t exchangeData(const Swapping &swapping) {
     const DataPlace source = framePlace(swapping.source);
     const DataPlace target = framePlace(swapping.target);
-    if (source.inPool && target.inPool) {
-        return exchangeOwners(swapping);
+    if (source.heap != nullptr && target.heap != nullptr) {
+        return exchangeOwners(swapping, source.heap);
     }
     if (source.local == nullptr || target.local == nullptr) {
         return exchangeBytes(swapping, source, target);

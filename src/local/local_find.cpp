@@ -4,10 +4,13 @@
 // them are tried, the address's own piece of 16384 bytes and 16 more: a pointer may have been moved up the data
 // by almost 272 KiB, further than any header or line of a picture moves it.
 //
-// The scan reads memory that nobody vouches for. For the usual pointer, into a block that we remember, it reads
-// in place, and everything between descriptor and pointer is that block's own. For any other the system looks at
-// each candidate first, and only what has a local block's first guard word is read in place. So no fault is raised,
-// and it makes no difference which signals the thread blocks or what the host has made of its fault handlers.
+// The usual pointer lies in a block that we remember. Then that block is the answer, and nothing between its descriptor
+// and the pointer is looked at: data may hold whatever looks like a descriptor, be it made up by whoever made a media
+// file, or left over from an earlier block in the same place.
+//
+// Any other pointer is scanned for, in memory that nobody vouches for. The system looks at each candidate first, and only
+// what has a local block's first guard word is read in place. So no fault is raised, and it makes no difference which
+// signals the thread blocks or what the host has made of its fault handlers.
 #include "local_block.h"
 #include "local_heap.h"
 #include "util/guard.h"
@@ -24,24 +27,26 @@ static_assert(kLocalReach == kTries * kDataAlignment - 1);
 // More references than this on one block are taken for chance bits.
 constexpr uint32_t kMostReferences = 8192;
 
-// Where live and cached blocks lie; a hint only, see local_block.h. A note holds the block's data address in pieces
+// Where live and cached blocks lie, see local_block.h. A note holds the block's data address in pieces
 // of 16384 bytes and the length of its data in one word, so that reading it touches no block: a block that another
-// thread is just releasing may be gone already. A block's note stands in any place of its bucket.
+// thread is just releasing may be gone already. A block has one note, in any place of its
+// bucket.
 constexpr unsigned kBucketBits = 12; // 128 KiB in all; pages of it that no block needs are never touched
 constexpr unsigned kPlaces = 4;      // of a bucket: some 8000 live blocks before many notes are pushed out
 constexpr unsigned kLengthBits = 20; // more units than 32 bits of bytes hold; 44 bits are left for the address
+constexpr uint64_t kLengthMask = (uint64_t{1} << kLengthBits) - 1;
 
 using Bucket = std::array<std::atomic<uint64_t>, kPlaces>;
-alignas(64) std::array<Bucket, std::size_t{1} << kBucketBits> notes; // two buckets to a cache line
+alignas(64) constinit std::array<Bucket, std::size_t{1} << kBucketBits> notes{}; // two buckets to a cache line
 
 Bucket &bucketOf(uint64_t dataPiece) { return notes[qxSpread(dataPiece) >> (64 - kBucketBits)]; }
 
-// Length of the data that starts with this piece, in units of 8192 bytes, if we remember the block; else 0.
-uint64_t rememberedLength(uint64_t dataPiece) {
+// The note of the block whose data starts with this piece, or 0.
+uint64_t noteOf(uint64_t dataPiece) {
     for (const std::atomic<uint64_t> &place : bucketOf(dataPiece)) {
         const uint64_t note = place.load(std::memory_order_acquire);
         if (note >> kLengthBits == dataPiece) {
-            return note & ((uint64_t{1} << kLengthBits) - 1);
+            return note;
         }
     }
     return 0;
@@ -63,32 +68,41 @@ QX_READS_FOREIGN_MEMORY bool accepted(const volatile PHALLOC *record, uintptr_t 
            reinterpret_cast<uintptr_t>(record->pSelf) == own && localGuardsHold(record);
 }
 
-// Candidates, from the nearest on, that lie inside the block which holds `address`, if we remember that block;
-// else 0.
-unsigned candidatesInBlock(uintptr_t address) {
-    const uint64_t piece = address / kDataAlignment;
-    for (unsigned i = 0; i < kTries; ++i) {
-        const uint64_t length = rememberedLength(piece - i);
-        if (length != 0) {
-            return (address - (piece - i) * kDataAlignment) / kDataUnit < length ? i + 1 : 0;
-        }
-    }
-    return 0;
+// True if the note's block has data at the address.
+bool notesData(uint64_t note, uintptr_t address) {
+    const uint64_t start = (note >> kLengthBits) * kDataAlignment;
+    return note != 0 && address >= start && (address - start) / kDataUnit < (note & kLengthMask);
 }
 
-PHALLOC *scanInPlace(uintptr_t address, unsigned tries) {
-    for (unsigned i = 0; i < tries; ++i) {
-        auto *const record = reinterpret_cast<PHALLOC *>(candidateOf(address, i));
-        if (accepted(record, reinterpret_cast<uintptr_t>(record))) {
-            return record;
+// The descriptor of the block which has data at the address, if there is a note of it and the address is within reach;
+// else null.
+PHALLOC *notedAround(uintptr_t address) {
+    const uint64_t piece = address / kDataAlignment;
+    for (unsigned i = 0; i < kTries; ++i) {
+        const uint64_t note = noteOf(piece - i);
+        if (note != 0) { // blocks don't overlap: one that begins lower ends in front of this one
+            return notesData(note, address) ? reinterpret_cast<PHALLOC *>(candidateOf(address, i)) : nullptr;
         }
     }
     return nullptr;
 }
 
-// Tries the candidates from `first` on that may be there or not.
-PHALLOC *scanUnknown(uintptr_t address, unsigned first) {
-    for (unsigned i = first; i < kTries; ++i) {
+// True if the candidate lies inside the data of a block that we know: then it is data, or what an earlier block has left
+// there. Looks at all notes, since a long block may begin anywhere below; asked only of what passes for a descriptor.
+bool liesInData(uintptr_t candidate) {
+    for (const Bucket &bucket : notes) {
+        for (const std::atomic<uint64_t> &place : bucket) {
+            if (notesData(place.load(std::memory_order_acquire), candidate)) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+// For an address that no note covers: it lies in a block that we don't remember, or beyond the end of one, or in none.
+PHALLOC *scan(uintptr_t address) {
+    for (unsigned i = 0; i < kTries; ++i) {
         const uintptr_t candidate = candidateOf(address, i);
         // A descriptor lies within one page, so the word stands for all of it.
         switch (qxLookAtForeign(candidate + offsetof(PHALLOC, dwGuard1), kLocalGuard1)) {
@@ -96,7 +110,7 @@ PHALLOC *scanUnknown(uintptr_t address, unsigned first) {
         case ForeignWord::differs: break;
         case ForeignWord::looksEqual:
             auto *const record = reinterpret_cast<PHALLOC *>(candidate);
-            if (accepted(record, candidate)) {
+            if (accepted(record, candidate) && !liesInData(candidate)) {
                 return record;
             }
         }
@@ -114,24 +128,27 @@ QX_READS_FOREIGN_MEMORY bool localGuardsHold(const volatile PHALLOC *record) {
 void localRemember(const PHALLOC *descriptor) {
     const uint64_t piece = dataPieceOf(descriptor);
     const uint64_t length = (descriptor->qwSize + kDataUnit - 1) / kDataUnit;
-    const uint64_t note = piece << kLengthBits | length;
     Bucket &bucket = bucketOf(piece);
+    std::atomic<uint64_t> *free = &bucket[piece % kPlaces]; // pushes another block's note out, unless there is room
     for (std::atomic<uint64_t> &place : bucket) {
         const uint64_t seen = place.load(std::memory_order_relaxed);
-        if (seen >> kLengthBits == piece || seen == 0) { // a block from the cache has its note still
-            place.store(note, std::memory_order_release);
-            return;
+        if (seen >> kLengthBits == piece) { // a block from the cache has its note still
+            free = &place;
+            break;
+        }
+        if (seen == 0) {
+            free = &place;
         }
     }
-    bucket[piece % kPlaces].store(note, std::memory_order_release); // pushes another block's note out
+    free->store(piece << kLengthBits | length, std::memory_order_release);
 }
 
 void localForget(const PHALLOC *descriptor) {
     const uint64_t piece = dataPieceOf(descriptor);
     for (std::atomic<uint64_t> &place : bucketOf(piece)) {
-        if (place.load(std::memory_order_relaxed) >> kLengthBits == piece) {
-            place.store(0,
-                        std::memory_order_release); // may drop a note that has come between: that costs time, no more
+        uint64_t seen = place.load(std::memory_order_relaxed);
+        if (seen >> kLengthBits == piece) { // unless another block's note has pushed it out meanwhile
+            place.compare_exchange_strong(seen, 0, std::memory_order_release, std::memory_order_relaxed);
         }
     }
 }
@@ -139,10 +156,11 @@ void localForget(const PHALLOC *descriptor) {
 PHALLOC *LHEAP_Find(uintptr_t address) {
     PHALLOC *volatile found = nullptr;
     qxGuarded([&] {
-        const unsigned tries = candidatesInBlock(address);
-        found = tries != 0 ? scanInPlace(address, tries) : nullptr;
-        if (found == nullptr) {
-            found = scanUnknown(address, tries);
+        PHALLOC *const noted = notedAround(address);
+        if (noted == nullptr) {
+            found = scan(address);
+        } else if (accepted(noted, reinterpret_cast<uintptr_t>(noted))) { // else it is the cached block, or damaged
+            found = noted;
         }
     });
     return found;

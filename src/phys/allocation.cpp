@@ -201,15 +201,20 @@ uint64_t DFHEAP_AllocTrace(DFHEAP *heap, uint64_t *size, uint64_t owner, uint64_
         ErrOut("DFHEAP_Alloc called with zero size");
         return problem({"phys_alloc_zero", "DFHEAP_Alloc called with zero size"}, 0);
     }
-    const uint64_t granule = heap->qwGranularity;
+    constexpr NoBlock kOverflow{"phys_alloc_size_overflow", "allocation size alignment overflow"};
+    const uint64_t granule = physRead(heap->qwGranularity);
     if (!physRoundUp(*size, granule)) {
-        return problem({"phys_alloc_size_overflow", "allocation size alignment overflow"}, 0);
+        return problem(kOverflow, 0);
     }
     Carving carving{heap, *size, owner};
     {
         const QXHold hold(heap->Lock);
         if (heap->qwGranularity != granule) { // another thread has resized the heap
-            freeIndexBar(heap);
+            carving.size = wanted;
+            if (!physRoundUp(carving.size, heap->qwGranularity)) {
+                return problem(kOverflow, 0);
+            }
+            *size = carving.size;
         }
         if (qxGuarded([&] { carve(carving); }) && (carving.done || carving.record == nullptr)) {
             physAssertSound(heap);

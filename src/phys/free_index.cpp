@@ -73,13 +73,19 @@ void fewInsert(FreeIndex &index, int32_t start, int32_t length) {
     ++index.dwCount;
 }
 
-void fewRemove(FreeIndex &index, int32_t start) {
-    const uint32_t at = fewRank(index.alStart, index.dwCount, start);
+// `at` is below dwCount.
+void fewRemove(FreeIndex &index, uint32_t at) {
     const std::size_t behind = (--index.dwCount - at) * sizeof *index.alStart;
     std::memmove(index.alStart + at, index.alStart + at + 1, behind);
     std::memmove(index.alLength + at, index.alLength + at + 1, behind);
     index.alStart[index.dwCount] = INT32_MAX;
     index.alLength[index.dwCount] = 0;
+}
+
+// The entry of the segment that starts there; dwCount if it has none.
+uint32_t fewFind(const FreeIndex &index, int32_t start) {
+    const uint32_t at = fewRank(index.alStart, index.dwCount, start);
+    return at < index.dwCount && index.alStart[at] == start ? at : index.dwCount;
 }
 
 // ---- the tree -------------------------------------------------------------------------------------------------
@@ -245,7 +251,7 @@ bool freeIndexRemake(DFHEAP *heap) {
     FreeIndex &index = heap->Index;
     const bool few = d_ListCount(&heap->FreeList) <= kFewSegments;
     const bool wraps = heap->qwLength - 1 > UINT64_MAX - heap->lpBase; // its order by address is no order
-    const bool refused = index.eState == IndexState::barred || (index.eState == IndexState::off && !few);
+    const bool refused = index.eState == IndexState::off && !few;
     if (heap->ppChunkMap == nullptr || wraps || refused) {
         return false;
     }
@@ -262,13 +268,7 @@ bool freeIndexRemake(DFHEAP *heap) {
     return true;
 }
 
-void freeIndexSpoil(DFHEAP *heap) {
-    if (heap->Index.eState != IndexState::barred) {
-        heap->Index.eState = IndexState::stale;
-    }
-}
-
-void freeIndexBar(DFHEAP *heap) { heap->Index.eState = IndexState::barred; }
+void freeIndexSpoil(DFHEAP *heap) { heap->Index.eState = IndexState::stale; }
 
 PHALLOC *freeIndexFit(DFHEAP *heap, uint64_t size, bool fromBottom) {
     if (size > heap->qwLength) {
@@ -304,12 +304,37 @@ void freeIndexAdd(DFHEAP *heap, const PHALLOC *segment) {
     }
 }
 
+namespace {
+
+// False if the index isn't asked, or has no segment that starts at the granule: then it is out of date, for whatever
+// reason, and isn't asked any more.
+bool knows(DFHEAP *heap, int32_t start) {
+    const FreeIndex &index = heap->Index;
+    if (!holds(index)) {
+        return false;
+    }
+    const bool found = index.eState == IndexState::few
+                           ? fewFind(index, start) != index.dwCount
+                           : start >= 0 && static_cast<uint64_t>(start) < heap->qwChunkCount &&
+                                 treeLength(index, start) != 0;
+    if (!found) {
+        freeIndexSpoil(heap);
+    }
+    return found;
+}
+
+} // namespace
+
 void freeIndexRemove(DFHEAP *heap, const PHALLOC *segment) {
     FreeIndex &index = heap->Index;
+    const int32_t start = startOf(heap, segment);
+    if (!knows(heap, start)) {
+        return;
+    }
     if (index.eState == IndexState::few) {
-        fewRemove(index, startOf(heap, segment));
-    } else if (index.eState == IndexState::many) {
-        treeSet(index, startOf(heap, segment), 0);
+        fewRemove(index, fewFind(index, start));
+    } else {
+        treeSet(index, start, 0);
         if (--index.dwCount < kFewAgain) {
             treeToFew(index);
         }
@@ -318,14 +343,14 @@ void freeIndexRemove(DFHEAP *heap, const PHALLOC *segment) {
 
 void freeIndexChange(DFHEAP *heap, uint64_t from, const PHALLOC *segment) {
     FreeIndex &index = heap->Index;
-    if (!holds(index)) {
-        return;
-    }
     const int32_t old = granulesOf(heap, from - heap->lpBase);
     const int32_t start = startOf(heap, segment);
     const int32_t length = granulesOf(heap, segment->qwSize);
+    if (!knows(heap, old)) {
+        return;
+    }
     if (index.eState == IndexState::few) {
-        const uint32_t at = fewRank(index.alStart, index.dwCount, old);
+        const uint32_t at = fewFind(index, old);
         index.alStart[at] = start;
         index.alLength[at] = length;
         return;

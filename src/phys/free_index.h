@@ -12,7 +12,8 @@
  * fit from the bottom or the top, in as many steps as the tree has levels.
  *
  *  An operation that changes FreeList changes the index with it. Where a fault or a list's refusal stops it half-way,
- *  the index is dropped (stale), and made anew from the list by the next operation that asks. Whatever changes the
+ *  the index is dropped (stale), and made anew from the list by the next operation that asks. So it is where a segment
+ *  isn't found in it that should be: memory errors of the host's may have reached it. Whatever changes the
  * list on the way back from a fault drops it again: it may have been made anew in between.
  *
  *  All of it runs with the heap's Lock held. */
@@ -33,11 +34,10 @@ inline constexpr uint32_t kFewSegments = 64;
 inline constexpr uint32_t kMostLevels = 8;
 
 enum class IndexState : uint32_t {
-    barred, // walk until the next resize: a block is no multiple of the granule
-    off,    // walk
-    stale,  // walk, unless it can be made anew
-    few,    // the arrays; the tree, if there is one, holds nothing but zeros or isn't clean
-    many,   // the tree
+    off,   // walk
+    stale, // walk, unless it can be made anew
+    few,   // the arrays; the tree, if there is one, holds nothing but zeros or isn't clean
+    many,  // the tree
 };
 
 /** Rules: alStart ascends up to dwCount and is INT32_MAX behind it, where alLength is 0. Each node of the tree is the
@@ -62,8 +62,6 @@ void freeIndexReset(DFHEAP *heap);
 
 /** A change of FreeList was stopped half-way. */
 void freeIndexSpoil(DFHEAP *heap);
-/** A block is about to be made whose size was rounded by a granule that holds no longer. */
-void freeIndexBar(DFHEAP *heap);
 
 /** Brings the index up to date where that is called for. @return false: it can't be asked */
 bool freeIndexRemake(DFHEAP *heap);

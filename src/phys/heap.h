@@ -23,6 +23,8 @@
 
 #include <brenvole/dfheap.h>
 
+#include <atomic>
+
 struct DFHEAP {
     uint64_t qwPhysOffset;  // physical offset of the first usable byte
     uint64_t lpBase;        // first usable byte, a multiple of the granule, never 0
@@ -33,11 +35,15 @@ struct DFHEAP {
     d_List FreeList;        // free segments, by ascending address
     QXCRITICALSECTION Lock;
     brenvole::PHALLOC **ppChunkMap; // one entry a granule, or null: then lookups walk AllocList
-    brenvole::PHALLOC **ppGroupMap; // behind it, one entry for kGroup granules; or null
     uint64_t qwChunkCount;          // entries of ppChunkMap; 0 without a map
     uint64_t qwLargestFree;         // size of the largest segment, if valid
     uint32_t bLargestValid;
-    uint32_t dwShift; // the granule's power of two, or kNoShift
+    // Beyond what a heap is known by:
+    uint32_t bRegionOurs;           // the region is memory of this library's own, which knows its users
+    brenvole::PHALLOC **ppGroupMap; // behind ppChunkMap, one entry for kGroup granules; or null
+    uint32_t dwShift;               // the granule's power of two, or kNoShift
+    DFHEAP *lpNext;                 // of all heaps of the process, see all_heaps.cpp
+    DFHEAP *lpPrev;
     brenvole::FreeIndex Index;
 };
 
@@ -62,6 +68,17 @@ inline PHALLOC *physMapped(const DFHEAP *heap, uint64_t chunk) {
 
 /** True if the index may be asked; else FreeList is walked. */
 inline bool freeIndexReady(DFHEAP *heap) { return heap->Index.eState >= IndexState::few || freeIndexRemake(heap); }
+
+/** @name The geometry without Lock
+ *  It changes under Lock, in DFHEAP_Resize alone, and is read with and without.
+ *  @{ */
+inline uint64_t physRead(const uint64_t &word) {
+    return std::atomic_ref(const_cast<uint64_t &>(word)).load(std::memory_order_relaxed);
+}
+inline void physWrite(uint64_t &word, uint64_t value) {
+    std::atomic_ref(word).store(value, std::memory_order_relaxed);
+}
+/** @} */
 
 /** Rounds up to a multiple of `unit`, which is not 0.
  *  @return false, and `value` untouched, if the result would pass 2^64 - 1 */
@@ -90,11 +107,24 @@ void physInitRecord(PHALLOC *record);
 /** Takes 1 from phys_allocs, unless it is 0. */
 void physUncountAlloc();
 
-/** Bytes from `addr` to the end of its block; 0 if no block holds it. */
+/** Bytes from `addr`, which lies in the region, to the end of its block, or of the region if no block holds it. */
 uint64_t DFHEAP_BytesFrom(DFHEAP *heap, uint64_t addr);
 
 /** 1 if `addr` lies in the region, else 0; null arguments give 0. Takes no lock. */
 int32_t DFHEAP_Contains(const DFHEAP *heap, uint64_t addr);
+
+/** The end of a heap that other threads may still be inside of, because the process is in exit(): reports what
+ *  DFHEAP_Destroy reports, and releases nothing. */
+void DFHEAP_ReportAtExit(DFHEAP *heap);
+
+/** @name All heaps of the process
+ *  They are known so that a fork can acquire their locks. Fork handlers are registered with the first heap, or earlier.
+ *  @{ */
+void allHeapsEnter(DFHEAP *heap);
+void allHeapsLeave(DFHEAP *heap);
+/** Later calls do nothing. Whoever has a lock that is outside of the heaps' registers its own handlers afterwards. */
+void allHeapsHookFork();
+/** @} */
 
 /** The first broken rule, or 0. Lock held. */
 unsigned _DFHEAP_Check(DFHEAP *heap);
@@ -146,9 +176,10 @@ int32_t _DFHEAP_PlaceFree(Placing &placing);
  *  place after all. Lock held. */
 void physFinishPlacing(Placing &placing);
 
-/** Reads the records on both sides of a node, or at the end of a list. What can't be read faults here, where no list
+/** Reads the records on both sides of a node, or at an end of a list. What can't be read faults here, where no list
  *  is locked, and not inside the list operation that follows. In guarded sections only. */
 void physTouchAround(d_ListNode *node);
+void physTouchHead(d_List *list);
 void physTouchTail(d_List *list);
 
 /** True if the record stands on the list. Lists tell so in the node; not all of their operations have a result. */

@@ -46,11 +46,11 @@ bool _DFHEAP_SetGeometry(uint64_t physOffset, uint64_t base, uint64_t length, ui
         return false;
     }
     heap->qwPhysOffset = physOffset;
-    heap->lpBase = first;
-    heap->qwGranularity = granularity;
+    physWrite(heap->lpBase, first);
+    physWrite(heap->qwGranularity, granularity);
     heap->dwShift =
         std::has_single_bit(granularity) ? static_cast<uint32_t>(std::countr_zero(granularity)) : kNoShift;
-    heap->qwLength = usable;
+    physWrite(heap->qwLength, usable);
     return true;
 }
 
@@ -101,7 +101,11 @@ void physInitRecord(PHALLOC *record) {
 }
 
 int32_t DFHEAP_Contains(const DFHEAP *heap, uint64_t addr) {
-    return heap != nullptr && addr != 0 && addr >= heap->lpBase && addr - heap->lpBase < heap->qwLength ? 1 : 0;
+    if (heap == nullptr || addr == 0) {
+        return 0;
+    }
+    const uint64_t base = physRead(heap->lpBase);
+    return addr >= base && addr - base < physRead(heap->qwLength) ? 1 : 0;
 }
 
 } // namespace brenvole
@@ -128,7 +132,9 @@ DFHEAP *DFHEAP_Create(uint64_t physOffset, uintptr_t base, uint64_t length, uint
     freeIndexInit(heap);
     heap->qwLargestFree = record->qwSize;
     heap->bLargestValid = 1;
+    heap->bRegionOurs = 0;
     qxOSInitializeCriticalSection(&heap->Lock);
+    allHeapsEnter(heap);
     return heap;
 }
 
@@ -181,18 +187,46 @@ int32_t DFHEAP_Lock(DFHEAP *heap, int32_t lock) {
     return 0;
 }
 
+namespace brenvole {
+
+namespace {
+
+void reportLeak(const PHALLOC *leak) {
+    ErrOut("\nMemory found not free'ed size %d", static_cast<uint32_t>(leak->qwSize));
+    TraceProblem("phys_destroy_outstanding", tracePointer(leak->pOwner), tracePointer(leak->lpAddr), 0, leak->qwSize,
+                 leak->lRefCount, "brenvole", 0, "DFHEAP_Destroy found allocation still active");
+}
+
+void reportCounters() {
+    ErrOut("Net DFrames Allocated in brenvole %I64u (bytes = %I64u) phys heap allocations %I64u local heap "
+           "allocations %I64u",
+           dframes.load(), dframe_bytes.load(), phys_allocs.load(), local_allocs.load());
+}
+
+} // namespace
+
+void DFHEAP_ReportAtExit(DFHEAP *heap) {
+    TraceSnapshot("DFHEAP_Destroy");
+    {
+        const QXHold hold(heap->Lock);
+        for (d_ListNode *node = d_ListHead(&heap->AllocList); node != nullptr; node = d_ListNext(node)) {
+            reportLeak(physRecord(node));
+        }
+    }
+    reportCounters();
+}
+
+} // namespace brenvole
+
 void DFHEAP_Destroy(DFHEAP *heap) {
     if (heap == nullptr) {
         return;
     }
     TraceSnapshot("DFHEAP_Destroy");
+    allHeapsLeave(heap);
     qxOSDeleteCriticalSection(&heap->Lock); // nobody else is in the family for this heap
     releaseAll(&heap->FreeList, [](const PHALLOC *) {});
-    releaseAll(&heap->AllocList, [](const PHALLOC *leak) {
-        ErrOut("\nMemory found not free'ed size %d", static_cast<uint32_t>(leak->qwSize));
-        TraceProblem("phys_destroy_outstanding", tracePointer(leak->pOwner), tracePointer(leak->lpAddr), 0,
-                     leak->qwSize, leak->lRefCount, "brenvole", 0, "DFHEAP_Destroy found allocation still active");
-    });
+    releaseAll(&heap->AllocList, reportLeak);
     d_ListClose(&heap->FreeList);
     d_ListClose(&heap->AllocList);
     if (heap->ppChunkMap != nullptr) {
@@ -200,7 +234,5 @@ void DFHEAP_Destroy(DFHEAP *heap) {
     }
     freeIndexClose(heap);
     QXFree(heap);
-    ErrOut("Net DFrames Allocated in brenvole %I64u (bytes = %I64u) phys heap allocations %I64u local heap "
-           "allocations %I64u",
-           dframes.load(), dframe_bytes.load(), phys_allocs.load(), local_allocs.load());
+    reportCounters();
 }

@@ -103,12 +103,9 @@ uint64_t blockAround(DFHEAP *heap, Told &told) {
 } // namespace
 
 uint64_t DFHEAP_BytesFrom(DFHEAP *heap, uint64_t addr) {
-    if (heap == nullptr) {
-        return 0;
-    }
     const QXHold hold(heap->Lock);
     const PHALLOC *const record = _DFHEAP_FindAlloc(heap, addr);
-    return record != nullptr ? record->qwSize - (addr - record->lpAddr) : 0;
+    return record != nullptr ? record->qwSize - (addr - record->lpAddr) : heap->qwLength - (addr - heap->lpBase);
 }
 
 int32_t DFHEAP_AddRefTrace(DFHEAP *heap, uint64_t addr, uint64_t *owner, const char *msgarea, uint32_t line) {

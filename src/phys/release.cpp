@@ -90,7 +90,7 @@ Walk mergeByIndex(Placing &placing) {
     }
     PHALLOC *const prev = freeIndexBefore(heap, record->lpAddr);
     if (prev == nullptr) {
-        d_ListPrev(d_ListHead(&heap->FreeList)); // a fault comes here, where no list is locked
+        physTouchHead(&heap->FreeList);
         d_ListAddHead(&heap->FreeList, &record->Node);
     } else if (&prev->Node == d_ListTail(&heap->FreeList)) {
         physTouchTail(&heap->FreeList);
@@ -282,12 +282,25 @@ void physFinishPlacing(Placing &placing) {
     }
 }
 
-void physTouchAround(d_ListNode *node) {
-    d_ListPrev(d_ListNext(node));
-    d_ListNext(d_ListPrev(node));
+namespace {
+
+// Through volatile, so that no optimiser finds the reads useless. A node may lie across the border of two pages.
+void touch(const volatile d_ListNode *node) {
+    if (node != nullptr) {
+        static_cast<void>(node->lpNext);
+        static_cast<void>(node->lpList);
+    }
 }
 
-void physTouchTail(d_List *list) { d_ListPrev(d_ListTail(list)); }
+} // namespace
+
+void physTouchAround(d_ListNode *node) {
+    touch(d_ListNext(node));
+    touch(d_ListPrev(node));
+}
+
+void physTouchHead(d_List *list) { touch(d_ListHead(list)); }
+void physTouchTail(d_List *list) { touch(d_ListTail(list)); }
 
 namespace {
 

@@ -5,6 +5,7 @@
 #include "util/hold.h"
 #include "util/host.h"
 #include "util/once.h"
+#include "util/static_lock.h"
 #include "util/uninterrupted.h"
 #include "util/unload.h"
 
@@ -22,7 +23,10 @@ constexpr int32_t kScope = -1;                // of configuration values, as QXU
 
 bool atExitDone = false;
 std::atomic<bool> atExitCame = false; // first of all that end the trace, so that its name stands in the file
-QXOnce lockOnce;
+constinit QXOnce lockOnce = 0;
+constinit QXOnce forkOnce = 0;
+constinit QXStaticLock forkLock; // held by the forking thread from one handler to the other
+bool forkHolds = false;          // traceLock as well, which may be created in between; under forkLock
 
 // Rows wait here if there is no memory for more of them.
 constexpr std::size_t kSmallBuffer = 4096;
@@ -127,16 +131,30 @@ void closeAtExit() {
 
 // A forked child has a file of its parent's, with rows that haven't gone out and that the parent will send: the
 // child's trace ends where it begins.
-void beforeFork() { qxOSEnterCriticalSection(&traceLock); }
+void beforeFork() {
+    forkLock.lock();
+    forkHolds = qxDone(lockOnce);
+    if (forkHolds) {
+        qxOSEnterCriticalSection(&traceLock);
+    }
+}
 
-void forkedParent() { qxOSLeaveCriticalSection(&traceLock); }
+void forkedParent() {
+    if (forkHolds) {
+        qxOSLeaveCriticalSection(&traceLock);
+    }
+    forkLock.unlock();
+}
 
 void forkedChild() {
-    traceClosed = 1;
     if (std::FILE *const file = traceFile.exchange(nullptr)) {
+        traceClosed = 1;
         std::fclose(file);
     }
-    qxOSLeaveCriticalSection(&traceLock);
+    if (forkHolds) {
+        qxOSInitializeCriticalSection(&traceLock);
+    }
+    forkLock.unlock();
 }
 
 // What TraceOpen works on. The path is found before traceLock is taken, and the message goes out behind it: a message
@@ -170,7 +188,7 @@ int32_t TraceOpen(Opening &opening) {
     opening.message = "Brenvole DFrame trace enabled: %s"; // 7
     if (!atExitDone) {                                     // 8
         atExitDone = std::atexit(closeAtExit) == 0;
-        qxAtFork(beforeFork, forkedParent, forkedChild);
+        traceHookFork();
     }
     return 1;
 }
@@ -197,6 +215,10 @@ void traceFlush() {
 
 void traceLockCreate() {
     qxOnce(lockOnce, [] { qxOSInitializeCriticalSection(&traceLock); });
+}
+
+void traceHookFork() {
+    qxOnce(forkOnce, [] { qxAtFork(beforeFork, forkedParent, forkedChild); });
 }
 
 int32_t TraceDecide() {

@@ -8,6 +8,8 @@
 // Blanks around names and values don't count, names are compared without regard to the case of ASCII letters,
 // and of several entries of one name the last holds. The file belongs to the user and may hold anything: a line
 // that can't be understood is told once and skipped.
+#include "allocating.h"
+#include "fork.h"
 #include "ini.h"
 #include "platform.h"
 #include "qxutil.h"
@@ -39,8 +41,8 @@ struct Store {
     std::string content;
     IniEntries entries;
 };
-Store *store = nullptr; // made at the first question, never deleted: threads may ask until the process ends
-QXStaticLock storeLock; // guards `store`; messages go out after it is left, since a sink may ask the store
+Store *store = nullptr; // made at the first question, never deleted: threads may ask until the process ends.
+                        // Under qxStoreLock; messages go out after it is left, since a sink may ask the store
 
 // Where the store is; empty if nowhere. In `built`, if the path has to be made up: memory would cost more than the
 // rest, and the trace asks again and again.
@@ -96,8 +98,10 @@ void refresh(std::string &complaints) {
 std::optional<std::string> find(const char *section, const char *key) {
     std::string complaints;
     std::optional<std::string> value;
+    qxHookFork();
     {
-        const std::scoped_lock hold(storeLock);
+        const QXAllocating mark;
+        const std::scoped_lock hold(qxStoreLock);
         refresh(complaints);
         if (!store->entries.empty()) { // often it is: then no name has to be made up
             const auto entry = store->entries.find(iniName(section, key));

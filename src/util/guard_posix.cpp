@@ -2,24 +2,32 @@
 //
 // A memory fault arrives as a signal on the thread that made it. Our handler recovers only for a thread that is
 // inside a section, and only from faults that the system itself has raised; everything else goes on to the
-// action that stood before ours, as if we weren't there.
+// action that stood before ours, as if we weren't there. Two kinds of faults inside a section are the host's all the
+// same: one in the C library's allocator, whose lock a jump would leave held, and one in a signal handler of the host's
+// that has interrupted the section.
 //
 // The section's body is called through a pointer that the optimiser can't see through, and the fences keep the
 // arming and disarming stores on their side of it: otherwise plain reads, which "can't" end in our handler, may
 // be moved out of the section and the stores around them deleted.
 #include "guard.h"
 
+#include "once.h"
+#include "qxutil.h"
+
 #include <atomic>
 #include <cerrno>
 #include <csetjmp>
 #include <csignal>
-#include <mutex>
 
 #include <cxxabi.h>
 #include <linux/futex.h>
 #include <pthread.h>
 #include <sys/syscall.h>
+#include <ucontext.h>
 #include <unistd.h>
+#include <unwind.h>
+
+#pragma weak qxOSInAllocator // another QXUtil may have none
 
 namespace {
 
@@ -37,12 +45,12 @@ constexpr int kFaultCount = 2;
 
 // What handled a fault before us; the action is written once, before `armed`.
 struct Earlier {
-    struct sigaction action;
-    std::atomic<bool> used; // a one-shot handler has had its shot
+    struct sigaction action = {};
+    std::atomic<bool> used = false; // a one-shot handler has had its shot
 };
-Earlier earlierActions[kFaultCount];
-std::atomic<bool> armed = false;
-std::once_flag armOnce;
+constinit Earlier earlierActions[kFaultCount];
+constinit std::atomic<bool> armed = false;
+constinit QXOnce armOnce = 0;
 
 Earlier &earlierOf(int fault) { return earlierActions[fault == kFaults[0] ? 0 : 1]; }
 
@@ -86,9 +94,52 @@ void passOn(int fault, siginfo_t *info, void *context) {
     pthread_sigmask(SIG_SETMASK, &unmasked, nullptr);
 }
 
+// ---- whose fault it is ------------------------------------------------------------------------------------------
+
+struct Way {
+    uintptr_t fault;   // the instruction that faulted
+    uintptr_t section; // the stack address of the section
+    bool begun = false;
+    bool handler = false; // a signal handler was running between the two
+};
+
+// One frame of the stack, from our own handler outwards.
+_Unwind_Reason_Code lookAtFrame(_Unwind_Context *frame, void *context) {
+    Way &way = *static_cast<Way *>(context);
+    int interrupted = 0; // by a signal
+    const uintptr_t at = _Unwind_GetIPInfo(frame, &interrupted);
+    if (!way.begun) { // what stands before is how the fault came to us
+        way.begun = interrupted != 0 && at == way.fault;
+        return _URC_NO_REASON;
+    }
+    way.handler = interrupted != 0;
+    return way.handler || _Unwind_GetCFA(frame) > way.section ? _URC_END_OF_STACK : _URC_NO_REASON;
+}
+
+// True if a signal handler has interrupted the section, and the fault is its own. Walking up the stack takes some ten
+// microseconds. It acquires no lock where the C library finds unwind tables without one (glibc 2.35 and newer).
+bool isOfAHandler(const ucontext_t &context, Section *inner) {
+    const auto stack = static_cast<uintptr_t>(context.uc_mcontext.gregs[REG_RSP]);
+    Way way{static_cast<uintptr_t>(context.uc_mcontext.gregs[REG_RIP]), reinterpret_cast<uintptr_t>(inner)};
+    if (stack > way.section) {
+        return true; // on a stack of its own
+    }
+    constexpr uintptr_t kWord = sizeof(uint32_t);
+    if (qxLookAtForeign(way.fault / kWord * kWord, 0) == ForeignWord::unreadable) {
+        return false; // a jump to nowhere: the way up would begin with another fault
+    }
+    section = nullptr; // a fault on the way, over a stack that has been overwritten, is not for us to recover from
+    _Unwind_Backtrace(lookAtFrame, &way);
+    section = inner;
+    return way.handler;
+}
+
+bool isOfTheAllocator() { return qxOSInAllocator != nullptr && qxOSInAllocator() != 0; }
+
 void onFault(int fault, siginfo_t *info, void *context) {
     Section *const inner = section;
-    if (inner == nullptr || info->si_code <= 0) { // not ours, or sent by a process
+    if (inner == nullptr || info->si_code <= 0 || // not ours, or sent by a process
+        isOfTheAllocator() || isOfAHandler(*static_cast<ucontext_t *>(context), inner)) {
         const int error = errno;
         passOn(fault, info, context);
         errno = error;
@@ -102,6 +153,7 @@ void onFault(int fault, siginfo_t *info, void *context) {
 }
 
 void arm() {
+    _Unwind_Backtrace([](_Unwind_Context *, void *) { return _URC_END_OF_STACK; }, nullptr); // makes its tables
     for (int fault : kFaults) {
         sigaction(fault, nullptr, &earlierOf(fault).action);
     }
@@ -151,7 +203,7 @@ __attribute__((noinline)) bool runCatching(void (*body)(void *), void *context) 
 
 __attribute__((noinline)) bool qxGuardRun(void (*body)(void *), void *context) {
     if (!armed.load(std::memory_order_acquire)) {
-        std::call_once(armOnce, arm);
+        qxOnce(armOnce, arm);
     }
     Section own;
     own.outer = section;

@@ -7,6 +7,7 @@
 //
 // The system's own recursive mutex costs some 8 percent more than its plain one, for telling the two kinds apart (see
 // ./run bench).
+#include "fork.h"
 #include "qxutil.h"
 
 #include <atomic>
@@ -27,7 +28,7 @@ namespace {
 struct Lock {
     std::atomic<uintptr_t> word;    // 0: free; else the owner's mark
     uint32_t depth;                 // further entries of the owner, who alone touches it
-    std::atomic<uint32_t> sleepers; // threads that sleep or are about to
+    std::atomic<uint64_t> sleepers; // low half: threads that sleep or are about to; high half: their process
 };
 
 static_assert(sizeof(Lock) <= sizeof(QXCRITICALSECTION::u.abState) && alignof(Lock) <= alignof(QXCRITICALSECTION));
@@ -44,7 +45,12 @@ constexpr int kLooks = 6;
 // How sleepers and owners agree: 0 not asked yet, 1 by the system's barrier, -1 by one of the owner's own.
 // Sequentially consistent wherever it is read, and so is `sleepers`: who still finds 0 or -1 here has shown itself as
 // a sleeper to all who will find 1.
-std::atomic<int> barrier = 0;
+constinit std::atomic<int> barrier = 0;
+
+// Counts the forks between the first process and this one. Sleepers of another generation aren't here: a child must
+// not go on waking what slept in its parent.
+constexpr unsigned kGenerationShift = 32;
+constinit std::atomic<uint64_t> generation = 0; // in the place of a lock's high half
 
 // A thread's mark is the address of its own copy, made odd: no two threads that live have the same, and no half of it
 // is 0, which says free. The storage exists with the thread, so that taking a lock never allocates.
@@ -61,13 +67,18 @@ long futex(Lock &lock, int operation, uintptr_t value, const timespec *patience)
     return syscall(SYS_futex, &lock.word, operation, static_cast<uint32_t>(value), patience, nullptr, 0);
 }
 
+// The system's answer, as `barrier` has it.
+int barrierAnswer() {
+    const int error = errno;
+    const bool there = syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
+    errno = error;
+    return there ? 1 : -1;
+}
+
 void askForBarrier() {
     if (barrier.load() == 0) {
-        const int error = errno;
-        const bool there = syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
-        errno = error;
         int notAsked = 0; // one answer holds, whoever got it
-        barrier.compare_exchange_strong(notAsked, there ? 1 : -1);
+        barrier.compare_exchange_strong(notAsked, barrierAnswer());
     }
 }
 
@@ -77,12 +88,20 @@ bool takeFree(Lock &lock) {
            lock.word.compare_exchange_strong(free, ownMark(), std::memory_order_acquire, std::memory_order_relaxed);
 }
 
+bool inherited(uint64_t sleepers) { return ((sleepers ^ generation.load()) >> kGenerationShift) != 0; }
+
+void showSleeper(Lock &lock) {
+    uint64_t seen = lock.sleepers.load();
+    while (!lock.sleepers.compare_exchange_weak(seen, (inherited(seen) ? generation.load() : seen) + 1)) {
+    }
+}
+
 // Sleeps until the lock may be free.
 void sleepOn(Lock &lock) {
     // A barrier that the system refuses after all, say in a child that it has forgotten: then sleeping is for a
     // moment.
     constexpr timespec kMoment{0, 1'000'000};
-    lock.sleepers.fetch_add(1);
+    showSleeper(lock);
     const bool sure = barrier.load() != 1 || syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) == 0;
     const uintptr_t seen = lock.word.load();
     if (seen != 0) {
@@ -113,6 +132,10 @@ __attribute__((noinline, cold)) void enterTaken(Lock &lock) {
 }
 
 __attribute__((noinline, cold)) void wakeOne(Lock &lock) {
+    uint64_t seen = lock.sleepers.load();
+    if (inherited(seen) && lock.sleepers.compare_exchange_strong(seen, generation.load())) {
+        return; // they slept in a parent of this process
+    }
     const int error = errno;
     futex(lock, FUTEX_WAKE_PRIVATE, 1, nullptr);
     errno = error;
@@ -123,6 +146,7 @@ __attribute__((noinline, cold)) void wakeOne(Lock &lock) {
 void qxOSInitializeCriticalSection(QXCRITICALSECTION *lock) {
     new (lock->u.abState) Lock{};
     askForBarrier();
+    qxHookFork();
 }
 
 void qxOSEnterCriticalSection(QXCRITICALSECTION *lock) {
@@ -143,9 +167,17 @@ void qxOSLeaveCriticalSection(QXCRITICALSECTION *lock) {
     } else {
         own.word.exchange(0);
     }
-    if (own.sleepers.load() != 0) [[unlikely]] {
+    if (static_cast<uint32_t>(own.sleepers.load()) != 0) [[unlikely]] {
         wakeOne(own);
     }
 }
 
 void qxOSDeleteCriticalSection(QXCRITICALSECTION *) {} // it holds nothing of the system's
+
+// The forking thread has no other beside it here. Its own entries stay: its mark is where it was.
+void qxLocksForked() {
+    generation.fetch_add(uint64_t{1} << kGenerationShift);
+    if (barrier.load() != 0) {
+        barrier.store(barrierAnswer());
+    }
+}

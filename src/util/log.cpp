@@ -1,4 +1,6 @@
 // Messages: formatted on the calling thread, then handed whole to the host's sink or to the log.
+#include "allocating.h"
+#include "fork.h"
 #include "format.h"
 #include "platform.h"
 #include "qxutil.h"
@@ -19,8 +21,7 @@ struct Sink {
     void *context;
 };
 
-Sink logSink = {nullptr, nullptr}; // the host's, or null for the log; under sinkLock
-QXStaticLock sinkLock;
+Sink logSink = {nullptr, nullptr}; // the host's, or null for the log; under qxSinkLock
 
 // The file gets each message with exactly one line feed at its end; those inside it stay.
 void writeToLog(char *text, std::size_t length) {
@@ -33,8 +34,9 @@ void writeToLog(char *text, std::size_t length) {
 
 void deliver(uint32_t severity, char *text) {
     Sink sink;
+    qxHookFork();
     {
-        const std::scoped_lock hold(sinkLock);
+        const std::scoped_lock hold(qxSinkLock);
         sink = logSink;
     }
     if (sink.function != nullptr) { // no lock is held here: the sink may log, or set another sink
@@ -51,14 +53,20 @@ void logV(uint32_t severity, const char *format, std::va_list arguments) {
     char *block = nullptr;
     if (length >= sizeof usual) {
         // Not QXAlloc: a message often tells that QXAlloc has failed. Refused, the message goes out cut.
-        block = static_cast<char *>(std::malloc(length + 1));
+        {
+            const QXAllocating mark;
+            block = static_cast<char *>(std::malloc(length + 1));
+        }
         if (block != nullptr) {
             qxFormatV(block, length + 1, format, arguments);
             text = block;
         }
     }
     deliver(severity, text);
-    std::free(block);
+    if (block != nullptr) {
+        const QXAllocating mark;
+        std::free(block);
+    }
 }
 
 } // namespace
@@ -86,6 +94,7 @@ uint32_t ErrMsgOut(uint32_t status, const char *text, uintptr_t, uintptr_t, uint
 }
 
 void qxSetLogSink(QXLogSink sink, void *context) {
-    const std::scoped_lock hold(sinkLock);
+    qxHookFork();
+    const std::scoped_lock hold(qxSinkLock);
     logSink = {sink, context};
 }

@@ -2,6 +2,7 @@
 // one write at the file's end, so that several processes may share it and none is lost if the process dies.
 #include "platform.h"
 #include "qxutil.h"
+#include "static_lock.h"
 #include "uninterrupted.h"
 
 #include <cerrno>
@@ -16,9 +17,8 @@
 
 namespace {
 
-int logFile = -1;        // open file of QXUTIL_LOG, or standard error; -1 until the first message; under logLock
+int logFile = -1;        // open file of QXUTIL_LOG, or standard error; -1 until the first message; under qxLogLock
 struct stat logIdentity; // of that file, if it isn't standard error
-std::mutex logLock;
 
 void writeAll(int file, std::string_view text) {
     constexpr int kPatienceMs = 1000; // with a full pipe that doesn't block
@@ -58,7 +58,7 @@ bool logStillOpen() {
 
 void qxLogWrite(const char *text, std::size_t length) noexcept {
     const QXUninterrupted whole;
-    const std::scoped_lock hold(logLock);
+    const std::scoped_lock hold(qxLogLock);
     if (!logStillOpen()) {
         logFile = openLog();
     }

@@ -8,8 +8,14 @@
 // that no thread ever waits, and a thread that is moved to another processor half-way does no harm. What lies on the
 // shelves is given back when the library leaves.
 //
+// A block on a shelf carries a stamp in its first word. Whoever puts a block there exchanges that word, so that of two
+// releases of one block, on any processors, the second one finds the stamp and ends the process, as the C library does.
+//
 // It stands alone in its unit so that a program can put another one in its place.
+#include "allocating.h"
 #include "qxutil.h"
+#include "spread.h"
+#include "tools.h"
 
 #include <array>
 #include <atomic>
@@ -17,18 +23,13 @@
 #include <cstddef>
 #include <cstdlib>
 
-#include <dlfcn.h>
 #include <malloc.h>
 #include <sched.h>
 
-namespace {
+// The other name of the C library's own malloc; null where it has none.
+extern "C" void *__libc_malloc(std::size_t size) __attribute__((weak)); // NOLINT(bugprone-reserved-identifier)
 
-// The address sanitizer has to see each release.
-#ifdef __SANITIZE_ADDRESS__
-constexpr bool kShelved = false;
-#else
-constexpr bool kShelved = true;
-#endif
+namespace {
 
 constexpr std::size_t kLeast = 1024; // bytes; smaller ones the C library keeps for each thread, without a lock
 constexpr std::size_t kPlaces = 8;   // up to 256 KiB; a line of the cache
@@ -37,19 +38,15 @@ constexpr unsigned kShelves = 64;    // processors with a higher number share
 struct alignas(64) Shelf {
     std::array<std::atomic<void *>, kPlaces> blocks;
 };
-std::array<Shelf, kShelves> shelves; // zeros: nothing lies there
+constinit std::array<Shelf, kShelves> shelves{}; // zeros: nothing lies there
+constinit std::atomic<bool> closed = false;      // the library leaves: nothing is put there any more
 
-// Whether the program's allocator is one that tells the sizes of its blocks: some take the place of malloc and free,
-// and leave that function to the C library, which knows nothing of their blocks.
-bool tellsSizes() {
-    static const bool tells = [] {
-        Dl_info allocates{};
-        Dl_info measures{};
-        return dladdr(reinterpret_cast<void *>(&std::malloc), &allocates) != 0 &&
-               dladdr(reinterpret_cast<void *>(&malloc_usable_size), &measures) != 0 &&
-               allocates.dli_fbase == measures.dli_fbase;
-    }();
-    return tells;
+// Another allocator in the place of malloc is fast without us, and need not know malloc_usable_size; one that looks for
+// errors, such as a sanitizer's, has to see each release.
+bool shelving() {
+    void *(*const volatile used)(std::size_t) = &std::malloc;
+    void *(*const volatile own)(std::size_t) = &__libc_malloc;
+    return used == own && !qxUnderValgrind() && !closed.load(std::memory_order_relaxed);
 }
 
 // The place for blocks of that many bytes, or null.
@@ -61,6 +58,25 @@ std::atomic<void *> *placeFor(std::size_t bytes) {
     return &shelves[static_cast<unsigned>(sched_getcpu()) % kShelves].blocks[place];
 }
 
+std::atomic_ref<uint64_t> firstWord(void *block) { return std::atomic_ref(*static_cast<uint64_t *>(block)); }
+
+// Different for each block, and in each process: no data has it by chance.
+uint64_t stampFor(const void *block) {
+    return qxSpread(reinterpret_cast<uintptr_t>(block) ^ std::rotl(reinterpret_cast<uint64_t>(&shelves), 32));
+}
+
+void giveBack(void *block) {
+    if (block != nullptr) {
+        firstWord(block).store(0, std::memory_order_relaxed); // whoever gets it next may not write there
+        std::free(block);
+    }
+}
+
+[[noreturn]] void releasedTwice(void *block) {
+    ErrFmtOut(QX_ERROR, 0, 0, "ERROR(qxutil): QXFree: block 0x%p is released twice\n", block);
+    std::abort();
+}
+
 // A block of the shelf that is large enough, and at most a quarter larger than asked.
 void *takeFrom(std::atomic<void *> &place, std::size_t size) {
     if (place.load(std::memory_order_relaxed) == nullptr) {
@@ -70,24 +86,32 @@ void *takeFrom(std::atomic<void *> &place, std::size_t size) {
     if (block != nullptr) {
         const std::size_t usable = malloc_usable_size(block);
         if (usable >= size && usable - size <= size / 4) {
+            firstWord(block).store(0, std::memory_order_relaxed);
             return block;
         }
-        std::free(block);
+        giveBack(block);
     }
     return nullptr;
 }
 
-__attribute__((destructor)) void clearShelves() {
+void clearShelves() {
     for (Shelf &shelf : shelves) {
         for (std::atomic<void *> &place : shelf.blocks) {
-            std::free(place.exchange(nullptr));
+            giveBack(place.exchange(nullptr, std::memory_order_acquire));
         }
     }
+}
+
+// Behind the other destructors of a library that embeds this one: they still release blocks.
+__attribute__((destructor(102))) void closeShelves() {
+    closed = true;
+    clearShelves();
 }
 
 } // namespace
 
 void *QXAlloc(uint32_t size) {
+    const QXAllocating mark;
     std::atomic<void *> *const place = placeFor(size);
     void *block = place != nullptr ? takeFrom(*place, size) : nullptr;
     if (block == nullptr) {
@@ -101,19 +125,15 @@ void *QXAlloc(uint32_t size) {
 }
 
 void QXFree(void *block) {
-    if (!kShelved || !tellsSizes()) {
-        std::free(block);
-        return;
-    }
-    std::atomic<void *> *const place = placeFor(malloc_usable_size(block));
+    const QXAllocating mark;
+    std::atomic<void *> *const place = shelving() ? placeFor(malloc_usable_size(block)) : nullptr;
     if (place == nullptr) {
         std::free(block);
         return;
     }
-    void *const before = place->exchange(block, std::memory_order_acq_rel);
-    if (before == block) { // released twice: the C library shall say so
-        place->store(nullptr, std::memory_order_relaxed);
-        std::free(block);
+    const uint64_t stamp = stampFor(block);
+    if (firstWord(block).exchange(stamp, std::memory_order_acq_rel) == stamp) {
+        releasedTwice(block);
     }
-    std::free(before);
+    giveBack(place->exchange(block, std::memory_order_acq_rel));
 }

@@ -5,9 +5,11 @@
 // memory library tells its heaps apart: a pointer into a pool that is gone would then be taken for another pool's, or
 // a block of the allocator's for the pool's. So regions lie in a part of the address space of their own, one behind
 // the other, and none where another one was.
+#include "exit.h"
+#include "fork.h"
 #include "qxutil.h"
+#include "static_lock.h"
 
-#include <atomic>
 #include <cstdlib>
 #include <mutex>
 
@@ -32,12 +34,9 @@ struct Region {
     uint64_t mapped; // bytes, whole pages
 };
 
-// Under regionLock.
+// Under qxRegionLock.
 Region *regions = nullptr;
 uint64_t nextPlace = 0; // 0: none has been had yet
-std::mutex regionLock;
-
-std::atomic<bool> leaving = false; // the process is in exit()
 
 uint64_t roundUp(uint64_t size, uint64_t unit) { return (size + unit - 1) / unit * unit; }
 
@@ -55,7 +54,7 @@ uint64_t firstPlace() {
 void *mapRegion(uint64_t size) {
     if (nextPlace == 0) {
         nextPlace = firstPlace();
-        std::atexit([] { leaving = true; });
+        qxHookExit();
     }
     if (nextPlace > kPartEnd - size) {
         nextPlace = kPartStart; // the oldest places again
@@ -82,7 +81,8 @@ void *qxOSVirtualAlloc(uint64_t size) {
         return nullptr;
     }
     const uint64_t mapped = roundUp(size, page);
-    const std::scoped_lock hold(regionLock);
+    qxHookFork();
+    const std::scoped_lock hold(qxRegionLock);
     void *const base = mapRegion(mapped);
     if (base == nullptr) {
         std::free(region);
@@ -101,7 +101,7 @@ void *qxOSVirtualAlloc(uint64_t size) {
 void qxOSVirtualFree(void *base) {
     Region *found = nullptr;
     {
-        const std::scoped_lock hold(regionLock);
+        const std::scoped_lock hold(qxRegionLock);
         for (Region **at = &regions; *at != nullptr; at = &(*at)->next) {
             if ((*at)->base == base) {
                 found = *at;
@@ -113,7 +113,7 @@ void qxOSVirtualFree(void *base) {
     if (found == nullptr) {
         return;
     }
-    if (!leaving) {
+    if (!qxInExit()) {
         munmap(found->base, found->mapped);
     }
     std::free(found);

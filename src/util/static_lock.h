@@ -1,5 +1,6 @@
 /** @file
- *  Locks of QXUtil's own state, which exist before any code runs and after all of it. The owner may enter again.
+ *  Locks that exist before any code runs and after all of it, apart from the contract's. The owner does not enter
+ *  again. In a forked child whoever held one at the fork may leave it.
  *
  *  Not std::mutex: when a process ends on Windows, the system ends its other threads wherever they are, and what
  * still runs then (DllMain, which reports leaks) may find a lock taken for ever. The system's critical sections know
@@ -18,5 +19,14 @@ struct QXStaticLock {
     void lock(); ///< these names are what std::scoped_lock calls
     void unlock();
 };
+
+/** @name QXUtil's own locks
+ *  All innermost: nothing else is acquired under one, and no message goes out.
+ *  @{ */
+extern QXStaticLock qxStoreLock;  ///< the configuration store
+extern QXStaticLock qxLogLock;    ///< the log's file
+extern QXStaticLock qxSinkLock;   ///< the host's sink
+extern QXStaticLock qxRegionLock; ///< the table of regions
+/** @} */
 
 #endif

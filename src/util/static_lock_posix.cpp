@@ -1,6 +1,17 @@
-// The lock of the contract is free while it holds nothing but zeros.
+// The system's plain mutex, which is free while it holds nothing but zeros, and which a forked child may leave.
 #include "static_lock.h"
 
-void QXStaticLock::lock() { qxOSEnterCriticalSection(&Rest); }
+#include <pthread.h>
 
-void QXStaticLock::unlock() { qxOSLeaveCriticalSection(&Rest); }
+static_assert(sizeof(pthread_mutex_t) <= sizeof(QXCRITICALSECTION) &&
+              alignof(pthread_mutex_t) <= alignof(QXCRITICALSECTION));
+
+namespace {
+
+pthread_mutex_t *mutexOf(QXStaticLock &lock) { return reinterpret_cast<pthread_mutex_t *>(lock.Rest.u.abState); }
+
+} // namespace
+
+void QXStaticLock::lock() { pthread_mutex_lock(mutexOf(*this)); }
+
+void QXStaticLock::unlock() { pthread_mutex_unlock(mutexOf(*this)); }

@@ -1,0 +1,3 @@
+#include "fork.h"
+
+void qxHookFork() {} // processes don't fork here
