@@ -15,7 +15,6 @@
 #include "util/hold.h"
 #include "util/host.h"
 #include "util/once.h"
-#include "util/tools.h"
 
 #include <algorithm>
 #include <mutex>
@@ -126,8 +125,8 @@ void dropPool() {
         if (::DFHEAP *const heap = mainHeap) {
             heap->bRegionOurs = 0;
         }
-        if (qxWatched()) {
-            qxAllowAccess(reinterpret_cast<uintptr_t>(pool), mainPoolSize); // whoever gets these addresses next
+        if (blockMemoryMatters()) { // whoever gets these addresses next may access them
+            blockMemoryGiveBack({reinterpret_cast<uintptr_t>(pool), mainPoolSize, 0, 0, nullptr, 0});
         }
         qxOSVirtualFree(pool);
     }
@@ -136,9 +135,10 @@ void dropPool() {
 ::DFHEAP *createHeap(void *pool) {
     ::DFHEAP *const heap =
         DFHEAP_Create(0, reinterpret_cast<uintptr_t>(pool), mainPoolSize, mainGranularity, mainSmallest);
-    if (heap != nullptr && qxWatched()) {
+    if (heap != nullptr && blockMemoryMatters()) {
         heap->bRegionOurs = 1;
-        qxForbidAccess(reinterpret_cast<uintptr_t>(pool), mainPoolSize);
+        heap->dwGuard = blockGuardsOn() ? mainGranularity : 0;
+        blockMemoryForbid({reinterpret_cast<uintptr_t>(pool), mainPoolSize, 0, 0, nullptr, 0});
     }
     return heap;
 }

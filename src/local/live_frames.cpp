@@ -20,7 +20,7 @@ constexpr uint64_t kPinned = 1;
 constexpr unsigned kPlaceBits = 16; // 512 KiB; pages of it that no frame needs are never touched
 constexpr std::size_t kReach = 32;  // places, from a frame's own on, in which it may stand: tens of thousands of
                                     // frames before the first finds none
-std::array<std::atomic<uint64_t>, (std::size_t{1} << kPlaceBits) + kReach> places;
+constinit std::array<std::atomic<uint64_t>, (std::size_t{1} << kPlaceBits) + kReach> places{};
 
 std::span<std::atomic<uint64_t>> placesOf(uint64_t frame) {
     return std::span(places).subspan(qxSpread(frame) >> (64 - kPlaceBits), kReach);
@@ -51,6 +51,15 @@ void liveFrameLeave(uintptr_t frame) {
                 seen = frame;
             }
             return;
+        }
+    }
+}
+
+void liveFramesForget() {
+    for (std::atomic<uint64_t> &place : places) {
+        uint64_t seen = place.load(std::memory_order_relaxed);
+        if (seen != 0 && (seen & kPinned) == 0) { // a reader's goes when its frame does
+            place.compare_exchange_strong(seen, 0, std::memory_order_relaxed);
         }
     }
 }

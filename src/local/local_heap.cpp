@@ -1,5 +1,6 @@
 #include "local_heap.h"
 
+#include "block_memory.h"
 #include "dfmem_lock.h"
 #include "local_block.h"
 #include "trace/trace.h"
@@ -16,8 +17,10 @@ namespace {
 
 // What a block has beyond its data: room for the alignment and the descriptor area.
 constexpr uint32_t kBlockExtra = kDataAlignment + kDescriptorArea;
+// What it has beyond that where the end of its data is guarded.
+uint32_t guardRoom() { return blockGuardsOn() ? kDataUnit : 0; }
 // The largest request whose block size still fits the allocator's 32 bits.
-constexpr uint32_t kLargestRequest = (UINT32_MAX - kBlockExtra) / kDataUnit * kDataUnit;
+uint32_t largestRequest() { return (UINT32_MAX - kBlockExtra - guardRoom()) / kDataUnit * kDataUnit; }
 // A request must be larger than this to take the cached block: a small one would waste a big block.
 constexpr uint32_t kCacheThreshold = 688802;
 
@@ -44,7 +47,9 @@ template <class Work> void leave(Work &work) {
     qxOSLeaveCriticalSection(&dfmemLock);
 }
 
-uint32_t blockSizeOf(uint32_t size) { return (size + kDataUnit - 1) / kDataUnit * kDataUnit + kBlockExtra; }
+uint32_t blockSizeOf(uint32_t size) {
+    return (size + kDataUnit - 1) / kDataUnit * kDataUnit + kBlockExtra + guardRoom();
+}
 
 uint8_t *dataOf(char *block) {
     constexpr uint64_t kUp = kBlockExtra - 1;
@@ -59,8 +64,17 @@ void uncount(uint32_t size) {
     dfmemUncount(localBytes, size);
 }
 
-void giveBack(char *block) {
+// Of a block whose data is that long; what lies behind the data is the guard.
+BlockMemory memoryOf(char *block, uint32_t size, uint64_t owner, const char *msgarea, uint32_t line) {
+    const auto data = reinterpret_cast<uint64_t>(dataOf(block));
+    return {data, size, reinterpret_cast<uint64_t>(block) + blockSizeOf(size) - data - size, owner, msgarea, line};
+}
+
+void giveBack(char *block, uint32_t size) {
     localForget(descriptorOf(block));
+    if (blockMemoryMatters()) {
+        blockMemoryGiveBack(memoryOf(block, size, 0, nullptr, 0));
+    }
     QXFree(block);
 }
 
@@ -80,6 +94,12 @@ struct Making {
     volatile bool setting = false;  // at step 7
     char *volatile block = nullptr; // obtained and not yet handed out
     uint8_t *volatile result = nullptr;
+
+    ~Making() { // if an exception or the thread's end comes by way of a sink or an allocator
+        if (locked) {
+            leave(*this);
+        }
+    }
 };
 
 // Step 3: the cached block, if it serves. Sets the effective size.
@@ -158,15 +178,28 @@ void settingFaulted(Making &making) {
     making.result = making.pDF->lpData;
 }
 
+void prepareMemory(const Making &making, bool cached) {
+    const BlockMemory memory = memoryOf(making.block, making.size, reinterpret_cast<uint64_t>(making.pDF),
+                                        making.msgarea, making.line);
+    if (cached) {
+        blockMemoryReuse(memory);
+    }
+    blockMemoryHandOut(memory);
+}
+
 // Steps 4 to 7.
 void makeBlock(Making &making) {
-    if (making.block == nullptr && making.size <= kLargestRequest) {
+    const bool cached = making.block != nullptr;
+    if (!cached && making.size <= largestRequest()) {
         making.block = static_cast<char *>(QXAlloc(blockSizeOf(making.size)));
     }
     if (making.block == nullptr) { // 5: the callers report
         TraceProblem("local_alloc_failed", making.pDF, nullptr, making.wanted, making.size, 0, making.msgarea,
                      making.line, "QXAlloc failed for local DFrame data");
         return;
+    }
+    if (blockMemoryMatters()) {
+        prepareMemory(making, cached);
     }
     handOut(making, writeDescriptor(making));
 }
@@ -176,7 +209,7 @@ void makeBlock(Making &making) {
 void dropUnused(Making &making) {
     char *const block = making.block;
     qxGuarded([&] { descriptorOf(block)->lRefCount = 0; });
-    qxGuarded([&] { giveBack(block); });
+    qxGuarded([&] { giveBack(block, making.size); });
 }
 
 // ---- LHEAP_Free ------------------------------------------------------------------------------------------------
@@ -195,19 +228,27 @@ struct Releasing {
     char *volatile block = nullptr; // as the descriptor had them: the trace tells of the block when it may be gone
     volatile uint64_t owner = 0;
     volatile int32_t count = -1; // references left, as read under the lock; valid if counted
+    volatile uint32_t size = 0;
+
+    ~Releasing() { // as in Making
+        if (locked) {
+            leave(*this);
+        }
+    }
 };
 
 // Step 6, lock held. The new block is in place before the old one goes, so that a fault in QXFree loses neither.
 // False after such a fault.
 bool replaceCached(char *block, uint32_t size) {
     char *const old = lastBigAlloc.load(std::memory_order_relaxed);
+    const uint32_t oldSize = lastBigAllocSize;
     if (old != nullptr) {
-        assert(old != block && size > lastBigAllocSize);
-        uncount(lastBigAllocSize);
+        assert(old != block && size > oldSize);
+        uncount(oldSize);
     }
     lastBigAlloc.store(block, std::memory_order_relaxed);
     lastBigAllocSize = size;
-    return old == nullptr || qxGuarded([old] { giveBack(old); });
+    return old == nullptr || qxGuarded([=] { giveBack(old, oldSize); });
 }
 
 void traceRefused(const Releasing &releasing, const char *action, const char *detail) {
@@ -227,7 +268,15 @@ void drop(Releasing &releasing) {
     releasing.dropping = false;
     leave(releasing);
     traceFreed(releasing, "local_free", 0, "LHEAP_Free release");
-    giveBack(releasing.block);
+    giveBack(releasing.block, releasing.size);
+}
+
+// Lock held: nobody else gets the block meanwhile.
+void retireMemory(const Releasing &releasing) {
+    if (blockMemoryMatters()) {
+        blockMemoryRelease(
+            memoryOf(releasing.block, releasing.size, releasing.owner, releasing.msgarea, releasing.line));
+    }
 }
 
 // Steps 2 to 8.
@@ -247,6 +296,7 @@ int32_t release(Releasing &releasing) {
     const auto size = static_cast<uint32_t>(whole);
     auto *const block = reinterpret_cast<char *>(pHA->lpAddr);
     releasing.block = block;
+    releasing.size = size;
     enter(releasing);
     qxOSInterlockedDecrement(&pHA->lRefCount);
     releasing.count = pHA->lRefCount;
@@ -258,6 +308,7 @@ int32_t release(Releasing &releasing) {
         return releasing.count;
     }
     if (size > lastBigAllocSize) { // 6
+        retireMemory(releasing);
         const bool replaced = replaceCached(block, size);
         traceFreed(releasing, "local_cache_save", 0, "LHEAP_Free saved local allocation cache");
         if (!replaced) {
@@ -276,7 +327,8 @@ int32_t release(Releasing &releasing) {
                      "attempt to free cached local allocation twice");
         return 0;
     }
-    releasing.dropping = true;                           // 8
+    retireMemory(releasing); // 8
+    releasing.dropping = true;
     std::atomic_signal_fence(std::memory_order_seq_cst); // what follows must not come before it
     pHA->lpAddr = 0;
     uncount(size);
@@ -362,6 +414,7 @@ void LHEAP_DropCache() {
         qxOSEnterCriticalSection(&dfmemLock);
     }
     char *const block = lastBigAlloc.load(std::memory_order_relaxed);
+    const uint32_t size = lastBigAllocSize;
     if (block != nullptr) {
         if (local_allocs.load(std::memory_order_relaxed) != 0) {
             dfmemUncount<uint64_t>(local_allocs, 1);
@@ -374,7 +427,7 @@ void LHEAP_DropCache() {
         qxOSLeaveCriticalSection(&dfmemLock);
     }
     if (block != nullptr) {
-        giveBack(block);
+        giveBack(block, size);
     }
 }
 

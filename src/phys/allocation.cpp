@@ -5,10 +5,13 @@
 // what a picture needs. The search is first fit from the chosen end.
 #include "heap.h"
 
+#include "local/block_memory.h"
 #include "local/counters.h"
 #include "trace/trace.h"
 #include "util/guard.h"
 #include "util/hold.h"
+
+#include <algorithm>
 
 namespace brenvole {
 
@@ -28,7 +31,7 @@ constexpr NoBlock kException{"phys_alloc_exception", "exception in DFHEAP_Alloc"
 // AllocList it is ours alone.
 struct Carving {
     DFHEAP *heap;
-    uint64_t size; // rounded
+    uint64_t size; // rounded, with the guard
     uint64_t owner;
     PHALLOC *volatile segment = nullptr; // the one that is cut, once its fields have changed
     PHALLOC *volatile record = nullptr;
@@ -210,12 +213,13 @@ uint64_t DFHEAP_AllocTrace(DFHEAP *heap, uint64_t *size, uint64_t owner, uint64_
     {
         const QXHold hold(heap->Lock);
         if (heap->qwGranularity != granule) { // another thread has resized the heap
-            carving.size = wanted;
-            if (!physRoundUp(carving.size, heap->qwGranularity)) {
+            uint64_t again = wanted;
+            if (!physRoundUp(again, heap->qwGranularity)) {
                 return problem(kOverflow, 0);
             }
-            *size = carving.size;
+            *size = again;
         }
+        carving.size = *size + std::min<uint64_t>(heap->dwGuard, UINT64_MAX - *size);
         if (qxGuarded([&] { carve(carving); }) && (carving.done || carving.record == nullptr)) {
             physAssertSound(heap);
         } else if (!carving.done) {
@@ -223,13 +227,16 @@ uint64_t DFHEAP_AllocTrace(DFHEAP *heap, uint64_t *size, uint64_t owner, uint64_
         }
     }
     if (!carving.done) {
-        return problem(*carving.noBlock, carving.size);
+        return problem(*carving.noBlock, *size);
     }
     const PHALLOC *const record = carving.record; // nobody else knows the block yet
     if (physOffset != nullptr) {
         *physOffset = record->qwOffset;
     }
     const uint64_t addr = record->lpAddr;
+    if (heap->bRegionOurs != 0) {
+        blockMemoryHandOut(physMemoryOf(heap, record, msgarea, line));
+    }
     whenTracing([&] {
         traceRecordAlloc("phys", tracePointer(owner), tracePointer(addr), tracePointer(addr), wanted, record->qwSize,
                          record->lRefCount, msgarea, line, "DFHEAP_Alloc");

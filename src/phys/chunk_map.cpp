@@ -12,13 +12,12 @@
 #include "heap.h"
 #include "lanes.h"
 
+#include "util/says_on.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
-#include <cstring>
 #include <utility>
-
-#include <strings.h>
 
 namespace brenvole {
 
@@ -30,14 +29,6 @@ constexpr uint64_t kMostChunks = UINT32_MAX / kEntryBytes;
 
 // The list-search mode: -1 not read yet, 0 off, 1 on. All threads that read it first come to the same value.
 std::atomic<int32_t> listSearch = -1;
-
-bool saysOn(const char *value) {
-    if (value == nullptr || *value == 0) {
-        return false;
-    }
-    return std::strchr("1yY", *value) != nullptr || strcasecmp(value, "true") == 0 || strcasecmp(value, "on") == 0 ||
-           strcasecmp(value, "yes") == 0;
-}
 
 PHALLOC *walkForBlock(DFHEAP *heap, uint64_t addr) {
     d_ListNode *node = d_ListHead(&heap->AllocList);
@@ -55,7 +46,7 @@ int32_t _DFHEAP_UseListSearch() {
         return known;
     }
     // NOLINTNEXTLINE(concurrency-mt-unsafe): read once; the host sets it before
-    const int32_t mode = saysOn(std::getenv("QXBRENVOLE_LEGACY_SEARCH")) ? 1 : 0;
+    const int32_t mode = qxSaysOn(std::getenv("QXBRENVOLE_LEGACY_SEARCH")) ? 1 : 0;
     int32_t unread = -1;
     if (listSearch.compare_exchange_strong(unread, mode) && mode == 1) { // one of several first readers tells it
         ErrOut("Brenvole:  QXBRENVOLE_LEGACY_SEARCH set, using list search");

@@ -14,7 +14,6 @@ namespace brenvole {
 
 namespace {
 
-constexpr uint32_t kFan = 16; // children of a node, which are looked at in one go
 constexpr uint32_t kFanBits = 4;
 // Below this many segments the tree gives way to the arrays; far enough from their end that a heap that takes and
 // releases at the border doesn't go to and fro.
@@ -359,42 +358,6 @@ void freeIndexChange(DFHEAP *heap, uint64_t from, const PHALLOC *segment) {
         treeSet(index, old, 0);
     }
     treeSet(index, start, length);
-}
-
-namespace {
-
-bool treeSound(const FreeIndex &index, uint64_t granules) {
-    uint64_t width = roundedUp(granules);
-    for (uint32_t level = 1; level < index.dwLevels; ++level) {
-        for (uint64_t at = 0; at < width / kFan; ++at) {
-            if (index.aplLevel[level][at] != lanesMost(index.aplLevel[level - 1] + at * kFan)) {
-                return false;
-            }
-        }
-        width = roundedUp(width / kFan);
-    }
-    return static_cast<uint64_t>(std::count_if(index.aplLevel[0], index.aplLevel[0] + granules,
-                                               [](int32_t length) { return length != 0; })) == index.dwCount;
-}
-
-} // namespace
-
-bool freeIndexSound(DFHEAP *heap) {
-    const FreeIndex &index = heap->Index;
-    if (!holds(index)) {
-        return true;
-    }
-    uint32_t count = 0;
-    for (d_ListNode *node = d_ListHead(&heap->FreeList); node != nullptr; node = d_ListNext(node), ++count) {
-        const int32_t start = startOf(heap, physRecord(node));
-        const int32_t length = granulesOf(heap, physRecord(node)->qwSize);
-        const bool few = index.eState == IndexState::few;
-        if (count >= index.dwCount || (few ? index.alStart[count] : start) != start ||
-            (few ? index.alLength[count] : treeLength(index, start)) != length) {
-            return false;
-        }
-    }
-    return count == index.dwCount && (index.eState == IndexState::few || treeSound(index, heap->qwChunkCount));
 }
 
 } // namespace brenvole

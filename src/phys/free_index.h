@@ -33,6 +33,8 @@ inline constexpr uint32_t kFewSegments = 64;
 /** A granule's number has at most 29 bits, since the chunk map is no larger; 4 of them a level. */
 inline constexpr uint32_t kMostLevels = 8;
 
+inline constexpr uint32_t kFan = 16; // children of a node, which are looked at in one go
+
 enum class IndexState : uint32_t {
     off,   // walk
     stale, // walk, unless it can be made anew
@@ -77,9 +79,6 @@ void freeIndexRemove(DFHEAP *heap, const PHALLOC *segment);
 /** The segment that started at `from` starts where its record says now, and is as long; its neighbours are the same.
  */
 void freeIndexChange(DFHEAP *heap, uint64_t from, const PHALLOC *segment);
-
-/** True if the index holds the segments of FreeList and nothing else, or isn't to be asked. */
-bool freeIndexSound(DFHEAP *heap);
 
 } // namespace brenvole
 

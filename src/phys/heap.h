@@ -19,6 +19,7 @@
 
 #include "free_index.h"
 
+#include "local/block_memory.h"
 #include "local/phalloc.h"
 
 #include <brenvole/dfheap.h>
@@ -39,7 +40,8 @@ struct DFHEAP {
     uint64_t qwLargestFree;         // size of the largest segment, if valid
     uint32_t bLargestValid;
     // Beyond what a heap is known by:
-    uint32_t bRegionOurs;           // the region is memory of this library's own, which knows its users
+    uint32_t bRegionOurs;           // the region is memory of this library's own: block_memory.h applies
+    uint32_t dwGuard;               // bytes at the end of each block that aren't its user's
     brenvole::PHALLOC **ppGroupMap; // behind ppChunkMap, one entry for kGroup granules; or null
     uint32_t dwShift;               // the granule's power of two, or kNoShift
     DFHEAP *lpNext;                 // of all heaps of the process, see all_heaps.cpp
@@ -101,6 +103,11 @@ inline bool physHolds(const PHALLOC *record, uint64_t addr) {
            addr - record->lpAddr < record->qwSize;
 }
 
+/** A block's memory, which is this library's own. */
+inline BlockMemory physMemoryOf(const DFHEAP *heap, const PHALLOC *record, const char *msgarea, uint32_t line) {
+    return {record->lpAddr, record->qwSize - heap->dwGuard, heap->dwGuard, record->pOwner, msgarea, line};
+}
+
 /** Writes what every record of a phys heap has: a node on no list, the sentinels, the self pointer, the tag. */
 void physInitRecord(PHALLOC *record);
 
@@ -126,8 +133,10 @@ void allHeapsLeave(DFHEAP *heap);
 void allHeapsHookFork();
 /** @} */
 
-/** The first broken rule, or 0. Lock held. */
+/** The first broken rule, or 0. Lock held. Not in libraries without assertions. */
 unsigned _DFHEAP_Check(DFHEAP *heap);
+/** H9 alone. */
+bool freeIndexSound(DFHEAP *heap);
 
 /** In debug builds, checks a heap that is small enough to be walked after each operation. */
 #ifdef NDEBUG

@@ -1,5 +1,7 @@
-// The rules of a heap (see heap.h), walked through. For tests and debug builds.
+// The rules of a heap (see heap.h), walked through. For tests and debug builds; the libraries of other builds have none
+// of it.
 #include "heap.h"
+#include "lanes.h"
 
 #include "util/guard.h"
 
@@ -71,7 +73,48 @@ template <class Rule> bool all(const Records &records, const Rule &rule) {
     return std::all_of(records.begin(), records.end(), rule);
 }
 
+uint64_t roundedToFan(uint64_t count) { return (count + kFan - 1) / kFan * kFan; }
+
+bool treeSound(const FreeIndex &index, uint64_t granules) {
+    uint64_t width = roundedToFan(granules);
+    for (uint32_t level = 1; level < index.dwLevels; ++level) {
+        for (uint64_t at = 0; at < width / kFan; ++at) {
+            if (index.aplLevel[level][at] != lanesMost(index.aplLevel[level - 1] + at * kFan)) {
+                return false;
+            }
+        }
+        width = roundedToFan(width / kFan);
+    }
+    return static_cast<uint64_t>(std::count_if(index.aplLevel[0], index.aplLevel[0] + granules,
+                                               [](int32_t length) { return length != 0; })) == index.dwCount;
+}
+
+// The index holds these segments and nothing else, or isn't to be asked.
+bool indexSound(const DFHEAP *heap, const Records &segments) {
+    const FreeIndex &index = heap->Index;
+    const bool few = index.eState == IndexState::few;
+    if (!few && index.eState != IndexState::many) {
+        return true;
+    }
+    if (segments.size() != index.dwCount) {
+        return false;
+    }
+    for (std::size_t i = 0; i < segments.size(); ++i) {
+        const auto start = static_cast<int32_t>(physGranules(heap, segments[i]->lpAddr - heap->lpBase));
+        const auto length = static_cast<int32_t>(physGranules(heap, segments[i]->qwSize));
+        if ((few && index.alStart[i] != start) || (few ? index.alLength[i] : index.aplLevel[0][start]) != length) {
+            return false;
+        }
+    }
+    return few || treeSound(index, heap->qwChunkCount);
+}
+
 } // namespace
+
+bool freeIndexSound(DFHEAP *heap) {
+    Records segments;
+    return collect(&heap->FreeList, segments) && indexSound(heap, segments);
+}
 
 unsigned _DFHEAP_Check(DFHEAP *heap) {
     Records blocks;
@@ -110,7 +153,7 @@ unsigned _DFHEAP_Check(DFHEAP *heap) {
     if (!apart) {
         return 8;
     }
-    return freeIndexSound(heap) ? 0 : 9;
+    return indexSound(heap, segments) ? 0 : 9;
 }
 
 #ifndef NDEBUG

@@ -133,6 +133,7 @@ DFHEAP *DFHEAP_Create(uint64_t physOffset, uintptr_t base, uint64_t length, uint
     heap->qwLargestFree = record->qwSize;
     heap->bLargestValid = 1;
     heap->bRegionOurs = 0;
+    heap->dwGuard = 0;
     qxOSInitializeCriticalSection(&heap->Lock);
     allHeapsEnter(heap);
     return heap;

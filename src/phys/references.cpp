@@ -4,6 +4,7 @@
 #include "trace/trace.h"
 #include "util/hold.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace brenvole {
@@ -105,7 +106,11 @@ uint64_t blockAround(DFHEAP *heap, Told &told) {
 uint64_t DFHEAP_BytesFrom(DFHEAP *heap, uint64_t addr) {
     const QXHold hold(heap->Lock);
     const PHALLOC *const record = _DFHEAP_FindAlloc(heap, addr);
-    return record != nullptr ? record->qwSize - (addr - record->lpAddr) : heap->qwLength - (addr - heap->lpBase);
+    if (record == nullptr) {
+        return heap->qwLength - (addr - heap->lpBase);
+    }
+    const uint64_t size = record->qwSize - heap->dwGuard;
+    return size - std::min(size, addr - record->lpAddr);
 }
 
 int32_t DFHEAP_AddRefTrace(DFHEAP *heap, uint64_t addr, uint64_t *owner, const char *msgarea, uint32_t line) {

@@ -326,6 +326,10 @@ void noteReleased(Freeing &freeing) {
     physUncountAlloc();
     freeing.placing.loose = freeing.record;
     freeing.record = nullptr;
+    if (freeing.placing.heap->bRegionOurs != 0) {
+        blockMemoryRelease(physMemoryOf(freeing.placing.heap, freeing.placing.loose, freeing.placing.msgarea,
+                                        freeing.placing.line));
+    }
     traceFreed(freeing, freeing.placing.loose, 0, "DFHEAP_Free release");
 }
 

@@ -5,6 +5,7 @@
 #include "util/hold.h"
 #include "util/host.h"
 #include "util/once.h"
+#include "util/says_on.h"
 #include "util/static_lock.h"
 #include "util/uninterrupted.h"
 #include "util/unload.h"
@@ -46,24 +47,7 @@ void endBuffer() {
     traceBuffer = {};
 }
 
-bool equalsIgnoringCase(const char *text, const char *lower) {
-    for (; *text != 0 && *lower != 0; ++text, ++lower) {
-        const char letter = *text >= 'A' && *text <= 'Z' ? static_cast<char>(*text - 'A' + 'a') : *text;
-        if (letter != *lower) {
-            return false;
-        }
-    }
-    return *text == *lower;
-}
-
-bool environmentSaysOn(const char *name) {
-    const char *const value = qxHostEnvironment(name);
-    if (value == nullptr || *value == 0) {
-        return false;
-    }
-    return std::strchr("1yY", *value) != nullptr || equalsIgnoringCase(value, "true") ||
-           equalsIgnoringCase(value, "on") || equalsIgnoringCase(value, "yes");
-}
+bool environmentSaysOn(const char *name) { return qxSaysOn(qxHostEnvironment(name)); }
 
 bool configurationSaysOn(const char *section, const char *key) {
     uint32_t value = 0;
