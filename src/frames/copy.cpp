@@ -40,8 +40,8 @@ uint32_t lengthFor(const DFRAME *source) {
     return length + (length < kSound ? kSoundRoom : kPictureRoom);
 }
 
-// Step 4.2. Where the block of the source's data starts. A custom buffer that lies in the pool counts from its block's
-// start, one inside a local block doesn't, and neither does a pointer beyond its block.
+// Step 4.2. Where the block of the source's data starts. A custom buffer that lies in the pool counts from its
+// block's start, one inside a local block doesn't, and neither does a pointer beyond its block.
 uint64_t blockStart(const Copying &copying) {
     uint64_t data = frameData(copying.source);
     if (copying.place.heap != nullptr) {
@@ -104,7 +104,8 @@ void copyHeader(PDFRAME destination, const DFRAME *source) {
     destination->wTrailJ = source->wTrailJ;
 }
 
-// Step 12. No byte beyond the source's block is read, whatever the frame claims: `there` are left from its pointer on.
+// Step 12. No byte beyond the source's block is read, whatever the frame claims: `there` are left from its pointer
+// on.
 void copyBytes(const Copying &copying, uint64_t there) {
     const DFRAME *const source = copying.source;
     const DFRAME *const destination = *copying.ppDF;

@@ -132,6 +132,14 @@ void dropPool() {
     }
 }
 
+// The region goes, even if an exception from a sink ends the report of what is still out.
+void dropBoth() {
+    struct Region {
+        ~Region() { dropPool(); }
+    } const region;
+    dropHeap();
+}
+
 ::DFHEAP *createHeap(void *pool) {
     ::DFHEAP *const heap =
         DFHEAP_Create(0, reinterpret_cast<uintptr_t>(pool), mainPoolSize, mainGranularity, mainSmallest);
@@ -164,8 +172,7 @@ const char *makePool() {
 
 // Steps 4 to 12 of DFRAME_RESET.
 uint64_t rebuild(int64_t param1) {
-    dropHeap(); // 4
-    dropPool(); // 5
+    dropBoth();         // 4, 5
     uint64_t total = 0; // 6
     uint64_t available = 0;
     qxOSMemoryStatus(&total, &available);
@@ -245,12 +252,9 @@ uint64_t commandClose(uint32_t command) {
     const bool system = (command & DFRAME_FLAG_SYSHEAP) == 0;
     ErrFmtOut(QX_STATUS, 0, 0, "STATUS(dfmem): %s\n", // 1
               system ? "dfmem:  Closing system heap" : "dfmem:  Closing NON-system heap");
-    LHEAP_DropCache(); // 2
-    if (system) {      // 3
-        dropHeap();
-    }
-    dropPool();                  // 4
-    mainPoolSize = kDefaultPool; // 5
+    LHEAP_DropCache();                // 2
+    system ? dropBoth() : dropPool(); // 3, 4
+    mainPoolSize = kDefaultPool;      // 5
     mainGranularity = kDefaultGranularity;
     mainSmallest = kDefaultSmallest;
     TraceSnapshot("DFrameClose"); // 6

@@ -106,8 +106,7 @@ bool frameAllocBuffer(PDFRAME frame, ::DFHEAP *heap, const char *msgarea, uint32
         return LHEAP_Alloc(frame->dwBufferLength, frame, msgarea, line) != nullptr; // stores it, too
     }
     uint64_t size = frame->dwBufferLength;
-    const uintptr_t data =
-        DFHEAP_AllocTrace(heap, &size, reinterpret_cast<uintptr_t>(frame), nullptr, msgarea, line);
+    const uintptr_t data = DFHEAP_AllocTrace(heap, &size, reinterpret_cast<uintptr_t>(frame), nullptr, msgarea, line);
     frame->dwBufferLength = static_cast<uint32_t>(size);
     frame->lpData = reinterpret_cast<uint8_t *>(data);
     return data != 0;

@@ -45,9 +45,9 @@ void allocate(Resizing &resizing) {
     resizing.request = static_cast<uint32_t>(request);
     frame->lpData = nullptr;
     if (resizing.place.heap != nullptr) {
-        frame->lpData = reinterpret_cast<uint8_t *>(
-            DFHEAP_AllocTrace(resizing.place.heap, &request, reinterpret_cast<uintptr_t>(frame), nullptr,
-                              resizing.msgarea, resizing.line));
+        frame->lpData = reinterpret_cast<uint8_t *>(DFHEAP_AllocTrace(resizing.place.heap, &request,
+                                                                      reinterpret_cast<uintptr_t>(frame), nullptr,
+                                                                      resizing.msgarea, resizing.line));
     } else if (request <= UINT32_MAX) {
         LHEAP_Alloc(static_cast<uint32_t>(request), frame, resizing.msgarea, resizing.line); // stores it, too
     }
@@ -92,21 +92,21 @@ uint64_t commandResize(int64_t param1, PDFRAME *ppDF, const char *msgarea, uint3
     if (!place.known() || frameBeyondBlock(frame, place)) {
         return kFrameNowhere;
     }
-    Resizing resizing{.frame = frame,
-                      .place = place,
-                      .old = frame->lpData,
-                      .inUse = static_cast<uint32_t>(
-                          std::min<uint64_t>(frame->dwBytesUsed, frameBytesThere(frame, place))),
-                      .newLength = static_cast<uint32_t>(param1),
-                      .msgarea = msgarea,
-                      .line = line};
+    Resizing resizing{
+        .frame = frame,
+        .place = place,
+        .old = frame->lpData,
+        .inUse = static_cast<uint32_t>(std::min<uint64_t>(frame->dwBytesUsed, frameBytesThere(frame, place))),
+        .newLength = static_cast<uint32_t>(param1),
+        .msgarea = msgarea,
+        .line = line};
     resizing.offset = offsetOf(resizing); // 4
     allocate(resizing);
     if (frame->lpData == nullptr && (resizing.newLength != 0 || resizing.offset != 0)) {
         frame->lpData = resizing.old;
         return frameRefuse(DFMEM_E_OUTOFMEMORY, "DFRAME_RESIZE|NoMemory(0x%lX)");
     }
-    carryOver(resizing);        // 5, 6, 7
+    carryOver(resizing);         // 5, 6, 7
     if (place.heap != nullptr) { // 8
         DFHEAP_FreeTrace(place.heap, reinterpret_cast<uintptr_t>(resizing.old), nullptr, msgarea, line);
     } else {

@@ -81,31 +81,33 @@ void verifyGuard(const BlockMemory &block) {
         return;
     }
     const MadeAt made = madeAt(block);
-    ErrFmtOut(QX_ERROR, 0, 0,
-              "ERROR(dfmem): written beyond the end: block 0x%p of %I64u bytes, bytes %I64u to %I64u after it, frame 0x%p, "
-              "allocated at %s:%lu, released at %s:%lu\n",
-              reinterpret_cast<void *>(block.start), block.size, damage.first, damage.last,
-              reinterpret_cast<void *>(block.owner), made.area, made.line,
-              block.msgarea != nullptr ? block.msgarea : "", block.line);
+    ErrFmtOut(
+        QX_ERROR, 0, 0,
+        "ERROR(dfmem): written beyond the end: block 0x%p of %I64u bytes, bytes %I64u to %I64u after it, frame 0x%p, "
+        "allocated at %s:%lu, released at %s:%lu\n",
+        reinterpret_cast<void *>(block.start), block.size, damage.first, damage.last,
+        reinterpret_cast<void *>(block.owner), made.area, made.line, block.msgarea != nullptr ? block.msgarea : "",
+        block.line);
 }
 
 void verifyReleased(const BlockMemory &block) {
     const uint64_t bytes = block.size + block.guard;
     const Damage damage = damageIn(bytesAt(block.start, bytes), kReleasedByte);
     if (damage.first != bytes) {
-        ErrFmtOut(QX_ERROR, 0, 0,
-                  "ERROR(dfmem): written after its release: block 0x%p of %I64u bytes, bytes %I64u to %I64u, frame 0x%p, "
-                  "found at %s:%lu\n",
-                  reinterpret_cast<void *>(block.start), block.size, damage.first, damage.last,
-                  reinterpret_cast<void *>(block.owner), block.msgarea != nullptr ? block.msgarea : "", block.line);
+        ErrFmtOut(
+            QX_ERROR, 0, 0,
+            "ERROR(dfmem): written after its release: block 0x%p of %I64u bytes, bytes %I64u to %I64u, frame 0x%p, "
+            "found at %s:%lu\n",
+            reinterpret_cast<void *>(block.start), block.size, damage.first, damage.last,
+            reinterpret_cast<void *>(block.owner), block.msgarea != nullptr ? block.msgarea : "", block.line);
     }
 }
 
 } // namespace
 
 int blockMemoryDecide() { // all threads come to one answer
-    const int ways = (qxWatched() ? kBlockWatched : 0) |
-                     (qxSaysOn(qxHostEnvironment("QXBRENVOLE_GUARD")) ? kBlockGuards : 0);
+    const int ways =
+        (qxWatched() ? kBlockWatched : 0) | (qxSaysOn(qxHostEnvironment("QXBRENVOLE_GUARD")) ? kBlockGuards : 0);
     blockMemoryState.store(ways, std::memory_order_relaxed);
     return ways;
 }

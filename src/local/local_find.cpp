@@ -4,13 +4,13 @@
 // them are tried, the address's own piece of 16384 bytes and 16 more: a pointer may have been moved up the data
 // by almost 272 KiB, further than any header or line of a picture moves it.
 //
-// The usual pointer lies in a block that we remember. Then that block is the answer, and nothing between its descriptor
-// and the pointer is looked at: data may hold whatever looks like a descriptor, be it made up by whoever made a media
-// file, or left over from an earlier block in the same place.
+// The usual pointer lies in a block that we remember. Then that block is the answer, and nothing between its
+// descriptor and the pointer is looked at: data may hold whatever looks like a descriptor, be it made up by whoever
+// made a media file, or left over from an earlier block in the same place.
 //
-// Any other pointer is scanned for, in memory that nobody vouches for. The system looks at each candidate first, and only
-// what has a local block's first guard word is read in place. So no fault is raised, and it makes no difference which
-// signals the thread blocks or what the host has made of its fault handlers.
+// Any other pointer is scanned for, in memory that nobody vouches for. The system looks at each candidate first, and
+// only what has a local block's first guard word is read in place. So no fault is raised, and it makes no difference
+// which signals the thread blocks or what the host has made of its fault handlers.
 #include "local_block.h"
 #include "local_heap.h"
 #include "util/guard.h"
@@ -74,8 +74,8 @@ bool notesData(uint64_t note, uintptr_t address) {
     return note != 0 && address >= start && (address - start) / kDataUnit < (note & kLengthMask);
 }
 
-// The descriptor of the block which has data at the address, if there is a note of it and the address is within reach;
-// else null.
+// The descriptor of the block which has data at the address, if there is a note of it and the address is within
+// reach; else null.
 PHALLOC *notedAround(uintptr_t address) {
     const uint64_t piece = address / kDataAlignment;
     for (unsigned i = 0; i < kTries; ++i) {
@@ -87,8 +87,9 @@ PHALLOC *notedAround(uintptr_t address) {
     return nullptr;
 }
 
-// True if the candidate lies inside the data of a block that we know: then it is data, or what an earlier block has left
-// there. Looks at all notes, since a long block may begin anywhere below; asked only of what passes for a descriptor.
+// True if the candidate lies inside the data of a block that we know: then it is data, or what an earlier block has
+// left there. Looks at all notes, since a long block may begin anywhere below; asked only of what passes for a
+// descriptor.
 bool liesInData(uintptr_t candidate) {
     for (const Bucket &bucket : notes) {
         for (const std::atomic<uint64_t> &place : bucket) {
@@ -100,7 +101,8 @@ bool liesInData(uintptr_t candidate) {
     return false;
 }
 
-// For an address that no note covers: it lies in a block that we don't remember, or beyond the end of one, or in none.
+// For an address that no note covers: it lies in a block that we don't remember, or beyond the end of one, or in
+// none.
 PHALLOC *scan(uintptr_t address) {
     for (unsigned i = 0; i < kTries; ++i) {
         const uintptr_t candidate = candidateOf(address, i);

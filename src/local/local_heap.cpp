@@ -179,8 +179,8 @@ void settingFaulted(Making &making) {
 }
 
 void prepareMemory(const Making &making, bool cached) {
-    const BlockMemory memory = memoryOf(making.block, making.size, reinterpret_cast<uint64_t>(making.pDF),
-                                        making.msgarea, making.line);
+    const BlockMemory memory =
+        memoryOf(making.block, making.size, reinterpret_cast<uint64_t>(making.pDF), making.msgarea, making.line);
     if (cached) {
         blockMemoryReuse(memory);
     }

@@ -312,10 +312,10 @@ bool knows(DFHEAP *heap, int32_t start) {
     if (!holds(index)) {
         return false;
     }
-    const bool found = index.eState == IndexState::few
-                           ? fewFind(index, start) != index.dwCount
-                           : start >= 0 && static_cast<uint64_t>(start) < heap->qwChunkCount &&
-                                 treeLength(index, start) != 0;
+    const bool found =
+        index.eState == IndexState::few
+            ? fewFind(index, start) != index.dwCount
+            : start >= 0 && static_cast<uint64_t>(start) < heap->qwChunkCount && treeLength(index, start) != 0;
     if (!found) {
         freeIndexSpoil(heap);
     }

@@ -12,8 +12,8 @@
  * fit from the bottom or the top, in as many steps as the tree has levels.
  *
  *  An operation that changes FreeList changes the index with it. Where a fault or a list's refusal stops it half-way,
- *  the index is dropped (stale), and made anew from the list by the next operation that asks. So it is where a segment
- *  isn't found in it that should be: memory errors of the host's may have reached it. Whatever changes the
+ *  the index is dropped (stale), and made anew from the list by the next operation that asks. So it is where a
+ * segment isn't found in it that should be: memory errors of the host's may have reached it. Whatever changes the
  * list on the way back from a fault drops it again: it may have been made anew in between.
  *
  *  All of it runs with the heap's Lock held. */

@@ -1,5 +1,5 @@
-// The rules of a heap (see heap.h), walked through. For tests and debug builds; the libraries of other builds have none
-// of it.
+// The rules of a heap (see heap.h), walked through. For tests and debug builds; the libraries of other builds have
+// none of it.
 #include "heap.h"
 #include "lanes.h"
 

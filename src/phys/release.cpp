@@ -327,8 +327,8 @@ void noteReleased(Freeing &freeing) {
     freeing.placing.loose = freeing.record;
     freeing.record = nullptr;
     if (freeing.placing.heap->bRegionOurs != 0) {
-        blockMemoryRelease(physMemoryOf(freeing.placing.heap, freeing.placing.loose, freeing.placing.msgarea,
-                                        freeing.placing.line));
+        blockMemoryRelease(
+            physMemoryOf(freeing.placing.heap, freeing.placing.loose, freeing.placing.msgarea, freeing.placing.line));
     }
     traceFreed(freeing, freeing.placing.loose, 0, "DFHEAP_Free release");
 }

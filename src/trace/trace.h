@@ -35,8 +35,8 @@ extern QXCRITICALSECTION traceLock;
 /** Creates traceLock once, whichever thread comes first. It is never deleted. */
 void traceLockCreate();
 
-/** Registers what a fork does with the lock and the file; later calls do nothing. Whoever has a lock that is outside of
- *  traceLock registers its own handlers afterwards, so that the lock is acquired before. */
+/** Registers what a fork does with the lock and the file; later calls do nothing. Whoever has a lock that is outside
+ * of traceLock registers its own handlers afterwards, so that the lock is acquired before. */
 void traceHookFork();
 
 /** Runs a recorder's work with traceLock held, as work(msgarea). A call site's text that has gone is as good as

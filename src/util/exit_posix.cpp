@@ -6,11 +6,12 @@
 
 #include <sys/stat.h>
 
-// Of the C++ ABI, which has no header for them: the first registers an at-exit handler in the name of `owner`, the second
-// runs and forgets those of one owner.
+// Of the C++ ABI, which has no header for them: the first registers an at-exit handler in the name of `owner`, the
+// second runs and forgets those of one owner.
 extern "C" {
-int __cxa_atexit(void (*handler)(void *), void *argument, void *owner) noexcept; // NOLINT(bugprone-reserved-identifier)
-void __cxa_finalize(void *owner);                                                // NOLINT(bugprone-reserved-identifier)
+int __cxa_atexit(void (*handler)(void *), void *argument,
+                 void *owner) noexcept; // NOLINT(bugprone-reserved-identifier)
+void __cxa_finalize(void *owner);       // NOLINT(bugprone-reserved-identifier)
 }
 
 namespace {
@@ -18,11 +19,12 @@ namespace {
 constinit QXOnce hookOnce = 0;
 constinit std::atomic<bool> inExit = false;
 
-// Owns the handler in the place of the library. The handlers that the library owns run at its unloading as well; this one
-// runs in exit() alone.
+// Owns the handler in the place of the library. The handlers that the library owns run at its unloading as well; this
+// one runs in exit() alone.
 char owner;
 
-// Behind all other work of the library, which asks qxInExit: nothing of it may stay registered when it has been unloaded.
+// Behind all other work of the library, which asks qxInExit: nothing of it may stay registered when it has been
+// unloaded.
 __attribute__((destructor(101))) void forgetHandler() {
     if (qxDone(hookOnce)) {
         __cxa_finalize(&owner);

@@ -3,8 +3,8 @@
 // A memory fault arrives as a signal on the thread that made it. Our handler recovers only for a thread that is
 // inside a section, and only from faults that the system itself has raised; everything else goes on to the
 // action that stood before ours, as if we weren't there. Two kinds of faults inside a section are the host's all the
-// same: one in the C library's allocator, whose lock a jump would leave held, and one in a signal handler of the host's
-// that has interrupted the section.
+// same: one in the C library's allocator, whose lock a jump would leave held, and one in a signal handler of the
+// host's that has interrupted the section.
 //
 // The section's body is called through a pointer that the optimiser can't see through, and the fences keep the
 // arming and disarming stores on their side of it: otherwise plain reads, which "can't" end in our handler, may

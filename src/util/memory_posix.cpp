@@ -8,8 +8,9 @@
 // that no thread ever waits, and a thread that is moved to another processor half-way does no harm. What lies on the
 // shelves is given back when the library leaves.
 //
-// A block on a shelf carries a stamp in its first word. Whoever puts a block there exchanges that word, so that of two
-// releases of one block, on any processors, the second one finds the stamp and ends the process, as the C library does.
+// A block on a shelf carries a stamp in its first word. Whoever puts a block there exchanges that word, so that of
+// two releases of one block, on any processors, the second one finds the stamp and ends the process, as the C library
+// does.
 //
 // It stands alone in its unit so that a program can put another one in its place.
 #include "allocating.h"
@@ -41,8 +42,8 @@ struct alignas(64) Shelf {
 constinit std::array<Shelf, kShelves> shelves{}; // zeros: nothing lies there
 constinit std::atomic<bool> closed = false;      // the library leaves: nothing is put there any more
 
-// Another allocator in the place of malloc is fast without us, and need not know malloc_usable_size; one that looks for
-// errors, such as a sanitizer's, has to see each release.
+// Another allocator in the place of malloc is fast without us, and need not know malloc_usable_size; one that looks
+// for errors, such as a sanitizer's, has to see each release.
 bool shelving() {
     void *(*const volatile used)(std::size_t) = &std::malloc;
     void *(*const volatile own)(std::size_t) = &__libc_malloc;

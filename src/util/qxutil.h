@@ -58,7 +58,8 @@ QXUTIL_API void *QXAlloc(uint32_t size);
 /** Releases a block of QXAlloc. */
 QXUTIL_API void QXFree(void *block);
 /** @return 1 while the calling thread is inside the C library's allocator on behalf of this library, else 0. A memory
- *  fault there is the host's: it has damaged its heap. May be asked by a signal handler; another QXUtil may lack it. */
+ *  fault there is the host's: it has damaged its heap. May be asked by a signal handler; another QXUtil may lack it.
+ */
 QXUTIL_API int32_t qxOSInAllocator(void);
 /** Copies the smaller of `count` and `capacity` bytes; the ranges may overlap. */
 QXUTIL_API void qxOSCopyMemorySafeFast(void *destination, const void *source, uint32_t count, uint32_t capacity);

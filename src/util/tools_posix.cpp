@@ -35,8 +35,8 @@ uint64_t askValgrind([[maybe_unused]] uint64_t request, [[maybe_unused]] uint64_
 
 bool underSanitizer() { return &__asan_poison_memory_region != nullptr; }
 
-// The sanitizer keeps its own memory, and ends a process that names it, below the addresses of most programs' data. What
-// lies above those is no memory of the process's.
+// The sanitizer keeps its own memory, and ends a process that names it, below the addresses of most programs' data.
+// What lies above those is no memory of the process's.
 bool isData(uint64_t address, uint64_t bytes) {
     constexpr uint64_t kEndOfData = uint64_t{1} << 47;
     std::size_t scale = 0;
