@@ -13,6 +13,8 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
+#include <utility>
 
 namespace brenvole {
 
@@ -33,11 +35,22 @@ bool forkHolds = false;          // traceLock as well, which may be created in b
 constexpr std::size_t kSmallBuffer = 4096;
 char smallBuffer[kSmallBuffer];
 
+// What of the rows has gone out; under traceLock.
+struct Sending {
+    bool stalled = false;  // nobody reads the file
+    bool rowLost = false;  // the start of a row: what follows up to the next row is useless
+    std::size_t begun = 0; // bytes of the last row
+};
+Sending sending;
+bool lossSeen = false; // under traceLock
+std::atomic<bool> lossToTell = false;
+
 // Lock held, as for its end.
 void beginBuffer() {
     auto *const large = static_cast<char *>(std::malloc(kFileBuffer));
     char *const begin = large != nullptr ? large : smallBuffer;
     traceBuffer = {begin, begin, begin + (large != nullptr ? kFileBuffer : kSmallBuffer)};
+    sending = {};
 }
 
 void endBuffer() {
@@ -109,6 +122,7 @@ void closeAtExit() {
         return;
     }
     atExitCame = true;
+    const QXUninterrupted whole;
     const QXHold hold(traceLock);
     traceFlush();
 }
@@ -185,15 +199,38 @@ QXCRITICALSECTION traceLock;
 TraceBuffer traceBuffer;
 
 void traceSend() {
-    const auto bytes = static_cast<std::size_t>(traceBuffer.at - traceBuffer.begin);
+    std::string_view rows(traceBuffer.begin, static_cast<std::size_t>(traceBuffer.at - traceBuffer.begin));
     traceBuffer.at = traceBuffer.begin; // also if a part gets lost
-    std::fwrite(traceBuffer.begin, 1, bytes, traceFile);
+    if (sending.rowLost) {
+        rows.remove_prefix(std::min(rows.find('\n'), rows.size()));
+        sending.rowLost = rows.empty();
+    }
+    const std::size_t sent = qxHostWrite(traceFile, rows, sending.stalled);
+    const std::size_t last = rows.rfind('\n', sent);
+    sending.begun = last != std::string_view::npos ? sent - last : sending.begun + sent;
+    if (sent == rows.size()) {
+        return;
+    }
+    if (sending.begun != 0) { // rows that are in a file are whole
+        qxHostTakeBack(traceFile, sending.begun);
+    }
+    sending.begun = 0;
+    sending.rowLost = true;
+    if (!std::exchange(lossSeen, true)) {
+        lossToTell = true;
+    }
 }
 
 void traceFlush() {
-    if (std::FILE *const file = traceFile) {
+    if (traceFile.load() != nullptr) {
         traceSend();
-        std::fflush(file);
+    }
+}
+
+void traceTellLoss() {
+    if (lossToTell.load(std::memory_order_relaxed) && lossToTell.exchange(false)) {
+        const QXUninterrupted whole;
+        ErrOut("Brenvole DFrame trace: unable to write to its file, rows are lost");
     }
 }
 
@@ -241,15 +278,18 @@ void TraceClose(const char *reason) {
     TraceSnapshot(reason);
     const QXUninterrupted whole;
     traceLockCreate();
-    const QXHold hold(traceLock);
-    if (std::FILE *const file = traceFile) {
-        TraceWriteSession("meta", "trace_close", reason);
-        traceFlush();
-        traceFile = nullptr;
-        std::fclose(file);
-        endBuffer();
+    {
+        const QXHold hold(traceLock);
+        if (std::FILE *const file = traceFile) {
+            TraceWriteSession("meta", "trace_close", reason);
+            traceFlush();
+            traceFile = nullptr;
+            std::fclose(file);
+            endBuffer();
+        }
+        traceClosed = 1;
     }
-    traceClosed = 1;
+    traceTellLoss();
 }
 
 } // namespace brenvole

@@ -122,6 +122,7 @@ void traceRecordCall(uint32_t command, int64_t param1, const void *param2, const
                       entry != nullptr ? entry->allocId : 0, dframe, data, entry != nullptr ? entry->base : nullptr,
                       static_cast<uint64_t>(param1), 0, entry != nullptr ? entry->refCount : 0, area, line, detail);
     });
+    traceTellLoss(); // other events come in the midst of an operation
 }
 
 void traceRecordAlloc(const char *kind, const void *dframe, const void *data, const void *base, uint64_t requested,

@@ -103,9 +103,13 @@ struct TraceBuffer {
 };
 extern TraceBuffer traceBuffer;
 
-/** Hands them on; traceFlush sees to it that they go out. Lock held, file open. */
+/** Sends them to the file; what it doesn't take is lost. Lock held, file open. */
 void traceSend();
+/** The same at the points where the file has to have them, if it is open. Lock held. */
 void traceFlush();
+
+/** Logs the first loss of rows, once in the process. Nothing is locked: a message sink may run commands. */
+void traceTellLoss();
 
 /** The first line of the file. */
 void TraceWriteHeader();

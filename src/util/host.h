@@ -3,14 +3,16 @@
 #ifndef QXUTIL_HOST_H
 #define QXUTIL_HOST_H
 
+#include <cstddef>
 #include <cstdio>
+#include <string_view>
 
 /** Value of an environment variable, null if unset, or if the process runs with more rights than its caller, who then
  *  must not decide what it writes, and where. Valid until the variable changes. */
 const char *qxHostEnvironment(const char *name) noexcept;
 
-/** Opens a file that the user has named for writing; what stands there is replaced. Programs that this one starts
- * don't inherit it, nor the other one.
+/** Opens a file that the user has named for writing; what stands there is replaced. A pipe needs a reader: nobody
+ * waits for one. Programs that this one starts don't inherit it, nor the other one.
  *  @return null if it can't be opened */
 std::FILE *qxCreateNamed(const char *path) noexcept;
 
@@ -18,6 +20,12 @@ std::FILE *qxCreateNamed(const char *path) noexcept;
  *  stands there is followed or kept, and nobody else can read what is written.
  *  @return null if it can't be made */
 std::FILE *qxCreatePrivate(const char *path) noexcept;
+
+/** Writes `text` to a file of these, past its stream, as qxWriteOut does. */
+std::size_t qxHostWrite(std::FILE *file, std::string_view text, bool &stalled) noexcept;
+
+/** Takes the last `length` bytes back that were written to it, if that is possible: a pipe keeps what it has. */
+void qxHostTakeBack(std::FILE *file, std::size_t length) noexcept;
 
 /** From now on: `before` runs ahead of each fork of this process, then one of the others on either side. Where
  * processes don't fork, none runs. */

@@ -1,5 +1,8 @@
 #include "host.h"
 
+#include "write.h"
+
+#include <cerrno>
 #include <cstdlib>
 
 #include <fcntl.h>
@@ -7,21 +10,41 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-const char *qxHostEnvironment(const char *name) noexcept { return secure_getenv(name); }
+namespace {
 
-std::FILE *qxCreateNamed(const char *path) noexcept { return std::fopen(path, "wbe"); }
-
-std::FILE *qxCreatePrivate(const char *path) noexcept {
-    unlink(path); // what is left of an earlier process of that number; another user's stays, and is refused below
-    const int file = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    if (file < 0) {
-        return nullptr;
-    }
-    std::FILE *const stream = fdopen(file, "wb");
-    if (stream == nullptr) {
+std::FILE *openStream(const char *path, int flags, mode_t rights) {
+    int file = -1;
+    do {
+        file = open(path, O_WRONLY | O_CREAT | O_CLOEXEC | flags, rights);
+    } while (file < 0 && errno == EINTR);
+    std::FILE *const stream = file >= 0 ? fdopen(file, "wb") : nullptr;
+    if (stream == nullptr && file >= 0) {
         close(file);
     }
     return stream;
+}
+
+} // namespace
+
+const char *qxHostEnvironment(const char *name) noexcept { return secure_getenv(name); }
+
+std::FILE *qxCreateNamed(const char *path) noexcept {
+    return openStream(path, O_TRUNC | O_NOCTTY | O_NONBLOCK, 0666);
+}
+
+std::FILE *qxCreatePrivate(const char *path) noexcept {
+    unlink(path); // what is left of an earlier process of that number; another user's stays, and is refused below
+    return openStream(path, O_EXCL | O_NOFOLLOW, S_IRUSR | S_IWUSR);
+}
+
+std::size_t qxHostWrite(std::FILE *file, std::string_view text, bool &stalled) noexcept {
+    return qxWriteOut(fileno(file), text, stalled);
+}
+
+void qxHostTakeBack(std::FILE *file, std::size_t length) noexcept {
+    const off_t end = lseek(fileno(file), -static_cast<off_t>(length), SEEK_CUR);
+    while (end >= 0 && ftruncate(fileno(file), end) != 0 && errno == EINTR) {
+    }
 }
 
 void qxAtFork(void (*before)(), void (*inParent)(), void (*inChild)()) noexcept {

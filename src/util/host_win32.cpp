@@ -1,6 +1,7 @@
 #include "host.h"
 
 #include "variable_win32.h"
+#include "write.h"
 
 #include <fcntl.h>
 #include <io.h>
@@ -41,6 +42,19 @@ std::FILE *qxCreateNamed(const char *path) noexcept { return openStream(create(p
 std::FILE *qxCreatePrivate(const char *path) noexcept {
     DeleteFileA(path); // what is left of an earlier process of that number
     return openStream(create(path, CREATE_NEW, FILE_FLAG_OPEN_REPARSE_POINT));
+}
+
+std::size_t qxHostWrite(std::FILE *file, std::string_view text, bool &stalled) noexcept {
+    return qxWriteOut(_get_osfhandle(_fileno(file)), text, stalled);
+}
+
+void qxHostTakeBack(std::FILE *file, std::size_t length) noexcept {
+    const auto handle = reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(file)));
+    LARGE_INTEGER back{};
+    back.QuadPart = -static_cast<LONGLONG>(length);
+    if (SetFilePointerEx(handle, back, nullptr, FILE_CURRENT) != 0) {
+        SetEndOfFile(handle);
+    }
 }
 
 void qxAtFork(void (*)(), void (*)(), void (*)()) noexcept {} // processes don't fork here

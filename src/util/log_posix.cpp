@@ -4,14 +4,14 @@
 #include "qxutil.h"
 #include "static_lock.h"
 #include "uninterrupted.h"
+#include "write.h"
 
 #include <cerrno>
-#include <cstring>
 #include <mutex>
 #include <string_view>
+#include <utility>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,29 +20,31 @@ namespace {
 int logFile = -1;        // open file of QXUTIL_LOG, or standard error; -1 until the first message; under qxLogLock
 struct stat logIdentity; // of that file, if it isn't standard error
 
-void writeAll(int file, std::string_view text) {
-    constexpr int kPatienceMs = 1000; // with a full pipe that doesn't block
-    while (!text.empty()) {
-        const ssize_t count = write(file, text.data(), text.size());
-        pollfd room{file, POLLOUT, 0};
-        if (count >= 0) {
-            text.remove_prefix(static_cast<std::size_t>(count));
-        } else if (errno == EAGAIN ? poll(&room, 1, kPatienceMs) <= 0 : errno != EINTR) {
-            return; // a full disk, say: nobody is left to tell
-        }
-    }
+// Under qxLogLock, too.
+bool logStalled = false;
+bool errorStalled = false; // standard error
+bool lossTold = false;
+
+// Lock held.
+bool writeTo(int file, std::string_view text) {
+    return qxWriteOut(file, text, file == STDERR_FILENO ? errorStalled : logStalled) == text.size();
 }
 
+// Lock held.
 int openLog() {
     const char *path = qxEnvironment("QXUTIL_LOG");
     if (path == nullptr) {
         return STDERR_FILENO;
     }
-    const int file = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0666);
+    logStalled = false;
+    int file = -1;
+    do { // O_NONBLOCK: a pipe that nobody reads can't be opened
+        file = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
+    } while (file < 0 && errno == EINTR);
     if (file >= 0 && fstat(file, &logIdentity) == 0) {
         return file;
     }
-    writeAll(STDERR_FILENO, "QXUtil: can't open the log file of QXUTIL_LOG, messages go to standard error\n");
+    writeTo(STDERR_FILENO, "QXUtil: can't open the log file of QXUTIL_LOG, messages go to standard error\n");
     return STDERR_FILENO;
 }
 
@@ -62,5 +64,7 @@ void qxLogWrite(const char *text, std::size_t length) noexcept {
     if (!logStillOpen()) {
         logFile = openLog();
     }
-    writeAll(logFile, {text, length});
+    if (!writeTo(logFile, {text, length}) && logFile != STDERR_FILENO && !std::exchange(lossTold, true)) {
+        writeTo(STDERR_FILENO, "QXUtil: can't write to the log file of QXUTIL_LOG, messages are lost\n");
+    }
 }

@@ -5,6 +5,7 @@
 #include "platform.h"
 #include "qxutil.h"
 #include "uninterrupted.h"
+#include "write.h"
 
 #include <atomic>
 #include <string_view>
@@ -56,15 +57,14 @@ struct Turn {
     Turn &operator=(const Turn &) = delete;
 };
 
-void writeAll(HANDLE file, std::string_view text) {
-    while (!text.empty()) {
-        DWORD count = 0;
-        if (WriteFile(file, text.data(), static_cast<DWORD>(text.size()), &count, nullptr) == 0 || count == 0) {
-            return; // a full disk, or no standard error: nobody is left to tell
-        }
-        text.remove_prefix(count);
-    }
+std::atomic<bool> lossTold = false;
+
+bool writeTo(HANDLE file, std::string_view text) {
+    bool stalled = false; // a write waits here
+    return qxWriteOut(reinterpret_cast<std::intptr_t>(file), text, stalled) == text.size();
 }
+
+void writeToStandardError(std::string_view text) { writeTo(GetStdHandle(STD_ERROR_HANDLE), text); }
 
 HANDLE openLog() {
     const char *const path = qxEnvironment("QXUTIL_LOG");
@@ -81,8 +81,7 @@ HANDLE openLog() {
         return first;
     }
     if (path != nullptr && file == INVALID_HANDLE_VALUE) {
-        writeAll(GetStdHandle(STD_ERROR_HANDLE),
-                 "QXUtil: can't open the log file of QXUTIL_LOG, messages go to standard error\n");
+        writeToStandardError("QXUtil: can't open the log file of QXUTIL_LOG, messages go to standard error\n");
     }
     return file;
 }
@@ -96,5 +95,9 @@ void qxLogWrite(const char *text, std::size_t length) noexcept {
         file = openLog();
     }
     const Turn turn;
-    writeAll(file != INVALID_HANDLE_VALUE ? file : GetStdHandle(STD_ERROR_HANDLE), {text, length});
+    if (file == INVALID_HANDLE_VALUE) {
+        writeToStandardError({text, length});
+    } else if (!writeTo(file, {text, length}) && !lossTold.exchange(true)) {
+        writeToStandardError("QXUtil: can't write to the log file of QXUTIL_LOG, messages are lost\n");
+    }
 }
