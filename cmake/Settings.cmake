@@ -70,6 +70,8 @@ function(brenvole_library name api)
     target_include_directories(${target} PUBLIC
       $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
     target_link_libraries(${target} PRIVATE Threads::Threads $<BUILD_INTERFACE:brenvole_settings>)
+    # a unique symbol, which the standard library's templates would have, keeps a plug-in that embeds us from being unloaded
+    target_compile_options(${target} PRIVATE $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-fno-gnu-unique>)
     add_library(brenvole::${target} ALIAS ${target})
   endforeach()
 endfunction()
