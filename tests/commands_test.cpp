@@ -8,6 +8,12 @@
 #include <memory>
 #include <random>
 
+static void (*onCopy)() = nullptr;
+extern "C" void qxOSCopyMemorySafeFast(void *to, const void *from, uint32_t count, uint32_t capacity) {
+    if (onCopy != nullptr) { onCopy(); }
+    if (count != 0 && capacity != 0) { std::memmove(to, from, std::min(count, capacity)); }
+}
+
 namespace {
 
 struct Commands : FrameTest {
@@ -159,6 +165,78 @@ TEST_F(Commands, OutOfReach) {
     EXPECT_EQ(free(made), 0u);
     EXPECT_EQ(run(DFRAME_COPY, made, 0, &pool), 0u);
     for (PDFRAME frame : {custom, made, local, pool}) { EXPECT_EQ(free(frame), 0u); }
+    log.take();
+}
+
+// A local pointer beyond its own block, but near enough for the block to be found: nothing is read there.
+TEST_F(Commands, BeyondTheBlock) {
+    makePool(1000000);
+    PDFRAME source = nullptr, made = nullptr, pool = nullptr;
+    ASSERT_EQ(alloc(source, 5000, DFRAME_FLAG_SYSHEAP) | alloc(pool, 5000), 0u);
+    uint8_t *const start = source->lpData;
+    pool->dwBytesUsed = 10;
+    for (const uint32_t offset : {7001u, 100000u}) { // the block has 7000 bytes
+        give(source, start + offset, 2000, 1000, 0);
+        EXPECT_EQ(run(DFRAME_COPY, made, 0, &source), 0u);
+        EXPECT_TRUE(made->dwBytesUsed == 0 && made->dwBufferLength == 2000);
+        EXPECT_EQ(run(DFRAME_FINDALLOC, made), reinterpret_cast<uint64_t>(made->lpData));
+        EXPECT_EQ(run(DFRAME_RESIZE, source, 9000), kNowhere);
+        EXPECT_EQ(run(DFRAME_SWAP, pool, 0, &source), DFMEM_E_FAILED);
+        EXPECT_TRUE(source->lpData == start + offset && source->dwBufferLength == 2000);
+        EXPECT_EQ(free(made), 0u);
+    }
+    give(source, start, 7000, 0, 0);
+    EXPECT_EQ(free(source) | free(pool), 0u);
+    log.take();
+}
+
+// The source of a copy isn't written to, not even for a moment.
+TEST_F(Commands, CopyReadsItsSource) {
+    makePool(1000000);
+    for (const uint32_t side : {0u, DFRAME_FLAG_SYSHEAP}) {
+        static PDFRAME source;
+        static DFRAME before;
+        source = filled(100000, side);
+        source->lpData += 50000, source->dwBufferLength -= 50000;
+        before = *source;
+        onCopy = [] { EXPECT_EQ(std::memcmp(source, &before, sizeof before), 0); };
+        PDFRAME made = nullptr;
+        EXPECT_EQ(run(DFRAME_COPY, made, 0, &source), 0u);
+        onCopy = nullptr;
+        EXPECT_EQ(free(made) | free(source), 0u);
+    }
+    log.take();
+}
+
+// What a frame in no block says to use beyond its length is copied as far as it can be read; of a block, no more than
+// there is.
+TEST_F(Commands, BytesBeyondTheLength) {
+    makePool(1000000);
+    constexpr std::size_t kPages = 1 << 16;
+    auto *const pages = static_cast<uint8_t *>(systemReserve(2 * kPages));
+    systemProtect(pages, kPages, Access::write);
+    std::fill_n(pages, kPages, uint8_t{0x77});
+    PDFRAME own = nullptr, made = nullptr, other = nullptr;
+    ASSERT_EQ(alloc(own, kNoData), 0u);
+    const auto sevens = [](const PDFRAME frame, std::size_t count) {
+        return std::count(frame->lpData, frame->lpData + count, 0x77) == static_cast<std::ptrdiff_t>(count);
+    };
+    for (const uint32_t there : {3000u, 500u}) { // bytes that can be read; the frame says 1000, and to use 2000
+        give(own, pages + kPages - there, 1000, 2000, DFRAME_FLAG_CUSTOM);
+        if (there < 1000) { own->dwBufferLength = 100; }
+        EXPECT_EQ(run(DFRAME_DUP_FREE, made, 0, &own), 0u);
+        const uint32_t room = made->dwBufferLength; // of a granule: more than the length
+        EXPECT_TRUE(sevens(made, std::min({there, room, 2000u}))) << there;
+        EXPECT_EQ(free(made), 0u);
+        own->dwFlags = 0;
+        ASSERT_EQ(alloc(other, 5000), 0u);
+        EXPECT_EQ(run(DFRAME_SWAP, other, 0, &own), 0u); // one way
+        EXPECT_TRUE(sevens(other, std::min(there, 2000u))) << there;
+        EXPECT_EQ(free(other), 0u);
+    }
+    give(own, nullptr, 0, 0, 0);
+    EXPECT_EQ(free(own), 0u);
+    systemRelease(pages, 2 * kPages);
     log.take();
 }
 

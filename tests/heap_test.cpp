@@ -7,7 +7,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <random>
+#include <thread>
+#include <utility>
 
 using namespace brenvole;
 
@@ -33,6 +36,14 @@ extern "C" d_ListNode *d_ListRemove(d_List *l, d_ListNode *n) { return listCall<
 extern "C" uint32_t d_ListInsert(d_List *l, d_ListNode *after, d_ListNode *n) {
     return listCall<uint32_t>("d_ListInsert", l, after, n);
 }
+
+// As a QXUtil has them that takes no null.
+static d_ListNode *neighbour(const d_ListNode *n, d_ListNode *d_ListNode::*way) {
+    EXPECT_NE(n, nullptr);
+    return n != nullptr ? n->*way : nullptr;
+}
+extern "C" d_ListNode *d_ListNext(d_ListNode *n) { return neighbour(n, &d_ListNode::lpNext); }
+extern "C" d_ListNode *d_ListPrev(d_ListNode *n) { return neighbour(n, &d_ListNode::lpPrev); }
 
 namespace {
 
@@ -205,6 +216,43 @@ TEST_F(Heap, ResizeNeedsAnEmptyHeap) {
         drop(kBase);
     }
     EXPECT_EQ(_DFHEAP_Check(heap), 0u);
+}
+
+// A request that waits for the lock is rounded by the granule that holds when it gets it.
+TEST_F(Heap, ResizeWhileAnAllocationWaits) {
+    for (const uint32_t granule : {65536u, 48u, 4096u}) {
+        const uint64_t before = heap->qwGranularity;
+        uint64_t size = 5000, block = 0;
+        DFHEAP_Lock(heap, 1);
+        std::thread waiter([&] { block = DFHEAP_Alloc(heap, &size, 0, nullptr); });
+        while (std::atomic_ref(size) != (5000 + before - 1) / before * before) {}
+        EXPECT_EQ(DFHEAP_Resize(heap, 0, kBase, kLength, granule, 0), 0);
+        DFHEAP_Lock(heap, 0);
+        waiter.join();
+        EXPECT_TRUE(block != 0 && size == (5000 + granule - 1) / granule * granule) << size;
+        EXPECT_EQ(_DFHEAP_Check(heap), 0u) << granule;
+        drop(block);
+    }
+}
+
+// An index that somebody has damaged is noticed, and made anew.
+TEST_F(Heap, DamagedIndex) {
+    if (heap->ppChunkMap == nullptr) { return; }
+    for (const uint64_t segments : {5, 100}) {
+        std::vector<uint64_t> blocks;
+        for (uint64_t i = 0; i < 2 * segments; ++i) { blocks.push_back(take(4096)); }
+        for (uint64_t i = 0; i < 2 * segments; i += 2) { drop(std::exchange(blocks[i], 0)); }
+        ASSERT_TRUE(freeIndexReady(heap));
+        FreeIndex &index = heap->Index;
+        ASSERT_EQ(index.eState, segments < 64 ? IndexState::few : IndexState::many);
+        const uint64_t start = (blocks[1] - kBase) / 4096 + 1; // of a segment above
+        index.eState == IndexState::few ? void(index.alStart[index.dwCount - 1] = 0)
+                                        : void(index.aplLevel[0][start] = 0);
+        for (const uint64_t block : blocks) {
+            if (block != 0) { drop(block); }
+        }
+        checkEmpty();
+    }
 }
 
 TEST_F(Heap, AllocationFaults) {

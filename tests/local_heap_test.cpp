@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 
 using namespace brenvole;
@@ -67,6 +68,46 @@ TEST_F(LocalHeap, FoundUpToItsReach) {
         }
         record->lRefCount = 1;
     }
+    EXPECT_EQ(drop(data), 0);
+}
+
+// What passes for a descriptor inside the data of a block, made up or left over, isn't one; in memory that no block
+// of the heap's has, it is.
+TEST_F(LocalHeap, LookAlikesInData) {
+    constexpr uintptr_t kPiece = 16384;
+    const auto forge = [&](uint8_t *below, const PHALLOC *like) {
+        auto *const record = new (descriptor(below)) PHALLOC(*like);
+        record->pSelf = record;
+        record->lpAddr = reinterpret_cast<uint64_t>(this);
+        return record;
+    };
+    uint8_t *const data = make(900000), *const big = make(1000000);
+    for (uint8_t *const block : {data, big}) {
+        for (uintptr_t at = kPiece; at < 900000; at += kPiece) { forge(block + at, descriptor(block)); }
+    }
+    drop(big); // cached: what lies in it is nobody's
+    for (uintptr_t at = 0; at < 900000; at += 4000) {
+        EXPECT_EQ(find(data, at), at <= kReach ? descriptor(data) : nullptr) << at;
+        EXPECT_EQ(find(big, at), nullptr) << at;
+    }
+    auto *const own = static_cast<uint8_t *>(std::aligned_alloc(kPiece, 8 * kPiece));
+    std::memset(own, 0, 8 * kPiece);
+    const PHALLOC *const made = forge(own + kPiece, descriptor(data)); // another library's, say
+    EXPECT_EQ(find(own, 5 * kPiece), made);
+    // Two blocks whose notes share a place: none is noted twice, or stays when its block has gone.
+    std::vector<PHALLOC *> noted;
+    for (uintptr_t at = 2 * kPiece; at < 8 * kPiece; at += kPiece) {
+        noted.push_back(forge(own + at, made));
+        noted.back()->qwSize = 3 * kPiece;
+    }
+    for (int round = 0; round < 3; ++round) {
+        for (PHALLOC *const record : noted) { localRemember(record); }
+        for (PHALLOC *const record : noted) { localForget(record); }
+        for (PHALLOC *const record : noted) { record->lRefCount = 0; }
+        EXPECT_EQ(find(own, 7 * kPiece), made);
+        for (PHALLOC *const record : noted) { record->lRefCount = 1; }
+    }
+    std::free(own);
     EXPECT_EQ(drop(data), 0);
 }
 
