@@ -1,8 +1,6 @@
 // The end of the library's stay in the process.
 #include "frames.h"
 
-#include "local/block_memory.h"
-#include "local/live_frames.h"
 #include "local/local_heap.h"
 #include "trace/trace.h"
 
@@ -13,9 +11,6 @@ int DllMain(void *, uint32_t reason, void *) {
         brenvole::mainPoolDetach();
         brenvole::LHEAP_DropCache();
         brenvole::TraceClose("DllMainDetach"); // last: it tells what the others have left
-        if (brenvole::blockMemoryMatters()) {
-            brenvole::liveFramesForget();
-        }
     }
     return kTrue;
 }

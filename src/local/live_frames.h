@@ -13,10 +13,6 @@ namespace brenvole {
 void liveFrameEnter(uintptr_t frame);
 void liveFrameLeave(uintptr_t frame);
 
-/** Forgets all of them, at the end of the library's stay: a tool that looks for leaks would take the table for
- * somebody who still holds them. */
-void liveFramesForget();
-
 /** The low half of the third word of a frame's link, read while the frame can't go.
  *  @param owner  any value
  *  @return 0 unless a frame is known to live there */
