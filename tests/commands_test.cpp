@@ -87,6 +87,24 @@ TEST_F(Commands, EachFieldOfTheHeader) {
     }
 }
 
+// A record made for a copy has room for a valid tail.
+TEST_F(Commands, RoomForTheTail) {
+    constexpr uint64_t kTails[][4] = {{1, 5, 1, 1}, {1, 5, 1024, 1024},    {1, 5, 0, 0}, {1, 5, 1025, 0},
+                                      {1, 0, 9, 0}, {1, UINT32_MAX, 9, 0}, {0, 5, 9, 0}};
+    for (const auto &[flagged, tail, length, room] : kTails) {
+        for (const uint32_t command : {DFRAME_COPY, DFRAME_DUP_FREE, DFRAME_SWAP}) {
+            PDFRAME source = nullptr, made = nullptr;
+            ASSERT_EQ(alloc(source, 1000, DFRAME_FLAG_SYSHEAP), 0u);
+            source->dwFlags |= flagged != 0 ? DFRAME_FLAG_TAIL : 0;
+            source->lpTail = reinterpret_cast<void *>(tail);
+            source->dwTailLength = static_cast<uint32_t>(length);
+            EXPECT_EQ(run(command, made, 0, &source), 0u);
+            EXPECT_EQ(made->dwSize, DFRAME_SIZE + room) << command << ' ' << length;
+            EXPECT_EQ(free(source) | free(made), 0u);
+        }
+    }
+}
+
 // ---- refusals -----------------------------------------------------------------------------------------------------
 
 TEST_F(Commands, Refusals) {
@@ -164,7 +182,20 @@ TEST_F(Commands, OutOfReach) {
     give(pool, pool->lpData + 300000, 600000, 1000, 0);
     EXPECT_EQ(free(made), 0u);
     EXPECT_EQ(run(DFRAME_COPY, made, 0, &pool), 0u);
-    for (PDFRAME frame : {custom, made, local, pool}) { EXPECT_EQ(free(frame), 0u); }
+    for (PDFRAME *const frame : {&custom, &made, &local, &pool}) { EXPECT_EQ(free(*frame), 0u); }
+    // Nor is the next block of the pool, for a pointer that was moved inside its own.
+    ASSERT_EQ(alloc(pool, 100000) | alloc(made, 100000) | alloc(local, 300000, DFRAME_FLAG_SYSHEAP), 0u);
+    const auto size = static_cast<uint32_t>(made->lpData - pool->lpData);
+    std::memset(pool->lpData, 1, size);
+    std::memset(made->lpData, 2, size);
+    give(pool, pool->lpData + 5000, 9, 0, 0);
+    for (PDFRAME *const target : {&local, &pool}) {
+        pool->dwBytesUsed = size;
+        EXPECT_EQ(run(target == &local ? DFRAME_SWAP : DFRAME_RESIZE, *target, 300000, &pool), 0u);
+        EXPECT_EQ((*target)->lpData[size - 5001], 1);
+        EXPECT_EQ(std::count((*target)->lpData, (*target)->lpData + size, 2), 0);
+    }
+    EXPECT_EQ(free(pool) | free(made) | free(local), 0u);
     log.take();
 }
 

@@ -115,12 +115,22 @@ TEST_F(LocalHeap, LookAlikesInData) {
 TEST_F(LocalHeap, AnyAddressMayBeAsked) {
     constexpr std::size_t kPages = 1 << 20;
     uint8_t *const data = make(20000);
-    void *const hole = systemReserve(kPages);
+    static void *hole = nullptr;
+    hole = systemReserve(kPages);
     void *const gone = systemReserve(kPages);
     systemRelease(gone, kPages);
+    systemProtect(hole, kPages, Access::write); // a block that was in the hole is forgotten with its release
+    replaceAlloc = [](uint32_t) { return hole; };
+    replaceFree = [](void *) {};
+    uint8_t *const released = make(600000);
+    replaceAlloc = nullptr;
+    EXPECT_EQ(drop(make(700000)), 0); // cached, which the smaller one then isn't
+    EXPECT_EQ(drop(released), 0);
+    replaceFree = nullptr;
+    systemProtect(hole, kPages, Access::none);
     onThreads(1, [&](int) {
         systemBlockSignals();
-        for (const void *at : std::initializer_list<const void *>{hole, gone, "text", data - 1}) {
+        for (const void *at : std::initializer_list<const void *>{hole, gone, released, "text", data - 1}) {
             EXPECT_EQ(find(at), nullptr) << at;
         }
         for (uint64_t bits = 0; bits < 64; ++bits) { // null, small, kernel's, non-canonical, wrapping

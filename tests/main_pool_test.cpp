@@ -130,13 +130,13 @@ TEST_F(Pool, Threads) {
             for (++ready; ready < kThreads;) {}
             for (uint32_t pass = 0; pass < 40; ++pass) { // one more reference, and the same again less
                 PDFRAME own = nullptr, extra = held;
-                bad += alloc(own, 700 * pass + 1, pass % 2 * DFRAME_FLAG_SYSHEAP);
+                bad |= alloc(own, 700 * pass + 1, pass % 2 * DFRAME_FLAG_SYSHEAP);
                 // A block of the old pool; under a sanitizer the new one may lie there.
-                bad += !kSanitized && reinterpret_cast<uint64_t>(+own->lpData) - oldBase < 3000000;
-                bad += addRef(held) != 0 || held->lpData[pass] != static_cast<uint8_t>(round);
-                bad += free(extra) | free(own);
+                bad |= !kSanitized && reinterpret_cast<uint64_t>(+own->lpData) - oldBase < 3000000;
+                bad |= addRef(held) != 0 || held->lpData[pass] != static_cast<uint8_t>(round);
+                bad |= free(extra) | free(own);
             }
-            bad += free(held); // of all these, exactly one releases
+            bad |= free(held); // of all these, exactly one releases
         });
         ASSERT_EQ(bad, 0u);
         DFHEAP_Destroy(old);

@@ -253,7 +253,7 @@ TEST_F(TraceFile, LateStartAndEnd) {
             TraceProblem("off", nullptr, nullptr, 0, 0, 0, nullptr, 0, nullptr);
         } // starts it
         systemSetVariable("QXBRENVOLE_TRACE", nullptr);
-        bad += 1 - TraceIsEnabled();
+        bad += TraceIsEnabled() != 1;
         TraceClose(nullptr);
         systemSetVariable("QXBRENVOLE_TRACE", "1");
         for (int i = 0; i < 9000; ++i) { bad += TraceIsEnabled(); }
