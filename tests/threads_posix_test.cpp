@@ -14,6 +14,7 @@
 
 #include <linux/futex.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace brenvole;
@@ -59,7 +60,8 @@ bool sleeps(long thread) {
 
 // The calls of two threads of which one leaves a lock at the other's n-th: during a barrier, or once that one sleeps.
 // The system may refuse the barrier when a process asks for it, with its first lock, or later.
-std::string contend(unsigned n, bool firstRefused = false, bool laterRefused = false) {
+// With `fork`, a child does so as well, and what it calls comes last.
+std::string contend(unsigned n, bool firstRefused = false, bool laterRefused = false, bool forks = false) {
     QXCRITICALSECTION lock;
     barrierRefused = firstRefused;
     qxOSInitializeCriticalSection(&lock);
@@ -76,6 +78,14 @@ std::string contend(unsigned n, bool firstRefused = false, bool laterRefused = f
         qxOSLeaveCriticalSection(&lock);
     });
     for (const auto &call = calls[n - 1]; call != 'B' && (call == 0 || !sleeps(waiter));) {}
+    const pid_t child = forks ? fork() : -1;
+    if (child == 0) { // the sleeper isn't here: leaving the lock wakes nobody, now and later
+        callCount = 0;
+        qxOSLeaveCriticalSection(&lock), qxOSEnterCriticalSection(&lock), qxOSLeaveCriticalSection(&lock);
+        _exit(static_cast<int>(callCount));
+    }
+    int woken = 0;
+    EXPECT_TRUE(!forks || (waitpid(child, &woken, 0) == child && woken == 0));
     qxOSLeaveCriticalSection(&lock);
     leaveAt = 0;
     other.join();
@@ -87,6 +97,7 @@ TEST(LockDeathTest, SleepersAreWoken) {
     EXPECT_EXIT(_exit(contend(1, true) == "WK" ? 0 : 1), testing::ExitedWithCode(0), "");
     EXPECT_EQ(contend(1), "BK"); // the sleeper is seen before its last look
     EXPECT_EQ(contend(2), "BWK");
+    EXPECT_EQ(contend(2, false, false, true), "BWK");
     EXPECT_EQ(contend(2, false, true).substr(0, 2), "Bw");
 }
 
