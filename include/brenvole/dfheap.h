@@ -6,7 +6,10 @@
  *  both move together. The caller owns the region before, during and after; the heap owns its records.
  *
  *  Threads: each function takes the heap's lock unless it says otherwise, so all of them may run at once on one heap,
- *  but for DFHEAP_Destroy. A thread that holds the lock by DFHEAP_Lock may call every function of the family.
+ *  but for DFHEAP_Destroy. A thread that holds the lock by DFHEAP_Lock may call every function of the family for this heap.
+ *
+ *  Forks: a forked child has a copy of each heap and may use it. The fork acquires the locks of all heaps, so a thread that
+ *  holds one by DFHEAP_Lock doesn't wait for a thread that forks, and creates and destroys no heap.
  *
  *  Sizes, lengths and offsets are in bytes. An address is a plain number; the heap never follows it. Blocks count
  *  references: the one that DFHEAP_Alloc makes, and one for each DFHEAP_AddRef.
@@ -67,6 +70,7 @@ BRENVOLE_API int32_t DFHEAP_Lock(DFHEAP *heap, int32_t lock);
  *                     alone if the rounding would pass 2^64 - 1. Not null.
  *  @param owner       any value, handed back by DFHEAP_AddRef and DFHEAP_Free
  *  @param physOffset  out, may be null: physical offset of the block; written on success only
+ *  @note If the heap is resized to another granule while the request waits for the lock, the new granule counts.
  *  @return the block's address, or 0: null heap, zero size (reported), nothing large enough, no memory for a
  *          record (reported), or a fault that was caught on the way: then nothing has been taken */
 BRENVOLE_API uintptr_t DFHEAP_Alloc(DFHEAP *heap, uint64_t *size, uint64_t owner, uint64_t *physOffset);
