@@ -159,7 +159,7 @@ TEST_F(Commands, OutOfReach) {
     makePool(1000000);
     PDFRAME custom = nullptr, made = nullptr, local = nullptr, pool = nullptr;
     ASSERT_EQ(alloc(custom, kNoData) | alloc(local, 1000, DFRAME_FLAG_SYSHEAP) | alloc(pool, 700000), 0u);
-    const auto own = std::make_unique<uint8_t[]>(1000);
+    const auto own = std::make_unique<uint8_t[]>(1001);
     for (const uint32_t flag : {DFRAME_FLAG_CUSTOM, 0u}) { // the caller's, or one that no heap knows
         give(custom, own.get(), 1000, 1001, flag);
         EXPECT_EQ(run(DFRAME_DUP_FREE, made, 0, &custom), 0u);

@@ -3,6 +3,7 @@
 #ifndef BRENVOLE_TESTS_HARNESS_H
 #define BRENVOLE_TESTS_HARNESS_H
 
+#include "sanitized.h"
 #include "system.h"
 #include "util/qxutil.h"
 
@@ -19,11 +20,6 @@
 #include <utility>
 #include <vector>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-inline constexpr bool kSanitized = true;
-#else
-inline constexpr bool kSanitized = false;
-#endif
 // The n-th QXAlloc from now on gives null, and all behind it if `andAllBehind`; 0: none does.
 void failNth(uint32_t nth, bool andAllBehind = false);
 bool anyFailed();

@@ -38,12 +38,8 @@ extern "C" uint32_t d_ListInsert(d_List *l, d_ListNode *after, d_ListNode *n) {
 }
 
 // As a QXUtil has them that takes no null.
-static d_ListNode *neighbour(const d_ListNode *n, d_ListNode *d_ListNode::*way) {
-    EXPECT_NE(n, nullptr);
-    return n != nullptr ? n->*way : nullptr;
-}
-extern "C" d_ListNode *d_ListNext(d_ListNode *n) { return neighbour(n, &d_ListNode::lpNext); }
-extern "C" d_ListNode *d_ListPrev(d_ListNode *n) { return neighbour(n, &d_ListNode::lpPrev); }
+extern "C" d_ListNode *d_ListNext(d_ListNode *n) { return n == nullptr ? ADD_FAILURE(), n : n->lpNext; }
+extern "C" d_ListNode *d_ListPrev(d_ListNode *n) { return n == nullptr ? ADD_FAILURE(), n : n->lpPrev; }
 
 namespace {
 

@@ -222,7 +222,7 @@ TEST_F(Pool, TheWholeRegionGoesBack) {
         auto *const base = static_cast<uint8_t *>(mainPool.load());
         const uint64_t size = mainPoolSize;
         EXPECT_TRUE(kSanitized || !systemKeepsPlaces || base != std::exchange(last, base));
-        base[0] = base[size - 1] = 1;
+        if (!kSanitized) { base[0] = base[size - 1] = 1; } // no frame's: a memory tool would object
         EXPECT_EQ(mappingsAt(base) + mappingsAt(base + size - 1), 2);
         byClose ? run(DFRAME_CLOSE) : static_cast<uint64_t>(DllMain(nullptr, 0, nullptr));
         EXPECT_EQ(mappingsAt(base) + mappingsAt(base + size - 1), 0);

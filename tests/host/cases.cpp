@@ -1,4 +1,5 @@
 // What a host does around the library, each case in a process of its own: cases PLUGIN MALLOC [CASE]
+#include "../sanitized.h"
 #include "util/qxutil.h"
 
 #include <brenvole/dfheap.h>
@@ -22,12 +23,6 @@
 #include <unistd.h>
 
 namespace {
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
 
 constexpr int kHostSawIt = 7; // exit code of the host's own fault handler
 const char *pluginPath = nullptr;
@@ -272,7 +267,8 @@ const Case cases[] = {
      guards,
      0,
      {"of 983040 bytes, bytes 5 to 5 after it", "of 979999 bytes, bytes 5 to 5 after it",
-      "allocated at maker.c:11, released at user.c:22", "after its release", "found at next.c:33"}},
+      "allocated at maker.c:11, released at user.c:22", "after its release", "found at next.c:33"},
+     false},
 };
 
 std::string run(const Case &one, const char *self, const char *plugin, const char *preload) {

@@ -1,0 +1,15 @@
+// Whether the tests are built for a sanitizer, as GCC and clang say it.
+#ifndef BRENVOLE_TESTS_SANITIZED_H
+#define BRENVOLE_TESTS_SANITIZED_H
+
+#ifndef __has_feature
+#define __has_feature(feature) 0
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || __has_feature(address_sanitizer) ||             \
+    __has_feature(thread_sanitizer)
+inline constexpr bool kSanitized = true;
+#else
+inline constexpr bool kSanitized = false;
+#endif
+
+#endif
