@@ -199,7 +199,7 @@ int faultInHandler(int flags) {
     struct sigaction action {};
     action.sa_flags = flags;
     action.sa_handler = [](int) {
-        static volatile int *volatile nowhere = nullptr;
+        static volatile int *volatile nowhere = reinterpret_cast<int *>(4096);
         if (sigsetjmp(recovery, 1) == 0) { *nowhere = 0; }
     };
     sigaction(SIGUSR1, &action, nullptr);
