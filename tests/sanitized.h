@@ -5,11 +5,15 @@
 #ifndef __has_feature
 #define __has_feature(feature) 0
 #endif
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || __has_feature(address_sanitizer) ||             \
-    __has_feature(thread_sanitizer)
+#if defined(__SANITIZE_ADDRESS__) || __has_feature(address_sanitizer)
+inline constexpr bool kAddressSanitized = true; // its allocator may be locked for good in a forked child
+#else
+inline constexpr bool kAddressSanitized = false;
+#endif
+#if defined(__SANITIZE_THREAD__) || __has_feature(thread_sanitizer)
 inline constexpr bool kSanitized = true;
 #else
-inline constexpr bool kSanitized = false;
+inline constexpr bool kSanitized = kAddressSanitized;
 #endif
 
 #endif

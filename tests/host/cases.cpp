@@ -253,7 +253,7 @@ struct Case {
     bool sanitized = true;          // runs under sanitizers as well
 };
 const Case cases[] = {
-    {"forks", forks, 0, {}},
+    {"forks", forks, 0, {}, !kAddressSanitized},
     {"exit while busy", exitWhileBusy, 0, {"Memory found not free'ed size 16384", "Net DFrames Allocated"}},
     {"release while loading", releaseWhileLoading, 0, {}},
     {"unload", unload, 0, {}},
