@@ -27,9 +27,11 @@ static std::atomic<bool> barrierRefused = false;         // and nobody is woken
 static void note(char call) { calls[callCount++ % calls.size()] = call; }
 
 // Takes the place of the C library's function.
+using Syscall = long (*)(long, ...);
+static Syscall replacedCall() { return reinterpret_cast<Syscall>(systemReplaced("syscall")); }
+static const Syscall atStart = replacedCall(); // not to be looked up in a signal handler
 extern "C" __attribute__((visibility("default"))) long syscall(long number, ...) noexcept {
-    static std::atomic<long (*)(long, ...)> next = nullptr;
-    if (next == nullptr) { next = reinterpret_cast<long (*)(long, ...)>(systemReplaced("syscall")); }
+    const Syscall next = atStart != nullptr ? atStart : replacedCall();
     static constexpr timespec kPatience = {10, 0}; // a missed wake-up fails the test instead of blocking it
     long a[6];
     va_list list;
@@ -45,7 +47,7 @@ extern "C" __attribute__((visibility("default"))) long syscall(long number, ...)
     while (call == 'B' && callCount == leaveAt) { std::this_thread::yield(); }
     if (barrierRefused && (number == SYS_membarrier || call == 'K')) { return errno = EPERM, -1; }
     if (call == 'W') { a[3] = reinterpret_cast<long>(&kPatience); }
-    const long result = next.load()(number, a[0], a[1], a[2], a[3], a[4], a[5]);
+    const long result = next(number, a[0], a[1], a[2], a[3], a[4], a[5]);
     if (call == 'W' && result != 0 && errno == ETIMEDOUT) { note('T'); }
     return result;
 }
