@@ -11,9 +11,10 @@ inline constexpr bool kAddressSanitized = true; // its allocator may be locked f
 inline constexpr bool kAddressSanitized = false;
 #endif
 #if defined(__SANITIZE_THREAD__) || __has_feature(thread_sanitizer)
-inline constexpr bool kSanitized = true;
+inline constexpr bool kThreadSanitized = true; // it runs handlers when it likes, with faults blocked
 #else
-inline constexpr bool kSanitized = kAddressSanitized;
+inline constexpr bool kThreadSanitized = false;
 #endif
+inline constexpr bool kSanitized = kAddressSanitized || kThreadSanitized;
 
 #endif
