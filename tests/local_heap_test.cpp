@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
 
 using namespace brenvole;
@@ -90,8 +89,10 @@ TEST_F(LocalHeap, LookAlikesInData) {
         EXPECT_EQ(find(data, at), at <= kReach ? descriptor(data) : nullptr) << at;
         EXPECT_EQ(find(big, at), nullptr) << at;
     }
-    auto *const own = static_cast<uint8_t *>(std::aligned_alloc(kPiece, 8 * kPiece));
-    std::memset(own, 0, 8 * kPiece);
+    void *const pages = systemReserve(9 * kPiece);
+    systemProtect(pages, 9 * kPiece, Access::write);
+    auto *const own =
+        reinterpret_cast<uint8_t *>((reinterpret_cast<uintptr_t>(pages) + kPiece - 1) / kPiece * kPiece);
     const PHALLOC *const made = forge(own + kPiece, descriptor(data)); // another library's, say
     EXPECT_EQ(find(own, 5 * kPiece), made);
     // Two blocks whose notes share a place: none is noted twice, or stays when its block has gone.
@@ -107,7 +108,7 @@ TEST_F(LocalHeap, LookAlikesInData) {
         EXPECT_EQ(find(own, 7 * kPiece), made);
         for (PHALLOC *const record : noted) { record->lRefCount = 1; }
     }
-    std::free(own);
+    systemRelease(pages, 9 * kPiece);
     EXPECT_EQ(drop(data), 0);
 }
 
