@@ -44,7 +44,9 @@ void report(const char *what, uint64_t got, uint64_t expected) {
                  doing.seed, doing.thread, doing.step, doing.command, what, got, expected);
 }
 void same(const char *what, uint64_t got, uint64_t expected) {
-    if (got == expected) { return; }
+    if (got == expected) {
+        return;
+    }
     report(what, got, expected);
     std::_Exit(1); // the heaps may be damaged
 }
@@ -84,7 +86,9 @@ struct Random {
     bool chance(unsigned of) { return next() % of == 0; }
     // Of a buffer: often near a multiple of the local heap's unit, or large enough for its cache.
     uint32_t size() {
-        if (chance(3)) { return 1 + upTo(chance(2) ? 200 : 1500000); }
+        if (chance(3)) {
+            return 1 + upTo(chance(2) ? 200 : 1500000);
+        }
         return (1 + upTo(chance(4) ? 170 : 24)) * 8192 + 2 - upTo(4);
     }
 };
@@ -102,14 +106,18 @@ struct Block {
         forget(from, count);
         for (uint64_t i = 0; i < count; ++i) {
             start[from + i] = static_cast<uint8_t>(random.next());
-            if (i < 32 || i % 61 == 0) { known.emplace_back(from + i, start[from + i]); }
+            if (i < 32 || i % 61 == 0) {
+                known.emplace_back(from + i, start[from + i]);
+            }
         }
     }
     // The library has copied bytes here, maybe from this block itself.
     void copied(const Block source, uint64_t from, uint64_t count, uint64_t here) { // NOLINT(performance-*)
         forget(here, count);
         for (const auto &[at, value] : source.known) {
-            if (at - from < count) { known.emplace_back(at - from + here, value); }
+            if (at - from < count) {
+                known.emplace_back(at - from + here, value);
+            }
         }
     }
 };
@@ -188,10 +196,14 @@ struct Worker {
     // A few bytes anywhere in the buffer, also in front of lpData and beyond what is used; at times a long run.
     void write(Frame &model) {
         const uint64_t whole = uint64_t{model.moved} + model.length;
-        if (!model.block || model.block->common || whole == 0) { return; }
+        if (!model.block || model.block->common || whole == 0) {
+            return;
+        }
         for (uint32_t i = random.upTo(7); i != 0; --i) {
             uint64_t from = random.upTo(whole - 1);
-            if (!random.chance(4)) { from = (1 + from / kStride) * kStride - 1 - random.upTo(127); }
+            if (!random.chance(4)) {
+                from = (1 + from / kStride) * kStride - 1 - random.upTo(127);
+            }
             from = std::min(from, whole - 1);
             const uint64_t count = 1 + random.upTo(random.chance(20) ? 100000 : random.chance(3) ? 20 : 0);
             model.block->write(from, std::min(count, whole - from), random);
@@ -200,7 +212,9 @@ struct Worker {
     }
     void move(Frame &model) {
         uint32_t by = model.length == 0 ? 0 : random.upTo(std::min(model.length - 1, kMost - model.moved));
-        if (random.chance(2)) { by = by / kStride * kStride; }
+        if (random.chance(2)) {
+            by = by / kStride * kStride;
+        }
         model.moved += by;
         model.frame->lpData += by;
         model.frame->dwBufferLength = model.length -= by;
@@ -209,7 +223,9 @@ struct Worker {
     static void copy(const Frame &source, Frame &target) {
         const bool made = target.frame == nullptr;
         const uint32_t more = source.used != source.length ? 0 : source.used < 19200 ? 16 : 4096;
-        if (target.length < source.used) { target.block = nullptr; }
+        if (target.length < source.used) {
+            target.block = nullptr;
+        }
         target.takes(DFRAME_COPY, source);
         target.used = source.used;
         const uint32_t front = made && source.used != 0 ? source.moved : 0; // it comes with the bytes there
@@ -218,7 +234,9 @@ struct Worker {
             target.length = rounded(source.length + more + (made ? source.moved : 0), source.inPool()) - front;
             target.attach(source.inPool());
         }
-        if (source.used == 0) { return; }
+        if (source.used == 0) {
+            return;
+        }
         target.block->copied(*source.block, source.moved - front, uint64_t{front} + source.used,
                              target.moved - front);
     }
@@ -239,7 +257,9 @@ struct Worker {
             target.block =
                 std::make_shared<Block>(Block{(source.block ? source : target).frame->lpData, source.inPool()});
         }
-        if (!source.block) { return; }
+        if (!source.block) {
+            return;
+        }
         std::swap(source.used, target.used);
         if (oneHeap) {
             std::swap(source.block, target.block);
@@ -254,11 +274,15 @@ struct Worker {
         const uint32_t wanted = random.chance(4) ? 0 : random.chance(8) ? model.length : random.size();
         const bool works = model.block && wanted != model.length;
         same("result", model.does(DFRAME_RESIZE, wanted), works || wanted == model.length ? 0 : UINT64_MAX);
-        if (!works) { return; }
+        if (!works) {
+            return;
+        }
         const std::shared_ptr<Block> old = std::move(model.block);
         model.length = wanted;
         model.used = std::min(model.used, wanted);
-        if (wanted == 0 && model.moved == 0) { return; }
+        if (wanted == 0 && model.moved == 0) {
+            return;
+        }
         model.attach(old->inPool);
         model.block->copied(*old, 0, uint64_t{model.moved} + model.used, 0);
     }
@@ -268,7 +292,9 @@ struct Worker {
         const uint64_t result = run(kinds[random.upTo(2)], reinterpret_cast<PDFRAME *>(&figure));
         same("figure", figure, round.pool == 0 ? 0 : result);
         same("sound figure", figure % 4096 == 0 && figure <= round.pool, 1);
-        if (random.chance(50)) { same("result", run(DFRAME_DUMP), 0); }
+        if (random.chance(50)) {
+            same("result", run(DFRAME_DUMP), 0);
+        }
     }
     // A new block in the shared heap, and something with two others; with many, one goes.
     void heapStep() {
@@ -296,11 +322,15 @@ struct Worker {
             std::swap(block.owner, other.owner);
             std::swap(block.references, other.references);
         }
-        if (taken.size() > 30) { dropBlock(random.upTo(30)); }
+        if (taken.size() > 30) {
+            dropBlock(random.upTo(30));
+        }
     }
     void dropBlock(std::size_t at) {
         Taken &block = taken[at];
-        for (uint64_t i = 0; i < block.size; ++i) { same("byte of a block", block.bytes()[i], block.key); }
+        for (uint64_t i = 0; i < block.size; ++i) {
+            same("byte of a block", block.bytes()[i], block.key);
+        }
         while (block.references-- != 0) {
             uint64_t owner = 1;
             const int32_t left = DFHEAP_Free(round.heap, block.addr + random.upTo(block.size - 1), &owner);
@@ -314,44 +344,86 @@ struct Worker {
         Frame made;
         Frame &source = dice != 13 && random.chance(2) ? common[random.upTo(kCommon - 1)] : model;
         Frame &target = makes ? made : frames[random.upTo(frames.size() - 1)];
-        if (&source == &target || target.references != 1) { return; }
-        if (dice < 12 && (!target.block || !target.block->common)) { copy(source, target); }
+        if (&source == &target || target.references != 1) {
+            return;
+        }
+        if (dice < 12 && (!target.block || !target.block->common)) {
+            copy(source, target);
+        }
         if (dice == 12 && source.block) {
             target.takes(DFRAME_DUP_FREE, source);
             target = {target.frame, 1, source.length, source.used, source.moved, source.block};
         }
-        if (dice == 13 && source.block.use_count() < 2 && target.block.use_count() < 2) { swap(source, target); }
-        if (target.frame == nullptr) { return; }
+        if (dice == 13 && source.block.use_count() < 2 && target.block.use_count() < 2) {
+            swap(source, target);
+        }
+        if (target.frame == nullptr) {
+            return;
+        }
         source.check();
         target.check();
-        if (makes) { frames.push_back(std::move(made)); }
+        if (makes) {
+            frames.push_back(std::move(made));
+        }
     }
     void step() {
         const uint32_t dice = random.upTo(21);
-        if (frames.size() < 3 || (dice < 2 && frames.size() < kFrames)) { return alloc(frames.emplace_back()); }
+        if (frames.size() < 3 || (dice < 2 && frames.size() < kFrames)) {
+            return alloc(frames.emplace_back());
+        }
         Frame &model = frames[random.upTo(frames.size() - 1)];
         Frame &ofAll = common[random.upTo(kCommon - 1)];
         model.check();
-        if (dice == 2 && model.references == 1 && model.length != 0) { alloc(model); }
-        if (dice == 3 && model.block) { model.add(); }
-        if (dice == 4 || dice == 5) { model.drop(); }
-        if (dice == 6) { ofAll.add(); }
-        if (dice == 7 && ofAll.references > 1) { ofAll.drop(); }
-        if (dice == 8) { figures(); }
-        if (dice == 9) { heapStep(); }
-        if (dice >= 10 && dice <= 13) { pairStep(model, dice); }
-        if (dice == 14 && model.references == 1) { resize(model); }
-        if (dice == 15) { same("result", model.does(DFRAME_FIXALLOC), model.moved = 0); }
-        if (dice == 16 || dice == 17) { move(model); }
-        if (dice > 17) { write(model); }
+        if (dice == 2 && model.references == 1 && model.length != 0) {
+            alloc(model);
+        }
+        if (dice == 3 && model.block) {
+            model.add();
+        }
+        if (dice == 4 || dice == 5) {
+            model.drop();
+        }
+        if (dice == 6) {
+            ofAll.add();
+        }
+        if (dice == 7 && ofAll.references > 1) {
+            ofAll.drop();
+        }
+        if (dice == 8) {
+            figures();
+        }
+        if (dice == 9) {
+            heapStep();
+        }
+        if (dice >= 10 && dice <= 13) {
+            pairStep(model, dice);
+        }
+        if (dice == 14 && model.references == 1) {
+            resize(model);
+        }
+        if (dice == 15) {
+            same("result", model.does(DFRAME_FIXALLOC), model.moved = 0);
+        }
+        if (dice == 16 || dice == 17) {
+            move(model);
+        }
+        if (dice > 17) {
+            write(model);
+        }
         std::erase_if(frames, [](const Frame &frame) { return frame.references == 0; });
     }
     void work() {
-        while (doing.step++ < kSteps) { step(); }
-        while (!taken.empty()) { dropBlock(0); }
+        while (doing.step++ < kSteps) {
+            step();
+        }
+        while (!taken.empty()) {
+            dropBlock(0);
+        }
         for (std::vector<Frame> *list : {&frames, &common}) {
             for (Frame &model : *list) {
-                for (model.check(); model.references != 0;) { model.drop(); }
+                for (model.check(); model.references != 0;) {
+                    model.drop();
+                }
             }
         }
     }
@@ -359,7 +431,9 @@ struct Worker {
 
 // Frames and a block for all threads; each thread gets a reference to each frame.
 void prepare(Round &round) {
-    if (round.pool != 0) { same("result", run(DFRAME_RESET, nullptr, kPool), 0); }
+    if (round.pool != 0) {
+        same("result", run(DFRAME_RESET, nullptr, kPool), 0);
+    }
     Worker maker{round, {std::mt19937_64(round.seed)}};
     for (Frame &model : round.common) {
         maker.alloc(model);
@@ -367,7 +441,9 @@ void prepare(Round &round) {
         model.block->write(0, model.length, maker.random);
         maker.move(model);
         model.block->common = true;
-        for (unsigned i = 1; i < kThreads; ++i) { same("result", model.does(DFRAME_ADDREF), 0); }
+        for (unsigned i = 1; i < kThreads; ++i) {
+            same("result", model.does(DFRAME_ADDREF), 0);
+        }
     }
     uint64_t bytes = 10000;
     round.heap = DFHEAP_Create(kPhysical, reinterpret_cast<uintptr_t>(region), kRegion, kGranule, 2048);
@@ -380,7 +456,9 @@ void finish(const Round &round) {
     same("Free", DFHEAP_Free(round.heap, round.commonBlock, nullptr) == 0, 1);
     same("State", DFHEAP_State(round.heap, &blocks, &segments) == 0, 1);
     same("blocks and segments", uint64_t{blocks} << 32 | segments, 1);
-    if (round.pool != 0) { same("bytes in the pool", run(DFRAME_TOTALUSED), 0); }
+    if (round.pool != 0) {
+        same("bytes in the pool", run(DFRAME_TOTALUSED), 0);
+    }
     same("result", run(DFRAME_CLOSE), 0);
     same("bytes in use", run(DFRAME_TOTALUSED) | run(DFRAME_TOTALUSED | DFRAME_FLAG_SYSHEAP), 0);
     DFHEAP_Destroy(round.heap); // its message has the counts of all heaps
@@ -400,7 +478,9 @@ uint64_t runRound(uint64_t seed) {
             commands += doing.commands;
         });
     }
-    for (std::thread &thread : threads) { thread.join(); }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
     finish(round);
     return commands + doing.commands;
 }
@@ -428,7 +508,9 @@ int main(int argc, char **argv) {
     for (const uint64_t end = told + seconds * 1000; rounds == 0 || qxOSGetTimeMs() < end; ++rounds) {
         last = seed != 0 ? first : first + rounds;
         commands += runRound(last);
-        if (qxOSGetTimeMs() - told < 1000) { continue; }
+        if (qxOSGetTimeMs() - told < 1000) {
+            continue;
+        }
         told = qxOSGetTimeMs();
         std::printf("soak: %lu rounds, %lu commands\n", rounds + 1, commands);
         std::fflush(stdout);
