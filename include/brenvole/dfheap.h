@@ -5,11 +5,12 @@
  *  hardware or another process can reach. Each block has two coordinates, its address and its physical offset, and
  *  both move together. The caller owns the region before, during and after; the heap owns its records.
  *
- *  Threads: each function takes the heap's lock unless it says otherwise, so all of them may run at once on one heap,
- *  but for DFHEAP_Destroy. A thread that holds the lock by DFHEAP_Lock may call every function of the family for this heap.
+ *  Threads: each function takes the heap's lock unless it says otherwise, so all of them may run at once on one
+ *  heap, but for DFHEAP_Destroy. A thread that holds the lock by DFHEAP_Lock may call every function of the
+ *  family for this heap.
  *
- *  Forks: a forked child has a copy of each heap and may use it. The fork acquires the locks of all heaps, so a thread that
- *  holds one by DFHEAP_Lock doesn't wait for a thread that forks, and creates and destroys no heap.
+ *  Forks: a forked child has a copy of each heap and may use it. The fork acquires the locks of all heaps, so a
+ *  thread that holds one by DFHEAP_Lock doesn't wait for a thread that forks, and creates and destroys no heap.
  *
  *  Sizes, lengths and offsets are in bytes. An address is a plain number; the heap never follows it. Blocks count
  *  references: the one that DFHEAP_Alloc makes, and one for each DFHEAP_AddRef.

@@ -11,28 +11,28 @@
  *  custom frame) makes the pool at its default size of 524255000 bytes; after a failure, at the last size tried, so
  *  after a DFRAME_RESET that got no region at none. With a pool, the local heap serves when the pool is full.
  *
- *  There is one pool in a process. The program and every plug-in that loads the shared library share it: who makes it by
- *  DFRAME_RESET makes it for all, and who ends it by DFRAME_CLOSE takes it from all. A plug-in that embeds the static
- *  library has a pool, and frames, of its own.
+ *  There is one pool in a process. The program and every plug-in that loads the shared library share it: who
+ *  makes it by DFRAME_RESET makes it for all, and who ends it by DFRAME_CLOSE takes it from all. A plug-in that
+ *  embeds the static library has a pool, and frames, of its own.
  *
- *  A new record is zero but for its stamps (dwRefCount, dwSize, dwFlags, dwAttachMark, dwAttachValue, dwCreateMark, lpData,
- *  dwBufferLength). The content of new data is undefined. Data is aligned to 16384 bytes in the local heap and to 4096 in
- *  the pool; a record to 4.
+ *  A new record is zero but for its stamps (dwRefCount, dwSize, dwFlags, dwAttachMark, dwAttachValue,
+ *  dwCreateMark, lpData, dwBufferLength). The content of new data is undefined. Data is aligned to 16384 bytes
+ *  in the local heap and to 4096 in the pool; a record to 4.
  *
- *  A frame is made for a picture or for a longer piece of sound. A header takes 8.5 KB, and a local block its data, rounded
- *  up to 8192 bytes, and 16.5 KB of address space: a frame of 4096 bytes takes 20 KB of resident memory. Don't use a frame
- *  for each audio packet.
+ *  A frame is made for a picture or for a longer piece of sound. A header takes 8.5 KB, and a local block its
+ *  data, rounded up to 8192 bytes, and 16.5 KB of address space: a frame of 4096 bytes takes 20 KB of resident
+ *  memory. Don't use a frame for each audio packet.
  *
- *  Threads: every command may run on any thread at any time, but for DFRAME_RESET and DFRAME_CLOSE, beside which no
- *  other may run. The library guards its counts and its own state; the other fields of a frame are under no lock,
- *  so a caller keeps threads that change one frame apart. Commands that only read a frame, such as DFRAME_COPY its source,
- *  may run on it on any number of threads at once.
+ *  Threads: every command may run on any thread at any time, but for DFRAME_RESET and DFRAME_CLOSE, beside
+ *  which no other may run. The library guards its counts and its own state; the other fields of a frame are
+ *  under no lock, so a caller keeps threads that change one frame apart. Commands that only read a frame, such
+ *  as DFRAME_COPY its source, may run on it on any number of threads at once.
  *
- *  Several holders: a frame's header and its data have a count each, and DFRAME_FREE drops one of both. A command that gives
- *  a frame another buffer (DFRAME_ALLOC, DFRAME_COPY or DFRAME_DUP_FREE with an existing frame as the destination,
- *  DFRAME_RESIZE) leaves the header with all its references, and the new buffer with one: the second holder's DFRAME_FREE
- *  would then release a buffer that is gone, or another frame's that lies in its place by now. Use them on frames with one
- *  holder.
+ *  Several holders: a frame's header and its data have a count each, and DFRAME_FREE drops one of both. A
+ *  command that gives a frame another buffer (DFRAME_ALLOC, DFRAME_COPY or DFRAME_DUP_FREE with an existing
+ *  frame as the destination, DFRAME_RESIZE) leaves the header with all its references, and the new buffer with
+ *  one: the second holder's DFRAME_FREE would then release a buffer that is gone, or another frame's that lies
+ *  in its place by now. Use them on frames with one holder.
  *
  *  Custom frames: a caller that has memory of its own, a capture card's, say, lends it to a frame. Such a frame isn't
  *  shared by DFRAME_ADDREF, and DFRAME_FREE refuses it until the memory has been taken back:
@@ -55,16 +55,17 @@
  *      DFrameMem(DFRAME_FREE, 0, 0, &frame);
  *  @endcode
  *
- *  Messages: a program that makes, shares and releases frames prints nothing. DFRAME_RESET, DFRAME_CLOSE, and the end of a
- *  process that has a pool, write a line or two to standard error, and nearly every refusal writes one. QXUTIL_LOG names a
- *  file for them (the null device silences the library), or a program takes them by qxSetLogSink of qxutil.h.
+ *  Messages: a program that makes, shares and releases frames prints nothing. DFRAME_RESET, DFRAME_CLOSE, and
+ *  the end of a process that has a pool, write a line or two to standard error, and nearly every refusal writes
+ *  one. QXUTIL_LOG names a file for them (the null device silences the library), or a program takes them by
+ *  qxSetLogSink of qxutil.h.
  *
- *  Forks: a forked child has a copy of the pool and of all frames, and may use them. The fork waits for the library's locks; a
- *  thread that holds a heap's lock by DFHEAP_Lock must not wait for a thread that forks. A child that ends by exit() reports
- *  its copy of the pool like any process; _exit() reports nothing.
+ *  Forks: a forked child has a copy of the pool and of all frames, and may use them. The fork waits for the
+ *  library's locks; a thread that holds a heap's lock by DFHEAP_Lock must not wait for a thread that forks. A
+ *  child that ends by exit() reports its copy of the pool like any process; _exit() reports nothing.
  *
- *  The end of a process: exit() may run while other threads use the library. What lives in the pool then is reported, and
- *  stays as it is for these threads.
+ *  The end of a process: exit() may run while other threads use the library. What lives in the pool then is
+ *  reported, and stays as it is for these threads.
  *
  *  Sizes are in bytes. The header compiles as C11 and as C++20. */
 #ifndef BRENVOLE_DFRAME_H
@@ -137,10 +138,10 @@ extern "C" {
  *       rounds to 2^32 in the pool: the frame then has the data, but a dwBufferLength of 0.
  *  @par param2  record size, not 0; a new record has at least DFRAME_SIZE bytes, and its low 32 bits count. With data
  *       attached, an existing frame's dwSize takes the low 32 bits of it as they are.
- *  @par ppDF    in and out: null at *ppDF for a new frame, else the frame whose data is replaced, which has one holder.
- *       Its old buffer loses one reference; a custom buffer is only forgotten. Flags, DFRAME_FLAG_CUSTOM among them, and
- *       dwBytesUsed stay. A frame with lpData set and a dwBufferLength of 0 loses no reference; it keeps its data unless
- *       there is a pool.
+ *  @par ppDF    in and out: null at *ppDF for a new frame, else the frame whose data is replaced, which has one
+ *       holder. Its old buffer loses one reference; a custom buffer is only forgotten. Flags,
+ *       DFRAME_FLAG_CUSTOM among them, and dwBytesUsed stay. A frame with lpData set and a dwBufferLength of 0
+ *       loses no reference; it keeps its data unless there is a pool.
  *  @par DFRAME_FLAG_SYSHEAP  the local heap goes first, and the pool when that fails
  *  @return 0; a plain DFMEM_E_POINTER (null ppDF, zero param2) or DFMEM_E_INVALIDARG (zero param1); or
  *       DFMEM_E_OUTOFMEMORY widened: then the frame's reference is gone and *ppDF is null
@@ -153,8 +154,8 @@ extern "C" {
  *  @par ppDF    in and out: the frame; *ppDF is null afterwards unless the command is refused
  *  @return 0, also while other references remain; 0xFFFFFFFE if the data was found in no heap (the header went
  *       all the same); plain DFMEM_E_POINTER (null ppDF or frame) or DFMEM_E_INVALIDARG (custom frame)
- *  @note Data in the pool that has been released already gives 0 as well; only the trace reports it. A released header
- *       isn't noticed: memory tools see the access. */
+ *  @note Data in the pool that has been released already gives 0 as well; only the trace reports it. A released
+ *       header isn't noticed: memory tools see the access. */
 #define DFRAME_FREE 11u
 /** Adds one reference to the frame and one to its data.
  *  @par ppDF    in: the frame
@@ -163,17 +164,16 @@ extern "C" {
  *       the pool's region but in no block. In the last two cases the header's count stays raised. */
 #define DFRAME_ADDREF 12u
 /** Gives the caller a second frame with the header and the bytes of a source.
- *  @par param2  pointer to the source's PDFRAME. The source is only read: any number of threads may copy from one frame
- *       at the same time, as long as nobody changes it.
- *  @par ppDF    in and out: the destination; null at *ppDF for a new one, else a frame with one holder. A new one shares
- *       nothing. It gets
- *       the source's dwBufferLength (16 or 4096 more if the source is full) in the source's heap, or, if that
- *       is the pool and it is full, in the local heap. It takes over a moved data pointer, with the bytes in
- *       front of it (but for one that the local heap couldn't find); its dwBufferLength counts from lpData. An
- *       existing one keeps its buffer if that holds the source's dwBytesUsed, also if it is the source's own.
- *       Without a buffer, or with one that is too small, which is released, it gets one in the source's heap
- *       or not at all. One that is too small and known to neither heap stays, takes what fits, and is told to
- *       hold all.
+ *  @par param2  pointer to the source's PDFRAME. The source is only read: any number of threads may copy from
+ *       one frame at the same time, as long as nobody changes it.
+ *  @par ppDF    in and out: the destination; null at *ppDF for a new one, else a frame with one holder. A new
+ *       one shares nothing. It gets the source's dwBufferLength (16 or 4096 more if the source is full) in the
+ *       source's heap, or, if that is the pool and it is full, in the local heap. It takes over a moved data
+ *       pointer, with the bytes in front of it (but for one that the local heap couldn't find); its
+ *       dwBufferLength counts from lpData. An existing one keeps its buffer if that holds the source's
+ *       dwBytesUsed, also if it is the source's own. Without a buffer, or with one that is too small, which is
+ *       released, it gets one in the source's heap or not at all. One that is too small and known to neither
+ *       heap stays, takes what fits, and is told to hold all.
  *  @par Header  all but dwSize (at least DFRAME_SIZE) and dwTrailE is the source's; DFRAME_FLAG_CUSTOM stays
  *       the destination's own, lpTail is null. If bytes are copied, lpLink is null and the attach stamps are
  *       new: a destination that stands on a list is reported, and has to be taken off before.
@@ -181,15 +181,15 @@ extern "C" {
  *       that is too small) or DFMEM_E_OUTOFMEMORY (no new frame); DFMEM_E_OUTOFMEMORY widened if no buffer can
  *       be had: then the destination's reference is gone and *ppDF is null
  *  @note A frame copied onto itself loses its dwBytesUsed and its lpTail. Bytes used without data give a copy
- *       without bytes used, and so does an lpData that was moved beyond the end of its own local block. No byte beyond a
- *       block is copied, whatever the frame says to use. */
+ *       without bytes used, and so does an lpData that was moved beyond the end of its own local block. No byte
+ *       beyond a block is copied, whatever the frame says to use. */
 #define DFRAME_COPY 13u
 /** Makes the destination a duplicate of the source that shares the source's buffer, by one more reference on it. A
  *  custom source's bytes, and those of a buffer that neither heap knows, are copied instead.
  *  @par param2  pointer to the source's PDFRAME
- *  @par ppDF    in and out: the destination; null at *ppDF for a new one, else a frame with one holder, whose data loses a
- *       reference first. A custom source makes new frames only, in the pool, which is made if there is none,
- *       or in the local heap if that is full.
+ *  @par ppDF    in and out: the destination; null at *ppDF for a new one, else a frame with one holder, whose
+ *       data loses a reference first. A custom source makes new frames only, in the pool, which is made if
+ *       there is none, or in the local heap if that is full.
  *  @par Header  all but lpLink is the source's, lpTail is null. dwSize stays, and becomes DFRAME_SIZE if the
  *       source's is less. From a custom source DFRAME_FLAG_CUSTOM isn't taken over, and dwBufferLength is that
  *       of the new buffer.
@@ -201,15 +201,15 @@ extern "C" {
  *       forget its lpData
  *  @note If a buffer that neither heap knows has to be copied and there is no memory for it, the result is 0
  *       and the destination's lpData is null.
- *  @note All of dwBytesUsed is copied that the new buffer holds; what lies beyond the source's dwBufferLength, as far as it
- *       can be read. */
+ *  @note All of dwBytesUsed is copied that the new buffer holds; what lies beyond the source's dwBufferLength,
+ *       as far as it can be read. */
 #define DFRAME_DUP_FREE 14u
 /** Exchanges the contents of two frames. Two buffers of one heap only change frames; else the bytes in use move.
  *  The frames keep their references, and each keeps its count on the buffer that it has then: so a frame that
  *  shares its buffer with another one (DFRAME_DUP_FREE) is not to be exchanged, or the buffer goes before its last
  *  holder.
- *  @par param1  smallest data size of a target that is made here or has no data; may be 0 or negative. Its low 32 bits
- *       become the target's dwBufferLength.
+ *  @par param1  smallest data size of a target that is made here or has no data; may be 0 or negative. Its low
+ *       32 bits become the target's dwBufferLength.
  *  @par param2  pointer to the source's PDFRAME
  *  @par ppDF    in and out: the target; null at *ppDF for a new one, of at least the source's dwBufferLength,
  *       which takes the source's content, while the source gets the new frame's empty buffer; if that came to
@@ -221,10 +221,11 @@ extern "C" {
  *  @par Header  exchanged, or handed to a new target: flags, opaque body, qwTrailC, dwTrailD, the marks. The
  *       source's dwTrailF to dwTrailI go to the target and stay in the source. Neither comes out with a valid
  *       tail.
- *  @return 0, also if one of the two has no data then: nothing is exchanged; plain DFMEM_E_POINTER (null
- *       ppDF), DFMEM_E_INVALIDARG (null param2 or source, a custom frame), DFMEM_E_FAILED (the bytes don't
- *       fit, an lpData was moved beyond the end of its own local block, or of two pointers into the pool one lies in no block) or DFMEM_E_OUTOFMEMORY: no new target, no
- *       temporary, or no buffer for a target without data, which then loses a reference, and *ppDF is null */
+ *  @return 0, also if one of the two has no data then: nothing is exchanged; plain DFMEM_E_POINTER (null ppDF),
+ *       DFMEM_E_INVALIDARG (null param2 or source, a custom frame), DFMEM_E_FAILED (the bytes don't fit, an
+ *       lpData was moved beyond the end of its own local block, or of two pointers into the pool one lies in no
+ *       block) or DFMEM_E_OUTOFMEMORY: no new target, no temporary, or no buffer for a target without data,
+ *       which then loses a reference, and *ppDF is null */
 #define DFRAME_SWAP 15u
 /** Gives a frame a buffer of another size in its heap, with the bytes in use that fit. The new one is there before
  *  the old one loses one reference, so frames that share the buffer keep it. The new one has one reference: a frame
@@ -235,7 +236,8 @@ extern "C" {
  *  @par ppDF    in: the frame
  *  @return 0, also for the present size; plain DFMEM_E_POINTER (null ppDF) or DFMEM_E_INVALIDARG (null or
  *       custom frame, a size out of range) or DFMEM_E_OUTOFMEMORY; -1 (64 bits) for a frame without data or
- *       with a pointer that neither heap knows, or that was moved beyond the end of its own local block. Unless the result is 0, the frame is as it was. */
+ *       with a pointer that neither heap knows, or that was moved beyond the end of its own local block. Unless
+ *       the result is 0, the frame is as it was. */
 #define DFRAME_RESIZE 16u
 /** @par ppDF    in: the frame, as for the other three that tell where data lies
  *  @return 1 if the data lies in the local heap; else 0, also for null arguments and custom frames */
@@ -333,11 +335,11 @@ BRENVOLE_API uint64_t DFrameMem(uint32_t command, int64_t param1, uintptr_t para
 BRENVOLE_API uint64_t DFrameMemTrace(uint32_t command, int64_t param1, uintptr_t param2, PDFRAME *ppDF,
                                      const char *msgarea, uint32_t line);
 
-/** The system's hook at load and unload. Reason 0, process detach, ends the pool and gives the cached local block
- *  back; no other reason does any work. The platform calls it when the library leaves the process. Ending a pool is
- *  logged, so a sink of the host's has to be callable up to then, or be taken off. In exit() other threads may still run
- *  commands: the pool's blocks are reported then, and nothing of it is released. When the library is unloaded, no thread may
- *  be inside.
+/** The system's hook at load and unload. Reason 0, process detach, ends the pool and gives the cached local
+ *  block back; no other reason does any work. The platform calls it when the library leaves the process. Ending
+ *  a pool is logged, so a sink of the host's has to be callable up to then, or be taken off. In exit() other
+ *  threads may still run commands: the pool's blocks are reported then, and nothing of it is released. When the
+ *  library is unloaded, no thread may be inside.
  *  @return 1 for every reason */
 BRENVOLE_API int DllMain(void *instance, uint32_t reason, void *reserved);
 

@@ -55,8 +55,8 @@ void *mainPoolAlloc(std::atomic<uint64_t> &size);
  *          is a pool; `heap` is null then. */
 bool mainPoolNeed(::DFHEAP *&heap);
 
-/** Ends heap and pool when the library leaves the process. Resets no figure. If other threads may still be inside,
- * because the process is in exit(), the heap is reported and left as it is for them. */
+/** Ends heap and pool when the library leaves the process. Resets no figure. If other threads may still be
+ *  inside, because the process is in exit(), the heap is reported and left as it is for them. */
 void mainPoolDetach();
 
 /** From now on a fork holds the locks of pool, heaps, frames and trace, the outermost first. Later calls do nothing.
@@ -158,12 +158,12 @@ DataPlace framePlace(const DFRAME *frame);
  *  frame's. */
 bool frameBeyondBlock(const DFRAME *frame, const DataPlace &place);
 
-/** Bytes from lpData to the end of its block, 0 beyond it; UINT64_MAX if it lies in no block. Acquires the pool's
- * lock. */
+/** Bytes from lpData to the end of its block, 0 beyond it; UINT64_MAX if it lies in no block. Acquires the
+ *  pool's lock. */
 uint64_t frameBytesThere(const DFRAME *frame, const DataPlace &place);
 
-/** Copies the frame's dwBytesUsed bytes, at most `capacity` and none beyond the end of a known block. What a frame in
- * no block claims to use beyond its dwBufferLength is copied as far as it can be read.
+/** Copies the frame's dwBytesUsed bytes, at most `capacity` and none beyond the end of a known block. What a
+ *  frame in no block claims to use beyond its dwBufferLength is copied as far as it can be read.
  *  @return bytes copied */
 uint32_t frameCopyUsed(uint8_t *destination, uint32_t capacity, const DFRAME *frame, const DataPlace &place);
 

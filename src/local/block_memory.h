@@ -1,13 +1,13 @@
 /** @file
- *  What happens to the memory of a block when it is handed out and when it is released, beside the heaps' books:
- * nothing, unless a tool that looks for memory errors watches the process, or QXBRENVOLE_GUARD is on.
+ *  What happens to the memory of a block when it is handed out and when it is released, beside the heaps'
+ *  books: nothing, unless a tool that looks for memory errors watches the process, or QXBRENVOLE_GUARD is on.
  *
  *      start             start + size        start + size + guard
  *      |<- the frame's data ->|<- the guard ------------->|
  *
- *  A watching tool is told that the data may be accessed, and that the guard, and the whole block after its release,
- * may not. With QXBRENVOLE_GUARD a live block's guard holds a pattern and the call site that made the block; the
- * pattern is verified at the release, and then all of the block is filled with another one. */
+ *  A watching tool is told that the data may be accessed, and that the guard, and the whole block after its
+ *  release, may not. With QXBRENVOLE_GUARD a live block's guard holds a pattern and the call site that made the
+ *  block; the pattern is verified at the release, and then all of the block is filled with another one. */
 #ifndef BRENVOLE_BLOCK_MEMORY_H
 #define BRENVOLE_BLOCK_MEMORY_H
 

@@ -15,8 +15,8 @@ namespace brenvole {
 namespace {
 
 // A place holds a frame's address, or 0. Frames are 4-aligned, so the lowest bit is free: set, somebody is reading
-// the frame, for some nanoseconds, and it must not go. The other bits are inverted, so that a tool that looks for leaks
-// doesn't take the table for somebody who holds the frames.
+// the frame, for some nanoseconds, and it must not go. The other bits are inverted, so that a tool that looks for
+// leaks doesn't take the table for somebody who holds the frames.
 constexpr uint64_t kPinned = 1;
 constexpr uint64_t kInverted = ~kPinned;
 constexpr unsigned kPlaceBits = 16; // 512 KiB; pages of it that no frame needs are never touched

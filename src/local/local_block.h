@@ -27,8 +27,8 @@ inline constexpr uint32_t kLocalGuard6 = 0xFAD0BABE;
 QX_READS_FOREIGN_MEMORY bool localGuardsHold(const volatile PHALLOC *record);
 
 /** Notes where a live block has its data, and forgets it before the block goes to QXFree. Whoever notes holds
- * dfmemLock. A note decides what LHEAP_Find returns for an address in the block's data, and saves it system calls; of
- * many blocks the notes may push each other out, and such a block is searched for. */
+ *  dfmemLock. A note decides what LHEAP_Find returns for an address in the block's data, and saves it system
+ *  calls; of many blocks the notes may push each other out, and such a block is searched for. */
 void localRemember(const PHALLOC *descriptor);
 void localForget(const PHALLOC *descriptor);
 

@@ -31,9 +31,10 @@ int32_t LHEAP_Free(PHALLOC *pHA, const char *msgarea, uint32_t line);
 /** The last byte that LHEAP_Find finds, counted from the start of a block's data. */
 inline constexpr uint32_t kLocalReach = 278527;
 
-/** Finds the local block that `address` lies in, up to kLocalReach bytes above the start of its data. For an address
- * in the data of a block that the heap remembers, that is this block; for any other the nearest live descriptor at or
- * below the address, whatever the block's length, unless it lies inside the data of a block that the heap remembers.
+/** Finds the local block that `address` lies in, up to kLocalReach bytes above the start of its data. For an
+ *  address in the data of a block that the heap remembers, that is this block; for any other the nearest live
+ *  descriptor at or below the address, whatever the block's length, unless it lies inside the data of a block
+ *  that the heap remembers.
  *  @param address  any value whatever; memory that isn't there ends the search
  *  @return its descriptor, or null
  *  @note Takes no lock and changes nothing. Makes system calls only for an address outside the blocks that it

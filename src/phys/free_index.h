@@ -1,20 +1,22 @@
 /** @file
- *  A second way into FreeList, for the two questions that cost a walk more with every free segment: which is the
- * first segment, from either end, that has room for a request; and which one stands in front of an address.
+ *  A second way into FreeList, for the two questions that cost a walk more with every free segment: which
+ *  is the first segment, from either end, that has room for a request; and which one stands in front of an
+ *  address.
  *
  *  FreeList is the truth, and what the index answers is what a walk would find. The index knows where each segment
  *  starts and how long it is, both in granules, and no more; the record comes from the chunk map. So a heap without a
  *  map has no index, and walks, as it does where the index's own memory can't be had.
  *
- *  Up to kFewSegments it is two arrays, sorted by start, which are scanned sixteen entries at a time. Beyond, it is a
- *  tree: a leaf for each granule holds the length of the segment that starts there, or 0, and each node above holds
- * the largest of sixteen below it. From the root down to the first or last node that is large enough: that is first
- * fit from the bottom or the top, in as many steps as the tree has levels.
+ *  Up to kFewSegments it is two arrays, sorted by start, which are scanned sixteen entries at a time. Beyond,
+ *  it is a tree: a leaf for each granule holds the length of the segment that starts there, or 0, and each node
+ *  above holds the largest of sixteen below it. From the root down to the first or last node that is large
+ *  enough: that is first fit from the bottom or the top, in as many steps as the tree has levels.
  *
- *  An operation that changes FreeList changes the index with it. Where a fault or a list's refusal stops it half-way,
- *  the index is dropped (stale), and made anew from the list by the next operation that asks. So it is where a
- * segment isn't found in it that should be: memory errors of the host's may have reached it. Whatever changes the
- * list on the way back from a fault drops it again: it may have been made anew in between.
+ *  An operation that changes FreeList changes the index with it. Where a fault or a list's refusal stops it
+ *  half-way, the index is dropped (stale), and made anew from the list by the next operation that asks. So it
+ *  is where a segment isn't found in it that should be: memory errors of the host's may have reached it.
+ *  Whatever changes the list on the way back from a fault drops it again: it may have been made anew in
+ *  between.
  *
  *  All of it runs with the heap's Lock held. */
 #ifndef BRENVOLE_FREE_INDEX_H

@@ -125,8 +125,8 @@ int32_t DFHEAP_Contains(const DFHEAP *heap, uint64_t addr);
 void DFHEAP_ReportAtExit(DFHEAP *heap);
 
 /** @name All heaps of the process
- *  They are known so that a fork can acquire their locks. Fork handlers are registered with the first heap, or
- * earlier.
+ *  They are known so that a fork can acquire their locks. Fork handlers are
+ *  registered with the first heap, or earlier.
  *  @{ */
 void allHeapsEnter(DFHEAP *heap);
 void allHeapsLeave(DFHEAP *heap);

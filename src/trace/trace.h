@@ -1,10 +1,10 @@
 /** @file
- *  The trace: a comma-separated file with a row for every frame and allocation event. Off unless the environment or
- * the configuration says on. The operations call the recorders, one line each; the trace calls nothing of theirs, and
- *  reads four counters. Nothing that it does changes what an operation does.
+ *  The trace: a comma-separated file with a row for every frame and allocation event. Off unless the
+ *  environment or the configuration says on. The operations call the recorders, one line each; the trace calls
+ *  nothing of theirs, and reads four counters. Nothing that it does changes what an operation does.
  *
  *  traceLock guards the file, the live table and all counters but those that TraceIsEnabled reads; it is the
- * innermost lock of the system, and recorders are called with and without others held. */
+ *  innermost lock of the system, and recorders are called with and without others held. */
 #ifndef BRENVOLE_TRACE_H
 #define BRENVOLE_TRACE_H
 
@@ -35,8 +35,8 @@ extern QXCRITICALSECTION traceLock;
 /** Creates traceLock once, whichever thread comes first. It is never deleted. */
 void traceLockCreate();
 
-/** Registers what a fork does with the lock and the file; later calls do nothing. Whoever has a lock that is outside
- * of traceLock registers its own handlers afterwards, so that the lock is acquired before. */
+/** Registers what a fork does with the lock and the file; later calls do nothing. Whoever has a lock that is
+ *  outside of traceLock registers its own handlers afterwards, so that the lock is acquired before. */
 void traceHookFork();
 
 /** Runs a recorder's work with traceLock held, as work(msgarea). A call site's text that has gone is as good as

@@ -4,8 +4,8 @@
 #ifndef QXUTIL_ALLOCATING_H
 #define QXUTIL_ALLOCATING_H
 
-/** Marks a scope; qxOSInAllocator returns 1 inside. If a host jumps out of it from its own fault handler, the mark
- * stays, and all later faults of the thread are the host's. */
+/** Marks a scope; qxOSInAllocator returns 1 inside. If a host jumps out of it from its own fault handler, the
+ *  mark stays, and all later faults of the thread are the host's. */
 class QXAllocating {
   public:
     QXAllocating() noexcept;

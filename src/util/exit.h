@@ -7,7 +7,7 @@
 void qxHookExit();
 
 /** True once the process is in exit(). Its other threads may still run then, inside the library as well; when a
- * library is unloaded, no thread is inside. */
+ *  library is unloaded, no thread is inside. */
 bool qxInExit();
 
 /** True if the process has other threads than the calling one, or if the system doesn't say. */

@@ -3,10 +3,10 @@
 #ifndef QXUTIL_FORK_H
 #define QXUTIL_FORK_H
 
-/** From now on a fork acquires QXUtil's own locks first and releases them on both sides, so that none is held in the
- *  child by a thread that isn't there. Later calls do nothing. Whoever registers handlers of their own that acquire
- * locks of the contract does so after the first qxOSInitializeCriticalSection, which calls this: the system runs the
- *  handlers of later registrations first, and QXUtil's locks are the innermost. */
+/** From now on a fork acquires QXUtil's own locks first and releases them on both sides, so that none is held
+ *  in the child by a thread that isn't there. Later calls do nothing. Whoever registers handlers of their own
+ *  that acquire locks of the contract does so after the first qxOSInitializeCriticalSection, which calls this:
+ *  the system runs the handlers of later registrations first, and QXUtil's locks are the innermost. */
 void qxHookFork();
 
 /** The lock unit's part in a forked child. */

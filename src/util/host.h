@@ -11,8 +11,8 @@
  *  must not decide what it writes, and where. Valid until the variable changes. */
 const char *qxHostEnvironment(const char *name) noexcept;
 
-/** Opens a file that the user has named for writing; what stands there is replaced. A pipe needs a reader: nobody
- * waits for one. Programs that this one starts don't inherit it, nor the other one.
+/** Opens a file that the user has named for writing; what stands there is replaced. A pipe needs a reader:
+ *  nobody waits for one. Programs that this one starts don't inherit it, nor the other one.
  *  @return null if it can't be opened */
 std::FILE *qxCreateNamed(const char *path) noexcept;
 
@@ -28,7 +28,7 @@ std::size_t qxHostWrite(std::FILE *file, std::string_view text, bool &stalled) n
 void qxHostTakeBack(std::FILE *file, std::size_t length) noexcept;
 
 /** From now on: `before` runs ahead of each fork of this process, then one of the others on either side. Where
- * processes don't fork, none runs. */
+ *  processes don't fork, none runs. */
 void qxAtFork(void (*before)(), void (*inParent)(), void (*inChild)()) noexcept;
 
 #endif

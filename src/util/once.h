@@ -16,10 +16,10 @@ inline constexpr int64_t kOnceDone = 1;
 inline bool qxDone(const QXOnce &once) { return once.load(std::memory_order_acquire) == kOnceDone; }
 
 /** Runs `make`, which doesn't throw, if nobody has; else waits until it is done. A child that was forked while
- * another thread of its parent was at it has no such thread, and runs `make` anew: it must bear that.
+ *  another thread of its parent was at it has no such thread, and runs `make` anew: it must bear that.
  *
- *  Not std::call_once, which with some compilers takes one of the process's few thread-local slots at each load of
- * the library and never returns it, and which waits forever in such a child. */
+ *  Not std::call_once, which with some compilers takes one of the process's few thread-local slots at each load
+ *  of the library and never returns it, and which waits forever in such a child. */
 template <class Make> void qxOnce(QXOnce &once, const Make &make) {
     if (qxDone(once)) {
         return;

@@ -2,9 +2,9 @@
  *  Locks that exist before any code runs and after all of it, apart from the contract's. The owner does not enter
  *  again. In a forked child whoever held one at the fork may leave it.
  *
- *  Not std::mutex: when a process ends on Windows, the system ends its other threads wherever they are, and what
- * still runs then (DllMain, which reports leaks) may find a lock taken for ever. The system's critical sections know
- * of that moment; the locks of a compiler's thread library don't. Private. */
+ *  Not std::mutex: when a process ends on Windows, the system ends its other threads wherever they are, and
+ *  what still runs then (DllMain, which reports leaks) may find a lock taken for ever. The system's critical
+ *  sections know of that moment; the locks of a compiler's thread library don't. Private. */
 #ifndef QXUTIL_STATIC_LOCK_H
 #define QXUTIL_STATIC_LOCK_H
 

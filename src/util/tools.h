@@ -1,8 +1,8 @@
 /** @file
- *  Tools that look for memory errors in the host: the address sanitizer, which a host brings along by being built
- * with it, and Valgrind. They see what the C library's allocator hands out and takes back; of what this library keeps
- * and hands out itself they have to be informed. Costs a test where neither is present, and never touches the memory.
- *  Private. */
+ *  Tools that look for memory errors in the host: the address sanitizer, which a host brings along by
+ *  being built with it, and Valgrind. They see what the C library's allocator hands out and takes back; of what
+ *  this library keeps and hands out itself they have to be informed. Costs a test where neither is present, and
+ *  never touches the memory. Private. */
 #ifndef QXUTIL_TOOLS_H
 #define QXUTIL_TOOLS_H
 

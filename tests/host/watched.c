@@ -1,4 +1,5 @@
-/* Errors of a host's that a memory tool has to see through the library: watched NUMBER; 0 is a program without any. */
+/* Errors of a host's that a memory tool has to see through the library: watched NUMBER; 0 is a program without any.
+ */
 #include <brenvole/dframe.h>
 
 #include <stdlib.h>
@@ -16,7 +17,8 @@ static volatile uint8_t sink;
 int main(int count, char **arguments) {
     const int error = count > 1 ? atoi(arguments[1]) : 0;
     DFrameMem(DFRAME_RESET, 20000000, 0, NULL);
-    PDFRAME pool = make(0, 100000), cached = make(DFRAME_FLAG_SYSHEAP, 900000), local = make(DFRAME_FLAG_SYSHEAP, 5000);
+    PDFRAME pool = make(0, 100000), cached = make(DFRAME_FLAG_SYSHEAP, 900000),
+            local = make(DFRAME_FLAG_SYSHEAP, 5000);
     PDFRAME shared = pool, copy = NULL;
     DFrameMem(DFRAME_ADDREF, 0, 0, &shared);
     DFrameMem(DFRAME_COPY, 0, (uintptr_t)&cached, &copy);
