@@ -9,8 +9,7 @@
  *  heap, but for DFHEAP_Destroy. A thread that holds the lock by DFHEAP_Lock may call every function of the
  *  family for this heap.
  *
- *  Forks: a forked child has a copy of each heap and may use it. The fork acquires the locks of all heaps, so a
- *  thread that holds one by DFHEAP_Lock doesn't wait for a thread that forks, and creates and destroys no heap.
+ *  Forks: a forked child has a copy of each heap and may use it. A fork waits until it has the locks of all heaps.
  *
  *  Sizes, lengths and offsets are in bytes. An address is a plain number; the heap never follows it. Blocks count
  *  references: the one that DFHEAP_Alloc makes, and one for each DFHEAP_AddRef.

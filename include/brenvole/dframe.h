@@ -60,9 +60,10 @@
  *  one. QXUTIL_LOG names a file for them (the null device silences the library), or a program takes them by
  *  qxSetLogSink of qxutil.h.
  *
- *  Forks: a forked child has a copy of the pool and of all frames, and may use them. The fork waits for the
- *  library's locks; a thread that holds a heap's lock by DFHEAP_Lock must not wait for a thread that forks. A
- *  child that ends by exit() reports its copy of the pool like any process; _exit() reports nothing.
+ *  Forks: a forked child has a copy of the pool and of all frames, and may use them. The fork waits until
+ *  nobody holds one of the library's locks: a thread that holds a heap's by DFHEAP_Lock, or runs a message
+ *  sink, must not wait for a thread that forks. A child that ends by exit() reports its copy of the pool like
+ *  any process; _exit() reports nothing.
  *
  *  The end of a process: exit() may run while other threads use the library. What lives in the pool then is
  *  reported, and stays as it is for these threads.
@@ -155,7 +156,7 @@ extern "C" {
  *  @return 0, also while other references remain; 0xFFFFFFFE if the data was found in no heap (the header went
  *       all the same); plain DFMEM_E_POINTER (null ppDF or frame) or DFMEM_E_INVALIDARG (custom frame)
  *  @note Data in the pool that has been released already gives 0 as well; only the trace reports it. A released
- *       header isn't noticed: memory tools see the access. */
+ *       header isn't noticed; Valgrind sees the access. */
 #define DFRAME_FREE 11u
 /** Adds one reference to the frame and one to its data.
  *  @par ppDF    in: the frame

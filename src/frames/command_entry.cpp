@@ -2,6 +2,7 @@
 #include "frames.h"
 
 #include "local/dfmem_lock.h"
+#include "local/fork_locks.h"
 #include "trace/trace.h"
 #include "util/exit.h"
 #include "util/once.h"
@@ -29,7 +30,7 @@ constinit QXOnce startOnce = 0;
 void start() {
     qxOnce(startOnce, [] {
         dfmemLockCreate();
-        mainPoolHookFork();
+        forkHook();
         qxHookExit();
     });
 }

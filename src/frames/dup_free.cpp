@@ -66,8 +66,9 @@ uint64_t dupCustom(const DFRAME *source, PDFRAME *ppDF, const char *msgarea, uin
     }
     copyCustomHeader(destination, source); // 5
     if (source->dwBytesUsed != 0) {        // 6; the caller's buffer may lie in a block all the same
+        const DataPlace place = framePlace(source);
         frameCopyUsed(destination->lpData, destination->dwBufferLength, source,
-                      frameOverwritten(source) ? framePlace(source) : DataPlace{});
+                      frameBeyondBlock(source, place) ? DataPlace{} : place);
     }
     return 0; // 7
 }

@@ -58,10 +58,6 @@ bool mainPoolNeed(::DFHEAP *&heap);
 /** Ends heap and pool when the library leaves the process. Resets no figure. If other threads may still be
  *  inside, because the process is in exit(), the heap is reported and left as it is for them. */
 void mainPoolDetach();
-
-/** From now on a fork holds the locks of pool, heaps, frames and trace, the outermost first. Later calls do nothing.
- */
-void mainPoolHookFork();
 /** @} */
 
 /** The block around a frame. */

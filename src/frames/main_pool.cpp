@@ -9,16 +9,14 @@
 //                                          anew
 #include "frames.h"
 
+#include "local/fork_locks.h"
 #include "local/local_heap.h"
 #include "trace/trace.h"
 #include "util/exit.h"
 #include "util/hold.h"
-#include "util/host.h"
-#include "util/once.h"
 
 #include <algorithm>
 #include <mutex>
-#include <new>
 
 namespace brenvole {
 
@@ -35,9 +33,8 @@ constexpr uint64_t kLargestPool = 0xFFFFFF000;
 constexpr uint64_t kStepDown = 32768;
 constexpr uint64_t kStepDownEnd = 0x1000000;
 
-// One thread at a time makes a pool for all that need it. The outermost lock. The holder may enter again: a message
-// sink that hears of it may run commands, and these find the state as it then is.
-std::recursive_mutex poolLock;
+// poolLock: the holder may enter again. A message sink that hears of a new pool may run commands, and these find the
+// state as it then is.
 
 // While DFRAME_RESET makes the pool, a sink's command that needs one makes none of its own. A sink may throw, and its
 // thread may be cancelled: no flag outlives the command.
@@ -49,11 +46,6 @@ struct Resetting {
     Resetting(const Resetting &) = delete;
     Resetting &operator=(const Resetting &) = delete;
 };
-
-constinit QXOnce forkOnce = 0;
-
-// What other threads may still be inside of at the end of the process. Kept here so that nobody takes it for lost.
-std::atomic<::DFHEAP *> heapAtExit = nullptr;
 
 // ---- DFRAME_RESET ----------------------------------------------------------------------------------------------
 
@@ -134,10 +126,13 @@ void dropPool() {
 
 // The region goes, even if an exception from a sink ends the report of what is still out.
 void dropBoth() {
-    struct Region {
-        ~Region() { dropPool(); }
-    } const region;
-    dropHeap();
+    try {
+        dropHeap();
+    } catch (...) {
+        dropPool();
+        throw;
+    }
+    dropPool();
 }
 
 ::DFHEAP *createHeap(void *pool) {
@@ -263,22 +258,12 @@ uint64_t commandClose(uint32_t command) {
 
 void mainPoolDetach() {
     if (qxInExit() && qxHasOtherThreads()) {
-        if (::DFHEAP *const heap = mainHeap.exchange(nullptr)) {
-            heapAtExit = heap;
+        if (::DFHEAP *const heap = mainHeap) {
             DFHEAP_ReportAtExit(heap);
         }
-    } else {
-        dropHeap();
+        return;
     }
-    dropPool();
-}
-
-void mainPoolHookFork() {
-    qxOnce(forkOnce, [] {
-        allHeapsHookFork();
-        // In the child the mutex is made anew: its thread has another number than the one that holds it.
-        qxAtFork([] { poolLock.lock(); }, [] { poolLock.unlock(); }, [] { new (&poolLock) std::recursive_mutex; });
-    });
+    dropBoth();
 }
 
 } // namespace brenvole

@@ -100,15 +100,14 @@ uint64_t exchangeBytes(const Swapping &swapping, const DataPlace &ofSource, cons
     constexpr uint64_t kSlack = 512; // bytes that the temporary has beyond its content
     const DFRAME *const source = swapping.source;
     const DFRAME *const target = swapping.target;
-    if (frameBeyondBlock(target, ofTarget)) {
+    if (frameBeyondBlock(target, ofTarget) || frameBeyondBlock(source, ofSource)) {
         return refuseBytes();
     }
     if (swapping.made || target->dwBytesUsed == 0) { // 1
         frameCopyUsed(target->lpData, target->dwBufferLength, source, ofSource);
         return 0;
     }
-    if (source->dwBytesUsed >= target->dwBufferLength || target->dwBytesUsed >= source->dwBufferLength || // 2
-        frameBeyondBlock(source, ofSource)) {
+    if (source->dwBytesUsed >= target->dwBufferLength || target->dwBytesUsed >= source->dwBufferLength) { // 2
         return refuseBytes();
     }
     auto *const held = static_cast<uint8_t *>( // 3, in 64 bits

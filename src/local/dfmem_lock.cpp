@@ -1,7 +1,5 @@
 #include "dfmem_lock.h"
 
-#include "trace/trace.h"
-#include "util/host.h"
 #include "util/once.h"
 #include "util/unload.h"
 
@@ -12,28 +10,6 @@ QXCRITICALSECTION dfmemLock;
 namespace {
 
 constinit QXOnce lockOnce = 0; // done from the first command on
-constinit QXOnce hookOnce = 0;
-
-bool forkHolds = false; // the lock, which may be created between the handlers; of one fork at a time (all_heaps.cpp)
-
-void beforeFork() {
-    forkHolds = dfmemLockReady();
-    if (forkHolds) {
-        qxOSEnterCriticalSection(&dfmemLock);
-    }
-}
-
-void forkedParent() {
-    if (forkHolds) {
-        qxOSLeaveCriticalSection(&dfmemLock);
-    }
-}
-
-void forkedChild() {
-    if (forkHolds) {
-        qxOSInitializeCriticalSection(&dfmemLock);
-    }
-}
 
 } // namespace
 
@@ -41,13 +17,6 @@ void dfmemLockCreate() {
     qxOnce(lockOnce, [] {
         qxOSInitializeCriticalSection(&dfmemLock);
         qxHookUnload(); // there is something to be released from now on
-    });
-}
-
-void dfmemHookFork() {
-    qxOnce(hookOnce, [] {
-        traceHookFork();
-        qxAtFork(beforeFork, forkedParent, forkedChild);
     });
 }
 

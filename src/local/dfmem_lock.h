@@ -16,19 +16,6 @@ extern QXCRITICALSECTION dfmemLock;
 /** Creates the lock once, whichever thread comes first. It is never deleted. */
 void dfmemLockCreate();
 
-/** @name Forks
- *  A child has one thread, the one that forked. A lock that another thread of its parent held at
- *  that moment would never be released, and what it guards might be half changed. So the forking thread
- *  acquires all locks first, the outermost first; then nobody is at work under them. The parent releases them.
- *  The child makes them anew: a lock of another QXUtil may know its owner by the number of a thread, and the
- *  child's thread has a number of its own.
- *
- *  The system runs the handlers of later registrations first. So each of these functions registers those of all locks
- *  inside of its own before its own. Later calls do nothing.
- *  @{ */
-void dfmemHookFork();
-/** @} */
-
 /** True once the lock exists. Only what may run before any command has to ask. */
 bool dfmemLockReady();
 

@@ -31,13 +31,14 @@ constexpr uint32_t kMostReferences = 8192;
 // of 16384 bytes and the length of its data in one word, so that reading it touches no block: a block that another
 // thread is just releasing may be gone already. A block has one note, in any place of its
 // bucket.
-constexpr unsigned kBucketBits = 12; // 128 KiB in all; pages of it that no block needs are never touched
-constexpr unsigned kPlaces = 4;      // of a bucket: some 8000 live blocks before many notes are pushed out
+constexpr unsigned kBucketBits = 14; // 1 MiB in all; pages of it that no block needs are never touched
+constexpr unsigned kPlaces = 8; // of a bucket, a line of the cache: tens of thousands of live blocks before notes
+                                // are pushed out
 constexpr unsigned kLengthBits = 20; // more units than 32 bits of bytes hold; 44 bits are left for the address
 constexpr uint64_t kLengthMask = (uint64_t{1} << kLengthBits) - 1;
 
 using Bucket = std::array<std::atomic<uint64_t>, kPlaces>;
-alignas(64) constinit std::array<Bucket, std::size_t{1} << kBucketBits> notes{}; // two buckets to a cache line
+alignas(64) constinit std::array<Bucket, std::size_t{1} << kBucketBits> notes{};
 
 Bucket &bucketOf(uint64_t dataPiece) { return notes[qxSpread(dataPiece) >> (64 - kBucketBits)]; }
 

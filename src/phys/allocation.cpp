@@ -215,6 +215,7 @@ uint64_t DFHEAP_AllocTrace(DFHEAP *heap, uint64_t *size, uint64_t owner, uint64_
         if (heap->qwGranularity != granule) { // another thread has resized the heap
             uint64_t again = wanted;
             if (!physRoundUp(again, heap->qwGranularity)) {
+                *size = wanted;
                 return problem(kOverflow, 0);
             }
             *size = again;

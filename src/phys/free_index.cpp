@@ -184,7 +184,11 @@ bool treeReady(DFHEAP *heap) {
 // From the tree back to the arrays. Each leaf is cleared on the way, so that the tree is clean again.
 void treeToFew(FreeIndex &index) {
     fewClear(index);
+    index.eState = IndexState::stale; // if it holds more than it says
     for (int32_t start = treeFit(index, 1, false); start >= 0; start = treeFit(index, 1, false)) {
+        if (index.dwCount == kFewSegments) {
+            return;
+        }
         fewInsert(index, start, treeLength(index, start));
         treeSet(index, start, 0);
     }
@@ -198,7 +202,9 @@ PHALLOC *recordAt(const DFHEAP *heap, int32_t start) {
     return start >= 0 ? physMapped(heap, static_cast<uint64_t>(start)) : nullptr;
 }
 
-bool holds(const FreeIndex &index) { return index.eState == IndexState::few || index.eState == IndexState::many; }
+bool holds(const FreeIndex &index) {
+    return index.eState == IndexState::many || (index.eState == IndexState::few && index.dwCount <= kFewSegments);
+}
 
 // Fills an empty index from FreeList. False if that isn't in order, which costs the heap its index and no more.
 bool fill(DFHEAP *heap, bool few) {
@@ -291,7 +297,7 @@ PHALLOC *freeIndexBefore(DFHEAP *heap, uint64_t addr) {
 
 void freeIndexAdd(DFHEAP *heap, const PHALLOC *segment) {
     FreeIndex &index = heap->Index;
-    if (index.eState == IndexState::few && index.dwCount == kFewSegments) {
+    if (index.eState == IndexState::few && index.dwCount >= kFewSegments) {
         index.eState = IndexState::stale; // who asks next makes it a tree
         return;
     }
@@ -310,6 +316,9 @@ namespace {
 bool knows(DFHEAP *heap, int32_t start) {
     const FreeIndex &index = heap->Index;
     if (!holds(index)) {
+        if (index.eState >= IndexState::few) {
+            freeIndexSpoil(heap);
+        }
         return false;
     }
     const bool found =

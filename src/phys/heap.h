@@ -20,6 +20,7 @@
 #include "free_index.h"
 
 #include "local/block_memory.h"
+#include "local/fork_locks.h"
 #include "local/phalloc.h"
 
 #include <brenvole/dfheap.h>
@@ -44,8 +45,7 @@ struct DFHEAP {
     uint32_t dwGuard;               // bytes at the end of each block that aren't its user's
     brenvole::PHALLOC **ppGroupMap; // behind ppChunkMap, one entry for kGroup granules; or null
     uint32_t dwShift;               // the granule's power of two, or kNoShift
-    DFHEAP *lpNext;                 // of all heaps of the process, see all_heaps.cpp
-    DFHEAP *lpPrev;
+    brenvole::ForkLock Fork;        // its Lock, as a fork knows it
     brenvole::FreeIndex Index;
 };
 
@@ -69,7 +69,11 @@ inline PHALLOC *physMapped(const DFHEAP *heap, uint64_t chunk) {
 }
 
 /** True if the index may be asked; else FreeList is walked. */
-inline bool freeIndexReady(DFHEAP *heap) { return heap->Index.eState >= IndexState::few || freeIndexRemake(heap); }
+inline bool freeIndexReady(DFHEAP *heap) {
+    const FreeIndex &index = heap->Index;
+    return index.eState == IndexState::many || (index.eState == IndexState::few && index.dwCount <= kFewSegments) ||
+           freeIndexRemake(heap);
+}
 
 /** @name The geometry without Lock
  *  It changes under Lock, in DFHEAP_Resize alone, and is read with and without.
@@ -123,16 +127,6 @@ int32_t DFHEAP_Contains(const DFHEAP *heap, uint64_t addr);
 /** The end of a heap that other threads may still be inside of, because the process is in exit(): reports what
  *  DFHEAP_Destroy reports, and releases nothing. */
 void DFHEAP_ReportAtExit(DFHEAP *heap);
-
-/** @name All heaps of the process
- *  They are known so that a fork can acquire their locks. Fork handlers are
- *  registered with the first heap, or earlier.
- *  @{ */
-void allHeapsEnter(DFHEAP *heap);
-void allHeapsLeave(DFHEAP *heap);
-/** Later calls do nothing. Whoever has a lock that is outside of the heaps' registers its own handlers afterwards. */
-void allHeapsHookFork();
-/** @} */
 
 /** The first broken rule, or 0. Lock held. Not in libraries without assertions. */
 unsigned _DFHEAP_Check(DFHEAP *heap);

@@ -72,7 +72,7 @@ bool layOut(DFHEAP *heap, PHALLOC *record, uint64_t physOffset, uint64_t base, u
     return false;
 }
 
-// Ends a list; each record is shown to `report` before it goes.
+// Empties a list; each record is shown to `report` before it goes.
 template <class Report> void releaseAll(d_List *list, const Report &report) {
     d_ListLock(list);
     while (d_ListCount(list) != 0) {
@@ -80,7 +80,13 @@ template <class Report> void releaseAll(d_List *list, const Report &report) {
         if (node == nullptr) { // another QXUtil's list that won't give up its records
             break;
         }
-        report(physRecord(node));
+        try {
+            report(physRecord(node));
+        } catch (...) { // a sink's exception, or its thread's end
+            QXFree(node);
+            d_ListUnLock(list);
+            throw;
+        }
         QXFree(node);
     }
     d_ListUnLock(list);
@@ -135,7 +141,7 @@ DFHEAP *DFHEAP_Create(uint64_t physOffset, uintptr_t base, uint64_t length, uint
     heap->bRegionOurs = 0;
     heap->dwGuard = 0;
     qxOSInitializeCriticalSection(&heap->Lock);
-    allHeapsEnter(heap);
+    forkLockEnter(heap->Fork, heap->Lock);
     return heap;
 }
 
@@ -219,15 +225,13 @@ void DFHEAP_ReportAtExit(DFHEAP *heap) {
 
 } // namespace brenvole
 
-void DFHEAP_Destroy(DFHEAP *heap) {
-    if (heap == nullptr) {
-        return;
-    }
-    TraceSnapshot("DFHEAP_Destroy");
-    allHeapsLeave(heap);
-    qxOSDeleteCriticalSection(&heap->Lock); // nobody else is in the family for this heap
-    releaseAll(&heap->FreeList, [](const PHALLOC *) {});
-    releaseAll(&heap->AllocList, reportLeak);
+namespace {
+
+// The end of a heap's records: what is left on the lists, and all that has no report.
+void releaseRecords(DFHEAP *heap) {
+    const auto silently = [](const PHALLOC *) {};
+    releaseAll(&heap->FreeList, silently);
+    releaseAll(&heap->AllocList, silently);
     d_ListClose(&heap->FreeList);
     d_ListClose(&heap->AllocList);
     if (heap->ppChunkMap != nullptr) {
@@ -235,5 +239,24 @@ void DFHEAP_Destroy(DFHEAP *heap) {
     }
     freeIndexClose(heap);
     QXFree(heap);
+}
+
+} // namespace
+
+void DFHEAP_Destroy(DFHEAP *heap) {
+    if (heap == nullptr) {
+        return;
+    }
+    TraceSnapshot("DFHEAP_Destroy");
+    forkLockLeave(heap->Fork);
+    qxOSDeleteCriticalSection(&heap->Lock); // nobody else is in the family for this heap
+    releaseAll(&heap->FreeList, [](const PHALLOC *) {});
+    try {
+        releaseAll(&heap->AllocList, reportLeak);
+    } catch (...) {
+        releaseRecords(heap);
+        throw;
+    }
+    releaseRecords(heap);
     reportCounters();
 }

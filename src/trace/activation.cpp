@@ -1,12 +1,13 @@
 // Whether the trace runs, where its file lies, and its end.
 #include "trace.h"
 
+#include "local/fork_locks.h"
+#include "util/allocating.h"
 #include "util/format.h"
 #include "util/hold.h"
 #include "util/host.h"
 #include "util/once.h"
 #include "util/says_on.h"
-#include "util/static_lock.h"
 #include "util/uninterrupted.h"
 #include "util/unload.h"
 
@@ -27,9 +28,6 @@ constexpr int32_t kScope = -1;                // of configuration values, as QXU
 bool atExitDone = false;
 std::atomic<bool> atExitCame = false; // first of all that end the trace, so that its name stands in the file
 constinit QXOnce lockOnce = 0;
-constinit QXOnce forkOnce = 0;
-constinit QXStaticLock forkLock; // held by the forking thread from one handler to the other
-bool forkHolds = false;          // traceLock as well, which may be created in between; under forkLock
 
 // Rows wait here if there is no memory for more of them.
 constexpr std::size_t kSmallBuffer = 4096;
@@ -127,34 +125,6 @@ void closeAtExit() {
     traceFlush();
 }
 
-// A forked child has a file of its parent's, with rows that haven't gone out and that the parent will send: the
-// child's trace ends where it begins.
-void beforeFork() {
-    forkLock.lock();
-    forkHolds = qxDone(lockOnce);
-    if (forkHolds) {
-        qxOSEnterCriticalSection(&traceLock);
-    }
-}
-
-void forkedParent() {
-    if (forkHolds) {
-        qxOSLeaveCriticalSection(&traceLock);
-    }
-    forkLock.unlock();
-}
-
-void forkedChild() {
-    if (std::FILE *const file = traceFile.exchange(nullptr)) {
-        traceClosed = 1;
-        std::fclose(file);
-    }
-    if (forkHolds) {
-        qxOSInitializeCriticalSection(&traceLock);
-    }
-    forkLock.unlock();
-}
-
 // What TraceOpen works on. The path is found before traceLock is taken, and the message goes out behind it: a message
 // sink may take other locks, and run commands.
 struct Opening {
@@ -171,6 +141,7 @@ int32_t TraceOpen(Opening &opening) {
     if (traceClosed != 0) { // 2, and 3 before the lock
         return 0;
     }
+    const QXAllocating mark; // a fault in the C library's allocator is the host's
     std::FILE *const file =
         opening.named ? qxCreateNamed(opening.tracePath) : qxCreatePrivate(opening.tracePath); // 4
     if (file == nullptr) {
@@ -186,7 +157,7 @@ int32_t TraceOpen(Opening &opening) {
     opening.message = "Brenvole DFrame trace enabled: %s"; // 7
     if (!atExitDone) {                                     // 8
         atExitDone = std::atexit(closeAtExit) == 0;
-        traceHookFork();
+        forkHook();
     }
     return 1;
 }
@@ -238,8 +209,13 @@ void traceLockCreate() {
     qxOnce(lockOnce, [] { qxOSInitializeCriticalSection(&traceLock); });
 }
 
-void traceHookFork() {
-    qxOnce(forkOnce, [] { qxAtFork(beforeFork, forkedParent, forkedChild); });
+void traceForkedChild() {
+    if (std::FILE *const file = traceFile.exchange(nullptr)) {
+        const QXAllocating mark;
+        traceClosed = 1;
+        std::fclose(file);
+        endBuffer();
+    }
 }
 
 int32_t TraceDecide() {
@@ -284,6 +260,7 @@ void TraceClose(const char *reason) {
             TraceWriteSession("meta", "trace_close", reason);
             traceFlush();
             traceFile = nullptr;
+            const QXAllocating mark;
             std::fclose(file);
             endBuffer();
         }

@@ -35,9 +35,9 @@ extern QXCRITICALSECTION traceLock;
 /** Creates traceLock once, whichever thread comes first. It is never deleted. */
 void traceLockCreate();
 
-/** Registers what a fork does with the lock and the file; later calls do nothing. Whoever has a lock that is
- *  outside of traceLock registers its own handlers afterwards, so that the lock is acquired before. */
-void traceHookFork();
+/** A forked child has a file of its parent's, with rows that haven't gone out and that the parent will send: the
+ * child's trace ends where it begins. */
+void traceForkedChild();
 
 /** Runs a recorder's work with traceLock held, as work(msgarea). A call site's text that has gone is as good as
  *  none. A fault in the work, such as an allocator's, ends it and nothing else: the program goes on as it does

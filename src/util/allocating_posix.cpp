@@ -1,6 +1,6 @@
 #include "allocating.h"
 
-#include "qxutil.h"
+#include <cstdint>
 
 namespace {
 
@@ -13,4 +13,4 @@ QXAllocating::QXAllocating() noexcept { ++depth; }
 
 QXAllocating::~QXAllocating() { --depth; }
 
-int32_t qxOSInAllocator(void) { return depth != 0 ? 1 : 0; }
+bool qxAllocatingHere() noexcept { return depth != 0; }

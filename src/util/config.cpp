@@ -9,6 +9,7 @@
 // and of several entries of one name the last holds. The file belongs to the user and may hold anything: a line
 // that can't be understood is told once and skipped.
 #include "allocating.h"
+#include "exit.h"
 #include "fork.h"
 #include "ini.h"
 #include "platform.h"
@@ -41,7 +42,7 @@ struct Store {
     std::string content;
     IniEntries entries;
 };
-Store *store = nullptr; // made at the first question, never deleted: threads may ask until the process ends.
+Store *store = nullptr; // made at the first question, deleted only when the library is unloaded.
                         // Under qxStoreLock; messages go out after it is left, since a sink may ask the store
 
 // Where the store is; empty if nowhere. In `built`, if the path has to be made up: memory would cost more than the
@@ -99,6 +100,7 @@ std::optional<std::string> find(const char *section, const char *key) {
     std::string complaints;
     std::optional<std::string> value;
     qxHookFork();
+    qxHookExit();
     {
         const QXAllocating mark;
         const std::scoped_lock hold(qxStoreLock);
@@ -117,6 +119,11 @@ std::optional<std::string> find(const char *section, const char *key) {
 }
 
 } // namespace
+
+void qxForgetStore() noexcept {
+    delete store;
+    store = nullptr;
+}
 
 uint32_t qxCFGValueDword(int32_t, const char *section, const char *key, uint32_t *value, uint32_t) {
     if (section == nullptr || key == nullptr || value == nullptr) {

@@ -27,7 +27,9 @@ char owner;
 // unloaded.
 __attribute__((destructor(101))) void forgetHandler() {
     if (qxDone(hookOnce)) {
+        const bool before = inExit; // the handler runs once more
         __cxa_finalize(&owner);
+        inExit = before;
     }
 }
 

@@ -1,4 +1,5 @@
 // What the configuration store needs of files.
+#include "exit.h"
 #include "platform.h"
 
 #include <cerrno>
@@ -43,6 +44,13 @@ bool readAll(int file, std::string &content) {
     }
     content.resize(done);
     return true;
+}
+
+// At the end of the process other threads may still be inside.
+__attribute__((destructor(101))) void forgetStore() {
+    if (!qxInExit()) {
+        qxForgetStore();
+    }
 }
 
 } // namespace

@@ -3,6 +3,8 @@
 #include "once.h"
 #include "static_lock.h"
 
+#include "qxutil.h"
+
 #include <pthread.h>
 
 namespace {
@@ -24,11 +26,14 @@ void after() {
 }
 
 void inChild() {
+    hookOnce = kOnceDone; // the thread that registered this may not be here to say so
     after();
     qxLocksForked();
 }
 
 } // namespace
+
+void qxOSHookFork(void) { qxHookFork(); }
 
 void qxHookFork() {
     qxOnce(hookOnce, [] { pthread_atfork(before, after, inChild); });

@@ -11,6 +11,8 @@
 // be moved out of the section and the stores around them deleted.
 #include "guard.h"
 
+#include "allocating.h"
+#include "exit.h"
 #include "once.h"
 #include "qxutil.h"
 
@@ -64,6 +66,14 @@ void dieOf(int fault, bool raisedBySystem) {
     }
 } // back to the faulting instruction, which faults again
 
+// True if the function can be read, or is none.
+bool isThere(void (*handler)(int)) {
+    constexpr std::uintptr_t kWord = sizeof(std::uint32_t);
+    const auto at = reinterpret_cast<std::uintptr_t>(handler);
+    return handler == SIG_DFL || handler == SIG_IGN ||
+           qxLookAtForeign(at / kWord * kWord, 0) != ForeignWord::unreadable;
+}
+
 // Runs the earlier handler as the system would have: its mask, its one-shot flag, its form.
 void passOn(int fault, siginfo_t *info, void *context) {
     const bool raisedBySystem = info->si_code > 0;
@@ -74,8 +84,10 @@ void passOn(int fault, siginfo_t *info, void *context) {
     if (!withInfo && action.sa_handler == SIG_IGN && !raisedBySystem) {
         return;
     }
-    // The system doesn't let a fault of its own be ignored.
-    const bool defaultAction = !withInfo && (action.sa_handler == SIG_DFL || action.sa_handler == SIG_IGN);
+    // The system doesn't let a fault of its own be ignored. A library that has been unloaded may have left its
+    // handler.
+    const bool defaultAction =
+        (!withInfo && (action.sa_handler == SIG_DFL || action.sa_handler == SIG_IGN)) || !isThere(action.sa_handler);
     if (defaultAction || (oneShot && earlier.used.exchange(true))) {
         dieOf(fault, raisedBySystem);
         return;
@@ -101,6 +113,8 @@ struct Way {
     uintptr_t section; // the stack address of the section
     bool begun = false;
     bool handler = false; // a signal handler was running between the two
+    bool arrived = false; // at the frame of the section
+    bool passed = false;  // beyond the section
 };
 
 // One frame of the stack, from our own handler outwards.
@@ -113,33 +127,55 @@ _Unwind_Reason_Code lookAtFrame(_Unwind_Context *frame, void *context) {
         return _URC_NO_REASON;
     }
     way.handler = interrupted != 0;
-    return way.handler || _Unwind_GetCFA(frame) > way.section ? _URC_END_OF_STACK : _URC_NO_REASON;
+    way.passed = _Unwind_GetCFA(frame) > way.section;
+    way.arrived =
+        way.arrived || (!way.passed && _Unwind_GetRegionStart(frame) == reinterpret_cast<uintptr_t>(&qxGuardRun));
+    return way.handler || way.passed ? _URC_END_OF_STACK : _URC_NO_REASON;
 }
 
-// True if a signal handler has interrupted the section, and the fault is its own. Walking up the stack takes some ten
-// microseconds. It acquires no lock where the C library finds unwind tables without one (glibc 2.35 and newer).
-bool isOfAHandler(const ucontext_t &context, Section *inner) {
+// The same for a jump to nowhere, from which no way leads up: looks for the frame that the system lays down for a
+// handler. Such frames may be left over from earlier signals, which is why this is the last resort.
+bool handlerFrameBetween(uintptr_t stack, uintptr_t end, uintptr_t restorer) {
+    constexpr uintptr_t kWord = sizeof(uintptr_t);
+    for (uintptr_t at = stack / kWord * kWord; at < end; at += kWord) {
+        if (*reinterpret_cast<const volatile uintptr_t *>(at) == restorer) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// True if a signal handler has interrupted the section, and the fault is its own, or if the host has left the section
+// by a jump of its own. Walking up the stack takes some ten microseconds. It acquires no lock where the C library
+// finds unwind tables without one (glibc 2.35 and newer).
+bool isOfTheHost(const ucontext_t &context, Section *inner, uintptr_t restorer) {
     const auto stack = static_cast<uintptr_t>(context.uc_mcontext.gregs[REG_RSP]);
     Way way{static_cast<uintptr_t>(context.uc_mcontext.gregs[REG_RIP]), reinterpret_cast<uintptr_t>(inner)};
     if (stack > way.section) {
         return true; // on a stack of its own
     }
+    section = nullptr; // a fault on the way, over a stack that has been overwritten, is not for us to recover from
     constexpr uintptr_t kWord = sizeof(uint32_t);
     if (qxLookAtForeign(way.fault / kWord * kWord, 0) == ForeignWord::unreadable) {
-        return false; // a jump to nowhere: the way up would begin with another fault
+        way.handler = handlerFrameBetween(stack, way.section, restorer);
+    } else {
+        _Unwind_Backtrace(lookAtFrame, &way);
     }
-    section = nullptr; // a fault on the way, over a stack that has been overwritten, is not for us to recover from
-    _Unwind_Backtrace(lookAtFrame, &way);
+    if (way.passed && !way.arrived && !way.handler) {
+        return true; // the section is no more, and stays closed
+    }
     section = inner;
     return way.handler;
 }
 
-bool isOfTheAllocator() { return qxOSInAllocator != nullptr && qxOSInAllocator() != 0; }
+bool isOfTheAllocator() { return qxAllocatingHere() || (qxOSInAllocator != nullptr && qxOSInAllocator() != 0); }
 
 void onFault(int fault, siginfo_t *info, void *context) {
     Section *const inner = section;
     if (inner == nullptr || info->si_code <= 0 || // not ours, or sent by a process
-        isOfTheAllocator() || isOfAHandler(*static_cast<ucontext_t *>(context), inner)) {
+        isOfTheAllocator() ||
+        isOfTheHost(*static_cast<ucontext_t *>(context), inner,
+                    reinterpret_cast<uintptr_t>(__builtin_return_address(0)))) {
         const int error = errno;
         passOn(fault, info, context);
         errno = error;
@@ -152,10 +188,18 @@ void onFault(int fault, siginfo_t *info, void *context) {
     siglongjmp(inner->recovery, 1);
 }
 
+bool isOurs(const struct sigaction &action) {
+    return (action.sa_flags & SA_SIGINFO) != 0 && action.sa_sigaction == onFault;
+}
+
 void arm() {
     _Unwind_Backtrace([](_Unwind_Context *, void *) { return _URC_END_OF_STACK; }, nullptr); // makes its tables
     for (int fault : kFaults) {
-        sigaction(fault, nullptr, &earlierOf(fault).action);
+        struct sigaction now {};
+        sigaction(fault, nullptr, &now);
+        if (!isOurs(now)) { // a child that was forked in the midst of this finds itself
+            earlierOf(fault).action = now;
+        }
     }
     for (int fault : kFaults) {
         const struct sigaction &earlier = earlierOf(fault).action;
@@ -174,12 +218,12 @@ void arm() {
 // The library leaves the process: put back what stood before us, where we are still the one in place. The lowest
 // priority that is ours to use, so that it runs behind the teardown of the heaps.
 __attribute__((destructor(101))) void disarm() {
-    if (!armed.load(std::memory_order_acquire)) {
-        return;
+    if (!armed.load(std::memory_order_acquire) || (qxInExit() && qxHasOtherThreads())) {
+        return; // at the end of the process other threads may still be in sections
     }
     for (int fault : kFaults) {
         struct sigaction now {};
-        if (sigaction(fault, nullptr, &now) == 0 && (now.sa_flags & SA_SIGINFO) != 0 && now.sa_sigaction == onFault) {
+        if (sigaction(fault, nullptr, &now) == 0 && isOurs(now)) {
             sigaction(fault, &earlierOf(fault).action, nullptr);
         }
     }

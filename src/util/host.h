@@ -3,6 +3,8 @@
 #ifndef QXUTIL_HOST_H
 #define QXUTIL_HOST_H
 
+#include "qxutil.h"
+
 #include <cstddef>
 #include <cstdio>
 #include <string_view>
@@ -26,6 +28,17 @@ std::size_t qxHostWrite(std::FILE *file, std::string_view text, bool &stalled) n
 
 /** Takes the last `length` bytes back that were written to it, if that is possible: a pipe keeps what it has. */
 void qxHostTakeBack(std::FILE *file, std::size_t length) noexcept;
+
+/** @name What our own QXUtil can do beyond the contract
+ *  Another one may lack it, or have some of its lock functions replaced.
+ *  @{ */
+/** Has QXUtil register its own fork handlers, if it has any, before ours. */
+void hostHookUtilFork() noexcept;
+/** True if the locks are QXUtil's own; only then may one be tried. */
+bool hostOwnLocks() noexcept;
+/** Enters the lock if it is free, or the thread's already. */
+bool hostTryLock(QXCRITICALSECTION &lock) noexcept;
+/** @} */
 
 /** From now on: `before` runs ahead of each fork of this process, then one of the others on either side. Where
  *  processes don't fork, none runs. */

@@ -2,6 +2,10 @@
 
 #include "write.h"
 
+#pragma weak qxOSHookFork // another QXUtil may have none of them
+#pragma weak qxOSOwnLocks
+#pragma weak qxOSTryEnterCriticalSection
+
 #include <cerrno>
 #include <cstdlib>
 
@@ -46,6 +50,19 @@ void qxHostTakeBack(std::FILE *file, std::size_t length) noexcept {
     while (end >= 0 && ftruncate(fileno(file), end) != 0 && errno == EINTR) {
     }
 }
+
+void hostHookUtilFork() noexcept {
+    if (qxOSHookFork != nullptr) {
+        qxOSHookFork();
+    }
+}
+
+bool hostOwnLocks() noexcept {
+    return qxOSOwnLocks != nullptr && qxOSTryEnterCriticalSection != nullptr &&
+           qxOSOwnLocks(qxOSInitializeCriticalSection, qxOSEnterCriticalSection, qxOSLeaveCriticalSection) != 0;
+}
+
+bool hostTryLock(QXCRITICALSECTION &lock) noexcept { return qxOSTryEnterCriticalSection(&lock) != 0; }
 
 void qxAtFork(void (*before)(), void (*inParent)(), void (*inChild)()) noexcept {
     pthread_atfork(before, inParent, inChild);

@@ -57,4 +57,8 @@ void qxHostTakeBack(std::FILE *file, std::size_t length) noexcept {
     }
 }
 
-void qxAtFork(void (*)(), void (*)(), void (*)()) noexcept {} // processes don't fork here
+// Processes don't fork here.
+void hostHookUtilFork() noexcept {}
+bool hostOwnLocks() noexcept { return false; }
+bool hostTryLock(QXCRITICALSECTION &) noexcept { return false; }
+void qxAtFork(void (*)(), void (*)(), void (*)()) noexcept {}

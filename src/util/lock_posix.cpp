@@ -155,6 +155,26 @@ void qxOSEnterCriticalSection(QXCRITICALSECTION *lock) {
     }
 }
 
+int32_t qxOSTryEnterCriticalSection(QXCRITICALSECTION *lock) {
+    Lock &own = lockOf(lock);
+    if (takeFree(own)) {
+        return 1;
+    }
+    if (own.word.load(std::memory_order_relaxed) != ownMark()) {
+        return 0;
+    }
+    ++own.depth;
+    return 1;
+}
+
+int32_t qxOSOwnLocks(void (*initialize)(QXCRITICALSECTION *), void (*enter)(QXCRITICALSECTION *),
+                     void (*leave)(QXCRITICALSECTION *)) {
+    return initialize == qxOSInitializeCriticalSection && enter == qxOSEnterCriticalSection &&
+                   leave == qxOSLeaveCriticalSection
+               ? 1
+               : 0;
+}
+
 void qxOSLeaveCriticalSection(QXCRITICALSECTION *lock) {
     Lock &own = lockOf(lock);
     if (own.depth != 0) [[unlikely]] {

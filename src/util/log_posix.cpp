@@ -1,5 +1,6 @@
 // The log on disk or on standard error. A file is opened once, for appending, and stays open: each message is
 // one write at the file's end, so that several processes may share it and none is lost if the process dies.
+#include "exit.h"
 #include "platform.h"
 #include "qxutil.h"
 #include "static_lock.h"
@@ -56,10 +57,18 @@ bool logStillOpen() {
                                         now.st_dev == logIdentity.st_dev && now.st_ino == logIdentity.st_ino);
 }
 
+// When the library is unloaded; at the end of the process other threads may still be inside.
+__attribute__((destructor(101))) void closeLog() {
+    if (!qxInExit() && logFile > STDERR_FILENO && logStillOpen()) {
+        close(logFile);
+    }
+}
+
 } // namespace
 
 void qxLogWrite(const char *text, std::size_t length) noexcept {
     const QXUninterrupted whole;
+    qxHookExit();
     const std::scoped_lock hold(qxLogLock);
     if (!logStillOpen()) {
         logFile = openLog();

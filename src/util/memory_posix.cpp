@@ -8,9 +8,10 @@
 // that no thread ever waits, and a thread that is moved to another processor half-way does no harm. What lies on the
 // shelves is given back when the library leaves.
 //
-// A block on a shelf carries a stamp in its first word. Whoever puts a block there exchanges that word, so that of
-// two releases of one block, on any processors, the second one finds the stamp and ends the process, as the C library
-// does.
+// A released block carries a stamp in its first word. Whoever releases one exchanges that word, so that of two
+// releases of one block, on any processors, the second one finds the stamp and ends the process, as the C library
+// does. The stamp stays when the block goes on to the C library, which doesn't always know of a block that it is
+// free: of one that has become a part of a larger free piece, for instance. What QXAlloc hands out has none.
 //
 // It stands alone in its unit so that a program can put another one in its place.
 #include "allocating.h"
@@ -32,22 +33,26 @@ extern "C" void *__libc_malloc(std::size_t size) __attribute__((weak)); // NOLIN
 
 namespace {
 
-constexpr std::size_t kLeast = 1024; // bytes; smaller ones the C library keeps for each thread, without a lock
-constexpr std::size_t kPlaces = 8;   // up to 256 KiB; a line of the cache
-constexpr unsigned kShelves = 64;    // processors with a higher number share
+// Bytes. Smaller blocks, up to 1032, the C library keeps for each thread, without a lock, and without a way to learn
+// that they are free.
+constexpr std::size_t kLeast = 1040;
+constexpr std::size_t kPlaces = 8; // up to 256 KiB; a line of the cache
+constexpr unsigned kShelves = 64;  // processors with a higher number share
 
 struct alignas(64) Shelf {
     std::array<std::atomic<void *>, kPlaces> blocks;
 };
 constinit std::array<Shelf, kShelves> shelves{}; // zeros: nothing lies there
-constinit std::atomic<bool> closed = false;      // the library leaves: nothing is put there any more
+enum class Shelving { notYet, on, over };        // on from the first QXAlloc, over when the library leaves
+constinit std::atomic<Shelving> state = Shelving::notYet;
 
-// Another allocator in the place of malloc is fast without us, and need not know malloc_usable_size; one that looks
-// for errors, such as a sanitizer's, has to see each release.
+// Blocks of another QXAlloc have no first word that we may take for a stamp. Another allocator in the place of malloc
+// is fast without us, and need not know malloc_usable_size; one that looks for errors, such as a sanitizer's, has to
+// see each release.
 bool shelving() {
     void *(*const volatile used)(std::size_t) = &std::malloc;
     void *(*const volatile own)(std::size_t) = &__libc_malloc;
-    return used == own && !qxUnderValgrind() && !closed.load(std::memory_order_relaxed);
+    return used == own && !qxUnderValgrind() && state.load(std::memory_order_relaxed) == Shelving::on;
 }
 
 // The place for blocks of that many bytes, or null.
@@ -66,13 +71,6 @@ uint64_t stampFor(const void *block) {
     return qxSpread(reinterpret_cast<uintptr_t>(block) ^ std::rotl(reinterpret_cast<uint64_t>(&shelves), 32));
 }
 
-void giveBack(void *block) {
-    if (block != nullptr) {
-        firstWord(block).store(0, std::memory_order_relaxed); // whoever gets it next may not write there
-        std::free(block);
-    }
-}
-
 [[noreturn]] void releasedTwice(void *block) {
     ErrFmtOut(QX_ERROR, 0, 0, "ERROR(qxutil): QXFree: block 0x%p is released twice\n", block);
     std::abort();
@@ -87,10 +85,9 @@ void *takeFrom(std::atomic<void *> &place, std::size_t size) {
     if (block != nullptr) {
         const std::size_t usable = malloc_usable_size(block);
         if (usable >= size && usable - size <= size / 4) {
-            firstWord(block).store(0, std::memory_order_relaxed);
             return block;
         }
-        giveBack(block);
+        std::free(block);
     }
     return nullptr;
 }
@@ -98,14 +95,14 @@ void *takeFrom(std::atomic<void *> &place, std::size_t size) {
 void clearShelves() {
     for (Shelf &shelf : shelves) {
         for (std::atomic<void *> &place : shelf.blocks) {
-            giveBack(place.exchange(nullptr, std::memory_order_acquire));
+            std::free(place.exchange(nullptr, std::memory_order_acquire));
         }
     }
 }
 
 // Behind the other destructors of a library that embeds this one: they still release blocks.
 __attribute__((destructor(102))) void closeShelves() {
-    closed = true;
+    state = Shelving::over;
     clearShelves();
 }
 
@@ -122,6 +119,13 @@ void *QXAlloc(uint32_t size) {
         clearShelves();
         block = std::malloc(size == 0 ? 1 : size);
     }
+    if (block != nullptr && size >= kLeast / 2) { // or what is shelved may be larger than asked
+        firstWord(block).store(0, std::memory_order_relaxed);
+        if (state.load(std::memory_order_relaxed) == Shelving::notYet) {
+            Shelving first = Shelving::notYet;
+            state.compare_exchange_strong(first, Shelving::on);
+        }
+    }
     return block;
 }
 
@@ -136,5 +140,5 @@ void QXFree(void *block) {
     if (firstWord(block).exchange(stamp, std::memory_order_acq_rel) == stamp) {
         releasedTwice(block);
     }
-    giveBack(place->exchange(block, std::memory_order_acq_rel));
+    std::free(place->exchange(block, std::memory_order_acq_rel));
 }

@@ -14,6 +14,9 @@ const char *qxEnvironment(const char *name) noexcept;
 /** Appends `length` bytes to the log, through to the system, as one piece. */
 void qxLogWrite(const char *text, std::size_t length) noexcept;
 
+/** Ends the configuration store when the library is unloaded, and nobody is inside any more. */
+void qxForgetStore() noexcept;
+
 /** What tells one state of a file from another. Two equal stamps: nothing has changed, if they are settled. */
 struct QXFileStamp {
     uint64_t qwDevice = 0;

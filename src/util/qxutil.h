@@ -84,6 +84,20 @@ QXUTIL_API void qxOSLeaveCriticalSection(QXCRITICALSECTION *lock);
 /** The lock is free and nobody waits for it. */
 QXUTIL_API void qxOSDeleteCriticalSection(QXCRITICALSECTION *lock);
 
+/** @name Beyond the contract
+ *  What the memory library uses to get through a fork without waiting for one lock while it holds another. Another
+ *  QXUtil may lack them; then they do without.
+ *  @{ */
+/** Enters a lock that is free, or the thread's already. @return not 0 if it was entered */
+QXUTIL_API int32_t qxOSTryEnterCriticalSection(QXCRITICALSECTION *lock);
+/** @return 1 if these three are this library's own functions, which belong together, else 0 */
+QXUTIL_API int32_t qxOSOwnLocks(void (*initialize)(QXCRITICALSECTION *), void (*enter)(QXCRITICALSECTION *),
+                                void (*leave)(QXCRITICALSECTION *));
+/** From now on a fork acquires QXUtil's own locks, and releases them on both sides. Handlers that acquire locks
+ *  of the contract are registered afterwards: the system runs the handlers of later registrations first. */
+QXUTIL_API void qxOSHookFork(void);
+/** @} */
+
 /** Atomic, sequentially consistent. @return the new value */
 QXUTIL_API int32_t qxOSInterlockedIncrement(int32_t *word);
 QXUTIL_API int32_t qxOSInterlockedDecrement(int32_t *word);
