@@ -21,87 +21,83 @@ constinit QXStaticLock chainLock; // guards the chain; whoever holds it waits fo
 
 constinit QXOnce hookOnce = 0;
 
-bool acquire(QXCRITICALSECTION &lock, bool tries) {
-    if (tries) {
-        return hostTryLock(lock);
-    }
-    qxOSEnterCriticalSection(&lock);
-    return true;
-}
+// The locks beside the heaps', in the chain's form. Under chainLock, as all of what a fork holds.
+constinit ForkLock dfmem{&dfmemLock, false, nullptr, nullptr};
+constinit ForkLock trace{&traceLock, false, nullptr, nullptr};
+constinit bool poolHeld = false;
 
-// The heaps' locks up to `end`, null for all.
-void releaseHeaps(const ForkLock *end) {
-    for (const ForkLock *entry = first; entry != end; entry = entry->next) {
-        qxOSLeaveCriticalSection(entry->lock);
-    }
-}
-
-bool acquireHeaps(bool tries) {
+template <class Do> void each(const Do &work) { // from the outermost to the innermost
     for (ForkLock *entry = first; entry != nullptr; entry = entry->next) {
-        if (!acquire(*entry->lock, tries)) {
-            releaseHeaps(entry);
-            return false;
-        }
+        work(*entry);
     }
-    return true;
+    work(dfmem);
+    work(trace);
 }
 
-// Those inside of poolLock.
-bool acquireInner(bool tries) {
-    if (acquireHeaps(tries)) {
-        if (acquire(dfmemLock, tries)) {
-            if (acquire(traceLock, tries)) {
-                return true;
-            }
-            qxOSLeaveCriticalSection(&dfmemLock);
-        }
-        releaseHeaps(nullptr);
-    }
-    return false;
-}
+enum class How { wait, tryAll, tryEach };
 
-// All or none.
-bool acquireAll(bool tries) {
-    if (!tries) {
-        poolLock.lock();
-    }
-    chainLock.lock();
-    if (!tries || poolLock.try_lock()) {
-        if (acquireInner(tries)) {
-            return true;
+void release() {
+    each([](ForkLock &entry) {
+        if (entry.held) {
+            qxOSLeaveCriticalSection(entry.lock);
         }
+        entry.held = false;
+    });
+    const bool pool = poolHeld;
+    chainLock.unlock();
+    if (pool) {
         poolLock.unlock();
     }
-    chainLock.unlock();
-    return false;
+}
+
+// False if one isn't free that has to be: then none is held.
+bool acquire(How how) {
+    const bool pool = how == How::wait ? (poolLock.lock(), true) : poolLock.try_lock();
+    chainLock.lock();
+    poolHeld = pool;
+    bool all = pool;
+    each([&](ForkLock &entry) {
+        if (how == How::wait) {
+            qxOSEnterCriticalSection(entry.lock);
+        }
+        entry.held = how == How::wait || ((all || how == How::tryEach) && hostTryLock(*entry.lock));
+        all = all && entry.held;
+    });
+    if (!all && how == How::tryAll) {
+        release();
+    }
+    return all;
 }
 
 void beforeFork() {
+    using Clock = std::chrono::steady_clock;
     constexpr std::chrono::microseconds kMoment{50}; // most sections are over by then
-    dfmemLockCreate();                               // none may come to be between the handlers
+    constexpr std::chrono::seconds kPatience{1};
+    dfmemLockCreate(); // none may come to be between the handlers
     traceLockCreate();
-    const bool tries = hostOwnLocks();
-    while (!acquireAll(tries)) {
+    if (!hostOwnLocks()) {
+        acquire(How::wait);
+        return;
+    }
+    const Clock::time_point end = Clock::now() + kPatience;
+    while (!acquire(How::tryAll)) {
+        if (Clock::now() > end) {
+            acquire(How::tryEach);
+            return;
+        }
         std::this_thread::sleep_for(kMoment);
     }
 }
 
-void forkedParent() {
-    qxOSLeaveCriticalSection(&traceLock);
-    qxOSLeaveCriticalSection(&dfmemLock);
-    releaseHeaps(nullptr);
-    chainLock.unlock();
-    poolLock.unlock();
-}
+void forkedParent() { release(); }
 
 void forkedChild() {
     hookOnce = kOnceDone; // the thread that registered this may not be here to say so
     traceForkedChild();
-    qxOSInitializeCriticalSection(&traceLock);
-    qxOSInitializeCriticalSection(&dfmemLock);
-    for (ForkLock *entry = first; entry != nullptr; entry = entry->next) {
-        qxOSInitializeCriticalSection(entry->lock);
-    }
+    each([](ForkLock &entry) {
+        qxOSInitializeCriticalSection(entry.lock);
+        entry.held = false;
+    });
     chainLock.unlock();
     new (&poolLock) std::recursive_mutex;
 }
@@ -111,7 +107,7 @@ void forkedChild() {
 void forkLockEnter(ForkLock &entry, QXCRITICALSECTION &lock) {
     forkHook();
     const std::scoped_lock hold(chainLock);
-    entry = {&lock, first, nullptr};
+    entry = {&lock, false, first, nullptr};
     if (first != nullptr) {
         first->prev = &entry;
     }

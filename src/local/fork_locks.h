@@ -8,8 +8,9 @@
  *
  *  The forking thread never waits for one lock while it holds another: a host may hold a heap's lock and run
  *  commands, or run them from a message sink, in any order. If a lock is taken, it releases what it has and
- *  tries again. Locks of another QXUtil can't be tried; these are acquired from the outermost to the innermost.
- *  */
+ *  tries again, for a second at most: should a lock never be free, as with two threads that hold a heap's lock
+ *  each and fork both, the fork goes on without it. Locks of another QXUtil can't be tried; these are acquired from
+ * the outermost to the innermost. */
 #ifndef BRENVOLE_FORK_LOCKS_H
 #define BRENVOLE_FORK_LOCKS_H
 
@@ -22,6 +23,7 @@ namespace brenvole {
 /** A heap's lock, as a fork knows it; lies in the heap. */
 struct ForkLock {
     QXCRITICALSECTION *lock;
+    bool held; // by a fork that is under way
     ForkLock *next;
     ForkLock *prev;
 };

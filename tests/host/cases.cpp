@@ -97,6 +97,23 @@ int forks() {
     return bad;
 }
 
+// Two threads fork, each with the lock of a heap of its own.
+int forksUnderLocks() {
+    DFHEAP *const other = DFHEAP_Create(0, 0x80000000, 1 << 24, 4096, 8192);
+    std::atomic<int> ready = 0, good = 0;
+    std::vector<std::thread> threads;
+    for (DFHEAP *const heap : {card, other}) {
+        threads.emplace_back([&, heap] {
+            DFHEAP_Lock(heap, 1);
+            for (++ready; ready < 2;) {}
+            good += drop(make(0)) && childOf([] { return round(1) ? 0 : 1; });
+            DFHEAP_Lock(heap, 0);
+        });
+    }
+    for (std::thread &thread : threads) { thread.join(); }
+    return good == 2 ? 0 : 1;
+}
+
 int exitWhileBusy() {
     DFrameMem(DFRAME_RESET, 60000000, 0, nullptr);
     make(0); // a leak to be reported
@@ -254,6 +271,7 @@ struct Case {
 };
 const Case cases[] = {
     {"forks", forks, 0, {}, !kAddressSanitized},
+    {"forks under locks", forksUnderLocks, 0, {}, !kSanitized},
     {"exit while busy", exitWhileBusy, 0, {"Memory found not free'ed size 16384", "Net DFrames Allocated"}},
     {"release while loading", releaseWhileLoading, 0, {}},
     {"unload", unload, 0, {}},
