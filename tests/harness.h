@@ -98,12 +98,15 @@ struct Environment {
     ~Environment() { systemSetVariable(name.c_str(), before ? before->c_str() : nullptr); }
 };
 
-// A directory of the test's own, with a slash at its end, removed behind it.
+// A directory of the test's own, with a slash at its end, removed behind it; or one that it was given.
 struct TemporaryDirectory {
-    std::string path = systemNewDirectory();
+    const char *const given;
+    std::string path = given != nullptr ? given : systemNewDirectory();
 
-    TemporaryDirectory() = default;
-    ~TemporaryDirectory() { std::filesystem::remove_all(path); }
+    explicit TemporaryDirectory(const char *place = nullptr) : given(place) {}
+    ~TemporaryDirectory() {
+        if (given == nullptr) { std::filesystem::remove_all(path); }
+    }
     // Writes a file below it, with the directories in front of it; gives its full name.
     std::string write(const std::string &name, const std::string &content) const {
         const std::filesystem::path file = path + name;

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <random>
 
 namespace {
@@ -62,26 +61,6 @@ TEST(List, AgainstAVector) {
         EXPECT_EQ(walk(list).size(), 0u);
     }
     for (const Record &record : records) { EXPECT_EQ(+record.Node.lpList, nullptr); }
-}
-
-TEST(Lock, OwnerEntersAgainAndOthersWait) {
-    QXCRITICALSECTION lock;
-    qxOSInitializeCriticalSection(&lock);
-    uint32_t plain = 0; // guarded by the lock alone
-    std::atomic<int> ready = 0;
-    onThreads(4, [&](int) {
-        for (++ready; ready < 4;) {} // all at once
-        for (int i = 0; i < 5000; ++i) {
-            qxOSEnterCriticalSection(&lock);
-            qxOSEnterCriticalSection(&lock);
-            ++plain;
-            qxOSLeaveCriticalSection(&lock);
-            ++plain; // still ours after the inner leave
-            qxOSLeaveCriticalSection(&lock);
-        }
-    });
-    EXPECT_EQ(plain, 40000u);
-    qxOSDeleteCriticalSection(&lock);
 }
 
 } // namespace

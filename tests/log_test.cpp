@@ -37,12 +37,8 @@ TEST(LogDeathTest, FileGetsEachMessageWholeWithOneLineFeed) {
 
 TEST(LogDeathTest, UnwritableFileFallsBackToStandardError) {
     const Environment log("QXUTIL_LOG", "/nonexistent/file");
-    EXPECT_EXIT(
-        {
-            ErrOut("still here");
-            std::_Exit(0);
-        },
-        testing::ExitedWithCode(0), "can't open the log file.*\nstill here\n");
+    EXPECT_EXIT((ErrOut("still here"), std::_Exit(0)), testing::ExitedWithCode(0),
+                "can't open the log file.*\nstill here\n");
 }
 
 TEST(Log, SinkGetsTextsAndSeveritiesAsTheyAre) {

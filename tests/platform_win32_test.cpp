@@ -11,39 +11,6 @@
 
 namespace {
 
-DWORD stateAt(const void *address, DWORD *access, const void **base) {
-    MEMORY_BASIC_INFORMATION about{};
-    VirtualQuery(address, &about, sizeof about);
-    *access = about.Protect;
-    *base = about.AllocationBase;
-    return about.State;
-}
-
-TEST(Region, CommittedWholeAndGivenBackWhole) {
-    DWORD access = 0;
-    const void *start = nullptr;
-    for (const uint64_t size : {uint64_t{1}, uint64_t{5} * 1024 * 1024 + 1}) {
-        auto *const base = static_cast<char *>(qxOSVirtualAlloc(size));
-        ASSERT_NE(base, nullptr);
-        for (const char *at : {base, base + size - 1}) {
-            EXPECT_EQ(*at, 0);
-            EXPECT_EQ(stateAt(at, &access, &start), DWORD{MEM_COMMIT});
-            EXPECT_EQ(access, DWORD{PAGE_READWRITE});
-            EXPECT_EQ(start, base);
-        }
-        base[0] = base[size - 1] = 1;
-        qxOSVirtualFree(base + 4096); // no base: left alone
-        EXPECT_EQ(stateAt(base, &access, &start), DWORD{MEM_COMMIT});
-        qxOSVirtualFree(base);
-        EXPECT_EQ(stateAt(base, &access, &start), DWORD{MEM_FREE});
-        qxOSVirtualFree(base);
-    }
-    EXPECT_EQ(qxOSVirtualAlloc(0), nullptr);
-    EXPECT_EQ(qxOSVirtualAlloc(UINT64_MAX), nullptr);
-    EXPECT_EQ(qxOSVirtualAlloc(uint64_t{1} << 50), nullptr);
-    qxOSVirtualFree(nullptr);
-}
-
 TEST(Platform, TellsWhatTheSystemTells) {
     MEMORYSTATUSEX status{};
     status.dwLength = sizeof status;

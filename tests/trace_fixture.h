@@ -20,21 +20,8 @@ inline std::string contentOf(const std::string &file) {
 }
 
 struct TraceFile : testing::Test {
-    // Of the test that has begun, and of the processes that it starts.
-    struct Place {
-        const char *const begun = std::getenv("BRENVOLE_TEST_PLACE");
-        std::string path = begun != nullptr ? begun : systemNewDirectory();
-        Environment tell{"BRENVOLE_TEST_PLACE", path.c_str()};
-
-        ~Place() {
-            if (begun == nullptr) { std::filesystem::remove_all(path); }
-        }
-        std::string write(const std::string &name, const std::string &content) const {
-            std::ofstream(path + name, std::ios::binary) << content;
-            return path + name;
-        }
-    };
-    Place directory;
+    TemporaryDirectory directory{std::getenv("BRENVOLE_TEST_PLACE")}; // the processes that a test starts share it
+    Environment tell{"BRENVOLE_TEST_PLACE", directory.path.c_str()};
     std::string file = directory.path + "trace.csv";
     Environment first{"QXBRENVOLE_TRACE", "1"};
     Environment second{"BRENVOLE_DFRAME_TRACE", nullptr};

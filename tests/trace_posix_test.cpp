@@ -24,22 +24,12 @@ TEST_F(TraceFile, FilesByNobodyAndByTheUser) {
             directory.path + "brenvole_dframe_trace_" + std::to_string(getpid()) + "_8217344.csv";
         if (symlink(victim.c_str(), name.c_str()) != 0) { _exit(1); }
         struct stat about {};
-        _exit(TraceIsEnabled() == 1 && lstat(name.c_str(), &about) == 0 && S_ISREG(about.st_mode) &&
-                      (about.st_mode & 0777) == 0600
-                  ? 0
-                  : 1);
+        _exit(TraceIsEnabled() != 1 || lstat(name.c_str(), &about) != 0 || about.st_mode != (S_IFREG | 0600));
     });
     EXPECT_EQ(contentOf(victim), "precious");
     const Environment ini("QXUTIL_CONFIG", directory.write("s.ini", "[Brenvole]\nDFrameTraceFile=" + victim).c_str());
     inProcess([] { TraceIsEnabled(); });
     EXPECT_EQ(contentOf(victim).substr(0, 7), "record,");
-    const Environment nowhere("QXBRENVOLE_TRACE_FILE", "/nonexistent/file");
-    inProcess([] {
-        LogCapture log;
-        const bool off = TraceIsEnabled() == 0;
-        _exit(off && log.take() == Texts{"Brenvole DFrame trace enabled but unable to open '/nonexistent/file'"} ? 0
-                                                                                                                 : 1);
-    });
 }
 
 // Whatever call sites, sinks, cancelled threads, forked children and late releases come along, the program goes on,
@@ -88,10 +78,8 @@ TEST_F(TraceFile, AnUnloadedLibrary) {
         void *const library = dlopen(BRENVOLE_LIBRARY, RTLD_NOW | RTLD_LOCAL);
         const auto run = reinterpret_cast<decltype(&DFrameMem)>(dlsym(library, "DFrameMem"));
         PDFRAME lost = nullptr;
-        _exit(run(DFRAME_RESET, 1 << 20, 0, nullptr) == 0 && run(DFRAME_ALLOC, 100, 1, &lost) == 0 &&
-                      dlclose(library) == 0
-                  ? 0
-                  : 1);
+        _exit(run(DFRAME_RESET, 1 << 20, 0, nullptr) != 0 || run(DFRAME_ALLOC, 100, 1, &lost) != 0 ||
+              dlclose(library) != 0);
     });
     const std::string content = contentOf(file);
     EXPECT_NE(content.find("\"phys_destroy_outstanding\",\"problem\",\"phys\""), std::string::npos);

@@ -75,74 +75,57 @@ struct WriteFaults : TraceFile {
     int reader(Fault fault) const {
         return fault == Fault::noReader || fault == Fault::limit ? -1 : open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
     }
-    static void happen(Fault fault, int reader) {
-        if (fault == Fault::readerLeaves) { close(reader); }
-        if (fault == Fault::limit) { limitFiles(kLimit); }
+    static void traceRounds() {
+        for (int i = 0; i < kRounds; ++i) {
+            TraceTouch("a", "phys", nullptr, nullptr, 1, nullptr, 0, text.c_str());
+            TraceSnapshot(nullptr);
+            DFrameMem(DFRAME_TOTAL, 0, 0, nullptr);
+        }
+        TraceTouch("a", "phys", nullptr, nullptr, 1, nullptr, 0, std::string(3 << 20, 'x').c_str());
+        limitFiles(RLIM_INFINITY); // with the end of that row still to come
+        TraceClose("end");
     }
 };
 
-TEST_F(WriteFaults, OfTheLog) {
+TEST_F(WriteFaults, OfLogAndTrace) {
+    const std::string log = directory.path + "log";
     const char *const lost = "^QXUtil: can't write to the log file[^\n]*\n$";
+    const std::string opened = "^Brenvole DFrame trace enabled: ";
+    const std::string rowsLost = "\nBrenvole DFrame trace: unable to write to its file, rows are lost\n$";
     const struct {
-        const char *log;
+        const char *log, *trace;
         Fault fault;
-        const char *told;
-    } cases[] = {{nullptr, Fault::readerLeaves, "^$"},
-                 {fifo.c_str(), Fault::noReader, "can't open the log file[^\n]*\nbefore\nx"},
-                 {fifo.c_str(), Fault::readerLeaves, lost},
-                 {fifo.c_str(), Fault::readerStops, lost},
-                 {file.c_str(), Fault::limit, lost}};
+        std::string told;
+    } cases[] = {{nullptr, nullptr, Fault::readerLeaves, "^$"},
+                 {fifo.c_str(), nullptr, Fault::noReader, "can't open the log file[^\n]*\nbefore\nx"},
+                 {fifo.c_str(), nullptr, Fault::readerLeaves, lost},
+                 {fifo.c_str(), nullptr, Fault::readerStops, lost},
+                 {log.c_str(), nullptr, Fault::limit, lost},
+                 {nullptr, fifo.c_str(), Fault::noReader,
+                  "^Brenvole DFrame trace enabled but unable to open '" + fifo + "'\n$"},
+                 {nullptr, fifo.c_str(), Fault::readerLeaves, opened + fifo + rowsLost},
+                 {nullptr, fifo.c_str(), Fault::readerStops, opened + fifo + rowsLost},
+                 {nullptr, file.c_str(), Fault::limit, opened + file + rowsLost}};
     for (int number = 0; number < 2 * static_cast<int>(std::size(cases)); ++number) {
         const auto &c = cases[number / 2];
-        const Environment log("QXUTIL_LOG", c.log);
+        const Environment logFile("QXUTIL_LOG", c.log), traceFile("QXBRENVOLE_TRACE_FILE", c.trace);
         EXPECT_EXIT(
             {
                 int ends[2];
                 ends[0] = reader(c.fault);
-                if (c.log == nullptr && pipe(ends) == 0) { dup2(ends[1], STDERR_FILENO); }
+                if (c.log == c.trace && pipe(ends) == 0) { dup2(ends[1], STDERR_FILENO); }
                 undisturbed(number % 2 != 0, [&] {
-                    ErrOut("before");
-                    happen(c.fault, ends[0]);
+                    c.trace != nullptr ? static_cast<void>(TraceIsEnabled()) : ErrOut("before");
+                    if (c.fault == Fault::readerLeaves) { close(ends[0]); }
+                    if (c.fault == Fault::limit) { limitFiles(kLimit); }
+                    if (c.trace != nullptr) { return traceRounds(); }
                     for (int i = 0; i < kRounds; ++i) { ErrOut("%s", text.c_str()); }
                 });
                 _exit(0);
             },
             testing::ExitedWithCode(0), c.told);
     }
-    EXPECT_EQ(contentOf(file).substr(0, 8), "before\nx");
-}
-
-TEST_F(WriteFaults, OfTheTrace) {
-    const std::string refused = "Brenvole DFrame trace enabled but unable to open '" + fifo + "'";
-    const std::string lost = "Brenvole DFrame trace: unable to write to its file, rows are lost";
-    const struct {
-        Fault fault;
-        Texts told;
-    } cases[] = {{Fault::noReader, {refused}},
-                 {Fault::readerLeaves, {"Brenvole DFrame trace enabled: " + fifo, lost}},
-                 {Fault::readerStops, {"Brenvole DFrame trace enabled: " + fifo, lost}},
-                 {Fault::limit, {"Brenvole DFrame trace enabled: " + file, lost}}};
-    for (int number = 0; number < 2 * static_cast<int>(std::size(cases)); ++number) {
-        const auto &c = cases[number / 2];
-        const Environment name("QXBRENVOLE_TRACE_FILE", c.fault == Fault::limit ? file.c_str() : fifo.c_str());
-        inProcess([&] {
-            LogCapture log;
-            const int from = reader(c.fault);
-            undisturbed(number % 2 != 0, [&] {
-                TraceIsEnabled();
-                happen(c.fault, from);
-                for (int i = 0; i < kRounds; ++i) {
-                    TraceTouch("a", "phys", nullptr, nullptr, 1, nullptr, 0, text.c_str());
-                    TraceSnapshot(nullptr);
-                    DFrameMem(DFRAME_TOTAL, 0, 0, nullptr);
-                }
-                TraceTouch("a", "phys", nullptr, nullptr, 1, nullptr, 0, std::string(3 << 20, 'x').c_str());
-                limitFiles(RLIM_INFINITY); // with the end of that row still to come
-                TraceClose("end");
-            });
-            _exit(log.take() == c.told ? 0 : 5);
-        });
-    }
+    EXPECT_EQ(contentOf(log).substr(0, 8), "before\nx");
     const auto rows = rowsOf(contentOf(file));
     EXPECT_GT(rows.size(), 3u);
     EXPECT_EQ(rows.front(), 1u);

@@ -20,4 +20,4 @@ done
 head -c 5000000 random.csv >cut.csv
 "$tool" report cut.csv -o cut.html >/dev/null 2>&1
 # shellcheck disable=SC2086  # the pages are several
-node check.mjs $pages cut.html
+CHROMIUM=${CHROMIUM:-$(command -v chromium)} node check.mjs $pages cut.html

@@ -49,6 +49,15 @@ struct Traced : TestFile {
     }
 };
 
+// What a page draws, which no text of a trace has ended.
+Json dataOf(const std::string &page) {
+    const std::string mark = "id=\"trace\">";
+    const std::size_t begin = page.find(mark) + mark.size();
+    const std::string data = page.substr(begin, page.find("</script", begin) - begin);
+    EXPECT_EQ(data.find('<'), std::string::npos);
+    return Json::parse(data);
+}
+
 bool holds(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
 
 } // namespace
@@ -89,12 +98,8 @@ TEST(TraceCommand, FilesThatCannotBeReadAndThoseThatEndEarly) {
     const TestFile cut(all.substr(0, all.size() / 2));
     const std::string whole = clean.read();
     const TestFile open(whole.substr(0, whole.rfind('\n')));
-    const std::string failed = "\"alloc\",\"trace_alloc_failed\"";
-    std::string text = whole;
-    for (const char *part : {"\"alloc\",\"ok\""}) {
-        text.replace(text.rfind(part), std::string(part).size(), failed);
-    }
-    const TestFile unkept(text);
+    const TestFile unkept(
+        std::string(whole).replace(whole.rfind("\"alloc\",\"ok\""), 12, "\"alloc\",\"trace_alloc_failed\""));
     const TestFile other("a,b\n1,2\n");
     const std::string away = clean.path + ".none";
     const struct {
@@ -158,21 +163,21 @@ TEST(TraceCommand, AllocationsForPrograms) {
     EXPECT_EQ(problem["action"], "dframe_free_overwrite");
     EXPECT_EQ(problem["alloc_site"], (Json{{"msgarea", "mixer.c"}, {"line", 11}}));
     EXPECT_EQ(problem["requested"], 4000);
+    const Json points = dataOf(tool("report " + overwrite.path + " -o -").out)["problems"]["points"];
+    EXPECT_EQ((Json{points[0]["event"], points[0]["site"], points[0]["detail"], points[0]["id"]}),
+              (Json{6, "mixer.c:14", "dwBytesUsed exceeds dwBufferLength", 2}));
 }
 
-// The page's data is one JSON document that no text of a trace has ended, and its figures are the summary's.
+// The figures of a page are the summary's.
 TEST(TraceCommand, Report) {
     for (const char *scenario : {"clean", "leak", "heaps", "hostile", "random", "overwrite"}) {
         SCOPED_TRACE(scenario);
         const Traced trace(scenario);
-        const TestFile page;
-        EXPECT_EQ(tool("report " + trace.path + " -o " + page.path).code, 0);
-        const std::string text = page.read();
-        const std::string mark = "id=\"trace\">";
-        const std::size_t begin = text.find(mark) + mark.size();
-        const std::string data = text.substr(begin, text.find("</script", begin) - begin);
-        EXPECT_EQ(data.find('<'), std::string::npos);
-        const Json report = Json::parse(data);
+        const TestFile page("old"), link;
+        std::filesystem::create_symlink(page.path, link.path);
+        EXPECT_EQ(tool("report " + trace.path + " -o " + link.path).code, 0);
+        EXPECT_TRUE(std::filesystem::is_symlink(link.path));
+        const Json report = dataOf(page.read());
         const Json summary = json("summary " + trace.path);
         EXPECT_EQ(report["totals"][3]["bytes"], summary["figures"]["all"]["bytes"]);
         EXPECT_EQ(report["events"], summary["about"]["events"]);
@@ -194,28 +199,22 @@ TEST(TraceCommand, Report) {
 // Five rows, counted by hand: shares of cells of 4096 bytes, a row a column; the first moment of a peak; a block's
 // box.
 TEST(TraceCommand, MapOfAFewRows) {
-    std::string content(kHeader);
-    Row row;
-    const auto add = [&](const char *record, const char *action, const char *result, uint64_t id, uint64_t base,
-                         uint64_t bytes) {
+    const struct {
+        const char *record, *action, *result;
+        uint64_t id, base, bytes;
+    } rows[] = {{"meta", "trace_open", "ok", 0, 0, 0},      {"event", "alloc", "ok", 1, 0x10800, 2048},
+                {"event", "alloc", "ok", 2, 0x13000, 4096}, {"event", "phys_free", "release", 1, 0x10800, 2048},
+                {"event", "alloc", "ok", 3, 0x11000, 2048}, {"meta", "trace_close", "ok", 0, 0, 0}};
+    Written written;
+    Row &row = written.row;
+    for (const auto &[record, action, result, id, base, bytes] : rows) {
         row.kind = id != 0 ? Kind::phys : Kind::session;
-        ++row.eventId;
-        row.action = action, row.result = result;
         row.allocId = id, row.base = row.data = base, row.actual = bytes;
-        row.msgarea = "a.c", row.line = static_cast<uint32_t>(row.eventId);
-        content += "\n" + rowText(record, row);
-        row.timeMs += 10;
-    };
-    add("meta", "trace_open", "ok", 0, 0, 0);
-    add("event", "alloc", "ok", 1, 0x10800, 2048);
-    add("event", "alloc", "ok", 2, 0x13000, 4096);
-    add("event", "phys_free", "release", 1, 0x10800, 2048);
-    add("event", "alloc", "ok", 3, 0x11000, 2048);
-    add("meta", "trace_close", "ok", 0, 0, 0);
-    const TestFile trace(content);
-    const std::string page = tool("report " + trace.path + " -o -").out;
-    const std::size_t begin = page.find("id=\"trace\">") + 11;
-    const Json report = Json::parse(page.substr(begin, page.find("</script", begin) - begin));
+        row.msgarea = "a.c", row.line = static_cast<uint32_t>(row.eventId) + 1;
+        written.add(record, action, result);
+    }
+    const TestFile trace(written.text);
+    const Json report = dataOf(tool("report " + trace.path + " -o -").out);
     const Json &pool = report["pools"][0];
     EXPECT_EQ(pool["low"], "0000000000010800");
     EXPECT_EQ(pool["high"], "0000000000014000");
@@ -226,51 +225,31 @@ TEST(TraceCommand, MapOfAFewRows) {
     EXPECT_EQ(pool["fill"], "AAAAAAAAAACAAAAAgAAA/wAAAP8AgAD/");
     EXPECT_EQ(pool["fillTime"], pool["fill"]);
     const Json blocks = pool["blocks"];
-    for (std::size_t at = 0; at < 3; ++at) {
-        if (blocks["id"][at] == 1) {
-            EXPECT_EQ((Json{blocks["from"][at], blocks["to"][at], blocks["fromTime"][at], blocks["toTime"][at],
-                            blocks["offset"][at], blocks["bytes"][at]}),
-                      (Json{2, 4, 10, 30, 0, 2048}));
-            EXPECT_EQ(report["callSites"][blocks["site"][at].get<std::size_t>()], "a.c:2");
-        } else {
-            EXPECT_EQ(blocks["to"][at], 0);
-        }
-    }
+    const Json &ids = blocks["id"], &ends = blocks["to"];
+    const auto at = static_cast<std::size_t>(std::find(ids.begin(), ids.end(), 1) - ids.begin());
+    EXPECT_EQ((Json{blocks["from"][at], ends[at], blocks["fromTime"][at], blocks["toTime"][at], blocks["offset"][at],
+                    blocks["bytes"][at]}),
+              (Json{2, 4, 10, 30, 0, 2048}));
+    EXPECT_EQ(report["callSites"][blocks["site"][at].get<std::size_t>()], "a.c:2");
+    EXPECT_EQ(std::count(ends.begin(), ends.end(), 0), 2);
     EXPECT_EQ(report["totals"][1]["peakCountTime"], 20);
     EXPECT_EQ(report["totals"][1]["peakCount"], 2);
-
-    const Traced overwrite("overwrite");
-    const TestFile link;
-    const TestFile target("old");
-    std::filesystem::create_symlink(target.path, link.path);
-    ASSERT_EQ(tool("report " + overwrite.path + " -o " + link.path).code, 0);
-    EXPECT_TRUE(std::filesystem::is_symlink(link.path));
-    const std::string text = target.read();
-    EXPECT_TRUE(holds(text, "{\"event\":6,\"time\":"));
-    EXPECT_TRUE(holds(text, ",\"action\":0,\"count\":1,\"site\":\"mixer.c:14\",\"detail\":"
-                            "\"dwBytesUsed exceeds dwBufferLength\",\"id\":2}"));
 }
 
 // Rows that begin and end lives are lost, and all that the program tells is what the next list says.
 TEST(TraceCommand, LostRowsAreSettledByTheNextList) {
     const Traced trace("random");
-    const std::string all = trace.read();
-    std::string holed;
+    std::istringstream all(trace.read());
+    std::string holed, releasedId;
     uint64_t lines = 0;
-    std::string releasedId;
-    for (std::size_t at = 0; at < all.size();) {
-        const std::size_t end = std::min(all.find('\n', at), all.size());
-        const std::string line = all.substr(at, end - at);
-        at = end + 1;
-        ++lines;
+    for (std::string line; std::getline(all, line); ++lines) {
         const bool begins = lines > 2000 && lines < 3000 && holds(line, "\"alloc\",\"ok\"") && lines % 3 == 0;
         const bool ends = lines > 5000 && lines < 5500 && holds(line, "\"release\"");
-        if (ends && releasedId.empty()) {
-            const std::string behind = line.substr(line.find("\"release\",") + 10);
-            releasedId =
-                behind.substr(behind.find(',') + 1, behind.find(',', behind.find(',') + 1) - behind.find(',') - 1);
-        }
         if (!begins && !ends) { holed += (holed.empty() ? "" : "\n") + line; }
+        if (ends) {
+            std::istringstream fields(line);
+            for (int i = 0; i < 7; ++i) { std::getline(fields, releasedId, ','); }
+        }
     }
     const TestFile damaged(holed);
     const Json whole = json("leaks " + trace.path);
@@ -287,9 +266,7 @@ TEST(TraceCommand, LostRowsAreSettledByTheNextList) {
     EXPECT_EQ(life["outstanding"], false);
     EXPECT_TRUE(holds(tool("life " + damaged.path + " " + releasedId + " 2>&1").out,
                       "It was released by a row that is lost."));
-    const std::string page = tool("report " + damaged.path + " -o - 2>&1").out;
-    const std::size_t begin = page.find("id=\"trace\">") + 11;
-    const Json report = Json::parse(page.substr(begin, page.find("</script", begin) - begin));
+    const Json report = dataOf(tool("report " + damaged.path + " -o - 2>&1").out);
     EXPECT_EQ(report["steps"]["bytes"][1]["last"].back(), report["totals"][1]["bytes"]);
     uint64_t outstanding = 0;
     for (const Json &pool : report["pools"]) {
@@ -308,29 +285,23 @@ TEST(TraceCommand, WhatIsAliveIsWhatTheLibraryLists) {
         Live live;
         std::map<uint64_t, Allocation> unlisted;
         uint64_t lists = 0;
-        bool listing = false;
         for (Row row; readerNext(reader, row);) {
-            if (listing && row.record != Record::active) {
-                listing = false;
-                ASSERT_TRUE(unlisted.empty()) << row.number;
-            }
             if (row.record == Record::summary) {
-                listing = true;
                 ++lists;
                 unlisted = std::map<uint64_t, Allocation>(live.allocations.begin(), live.allocations.end());
-            }
-            if (row.record == Record::active) {
+            } else if (row.record == Record::active) {
                 const auto place = unlisted.find(row.allocId);
                 ASSERT_NE(place, unlisted.end()) << row.number;
                 const Allocation &known = place->second;
                 EXPECT_EQ(std::tie(known.kind, known.dframe, known.data, known.base, known.requested, known.actual),
                           std::tie(row.kind, row.dframe, row.data, row.base, row.requested, row.actual))
                     << row.number;
-                EXPECT_TRUE(
-                    holds(std::string(row.detail), "alloc_site=" + siteText(live.sites, known.allocSite) + " ") ||
-                    row.msgarea.empty())
+                EXPECT_TRUE(row.msgarea.empty() || holds(std::string(row.detail),
+                                                         "alloc_site=" + siteText(live.sites, known.allocSite) + " "))
                     << row.detail;
                 unlisted.erase(place);
+            } else {
+                ASSERT_TRUE(unlisted.empty()) << row.number;
             }
             const bool releases = row.record == Record::event && row.result == "release";
             liveFollow(live, row);
@@ -347,16 +318,14 @@ TEST(TraceCommand, LongTraces) {
     const std::string all = trace.read();
     const std::string body = all.substr(all.find('\n'));
     const std::string command = TRACE_TOOL " report - -o " + trace.path + ".html >" + trace.path + ".out 2>&1";
-    const auto began = std::chrono::steady_clock::now();
     std::FILE *const pipe = popen(command.c_str(), "w");
     std::fwrite(kHeader.data(), 1, kHeader.size(), pipe);
-    uint64_t bytes = 0;
-    for (; bytes < 256'000'000; bytes += body.size()) { std::fwrite(body.data(), 1, body.size(), pipe); }
+    for (uint64_t bytes = 0; bytes < 256'000'000; bytes += body.size()) {
+        std::fwrite(body.data(), 1, body.size(), pipe);
+    }
     EXPECT_EQ(WEXITSTATUS(pclose(pipe)), 0);
-    const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - began;
     rusage children{};
     getrusage(RUSAGE_CHILDREN, &children);
-    std::printf("%.0f MB/s, at most %ld KiB\n", static_cast<double>(bytes) / spent.count() / 1e6, children.ru_maxrss);
 #ifndef __SANITIZE_ADDRESS__
     EXPECT_LT(children.ru_maxrss, 64 * 1024);
 #endif

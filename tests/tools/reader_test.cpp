@@ -46,18 +46,11 @@ std::string mention(const Reader &reader) {
 
 // A small sound trace: its first row, an allocation and its release with quotes in their texts, its last row.
 std::string smallTrace() {
-    Row row;
+    Written written;
+    Row &row = written.row;
     row.kind = Kind::session;
-    std::string text(kHeader);
-    const auto add = [&](const char *record, const char *action, const char *result) {
-        ++row.eventId;
-        row.timeMs += 10;
-        row.action = action;
-        row.result = result;
-        text += "\n" + rowText(record, row);
-    };
     row.detail = "a, file";
-    add("meta", "trace_open", "ok");
+    written.add("meta", "trace_open", "ok");
     row.kind = Kind::dframe;
     row.allocId = 1;
     row.msgarea = "a\"b,c.cpp";
@@ -66,14 +59,14 @@ std::string smallTrace() {
     row.actual = 8484;
     row.refCount = 1;
     row.activeCount = 1;
-    add("event", "alloc", "ok");
+    written.add("event", "alloc", "ok");
     row.refCount = 0;
-    add("event", "dframe_free", "release");
+    written.add("event", "dframe_free", "release");
     row.kind = Kind::session;
     row.allocId = 0;
     row.detail = "atexit";
-    add("meta", "trace_close", "ok");
-    return text;
+    written.add("meta", "trace_close", "ok");
+    return written.text;
 }
 
 } // namespace

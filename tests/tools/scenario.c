@@ -4,7 +4,6 @@
 #include <brenvole/dframe.h>
 
 #include <stdint.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -114,26 +113,13 @@ static void randomly(uint32_t seed) {
 
 int main(int count, char **words) {
     const char *word = count > 1 ? words[1] : "";
-    if (strcmp(word, "clean") == 0) {
-        work();
-    } else if (strcmp(word, "leak") == 0) {
-        work();
-        leak();
-    } else if (strcmp(word, "overwrite") == 0) {
-        overwrite();
-    } else if (strcmp(word, "late") == 0) {
-        late();
-    } else if (strcmp(word, "hostile") == 0) {
-        hostile();
-    } else if (strcmp(word, "heaps") == 0) {
-        heaps();
-    } else if (strcmp(word, "reuse") == 0) {
-        reuse();
-    } else if (strcmp(word, "random") == 0) {
-        randomly(count > 2 ? (uint32_t)atoi(words[2]) : 1);
-    } else {
-        fprintf(stderr, "scenario: no such word: %s\n", word);
-        return 2;
-    }
+    if (strcmp(word, "clean") == 0 || strcmp(word, "leak") == 0) { work(); }
+    if (strcmp(word, "leak") == 0) { leak(); }
+    if (strcmp(word, "overwrite") == 0) { overwrite(); }
+    if (strcmp(word, "late") == 0) { late(); }
+    if (strcmp(word, "hostile") == 0) { hostile(); }
+    if (strcmp(word, "heaps") == 0) { heaps(); }
+    if (strcmp(word, "reuse") == 0) { reuse(); }
+    if (strcmp(word, "random") == 0) { randomly(count > 2 ? (uint32_t)atoi(words[2]) : 1); }
     return 0;
 }

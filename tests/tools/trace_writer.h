@@ -38,6 +38,19 @@ inline std::string rowText(const char *record, const traceview::Row &row) {
            quoted(row.detail);
 }
 
+// A trace that is made row by row.
+struct Written {
+    traceview::Row row; // the next one
+    std::string text{traceview::kHeader};
+
+    void add(const char *record, const char *action, const char *result) {
+        ++row.eventId;
+        row.action = action, row.result = result;
+        text += "\n" + rowText(record, row);
+        row.timeMs += 10;
+    }
+};
+
 // A file of this test's own, gone behind it.
 struct TestFile {
     std::string path = (std::filesystem::temp_directory_path() /

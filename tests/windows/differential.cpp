@@ -157,12 +157,7 @@ void printRow(const std::string &row) {
 
 } // namespace
 
-int main(int count, char **arguments) {
-    const char *const file = std::getenv("QXBRENVOLE_TRACE_FILE");
-    if (count != 3 || file == nullptr) {
-        std::fputs("differential SEED STEPS, with the trace on into QXBRENVOLE_TRACE_FILE\n", stderr);
-        return 2;
-    }
+int main(int, char **arguments) { // SEED STEPS, with the trace on into QXBRENVOLE_TRACE_FILE
     qxSetLogSink(printMessage, nullptr);
     source.seed(static_cast<uint32_t>(std::atoi(arguments[1])));
     command(DFRAME_RESET, nullptr, 4000000);
@@ -175,7 +170,7 @@ int main(int count, char **arguments) {
     }
     command(DFRAME_CLOSE, nullptr);
     DllMain(nullptr, 0, nullptr);
-    std::ifstream trace(file, std::ios::binary);
+    std::ifstream trace(std::getenv("QXBRENVOLE_TRACE_FILE"), std::ios::binary);
     for (std::string row; std::getline(trace, row);) { printRow(row); }
     return 0;
 }

@@ -37,11 +37,7 @@ int main(int count, char **arguments) {
         PROCESS_INFORMATION process;
         DWORD code = 0;
         if (!CreateProcessA(NULL, line, NULL, NULL, FALSE, 0, NULL, NULL, &start, &process)) { return 1; }
-        if (WaitForSingleObject(process.hProcess, 20000) != WAIT_OBJECT_0) {
-            TerminateProcess(process.hProcess, 1);
-            printf("process %d hangs\n", i);
-            return 1;
-        }
+        if (WaitForSingleObject(process.hProcess, 20000) != WAIT_OBJECT_0) { TerminateProcess(process.hProcess, 1); }
         GetExitCodeProcess(process.hProcess, &code);
         if (code != ENDS_WELL) {
             printf("process %d ended by %lu\n", i, code);
