@@ -258,7 +258,7 @@ TEST_F(Heap, ResizeWhileAnAllocationWaits) {
 // An index that somebody has damaged is noticed, and made anew.
 TEST_F(Heap, DamagedIndex) {
     if (heap->ppChunkMap == nullptr) { return; }
-    for (const uint64_t segments : {5, 100}) {
+    for (const uint64_t segments : {uint64_t{5}, uint64_t{100}}) {
         std::vector<uint64_t> blocks;
         for (uint64_t i = 0; i < 2 * segments; ++i) { blocks.push_back(take(4096)); }
         for (uint64_t i = 0; i < 2 * segments; i += 2) { drop(std::exchange(blocks[i], 0)); }

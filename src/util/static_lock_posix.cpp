@@ -3,8 +3,7 @@
 
 #include <pthread.h>
 
-static_assert(sizeof(pthread_mutex_t) <= sizeof(QXCRITICALSECTION) &&
-              alignof(pthread_mutex_t) <= alignof(QXCRITICALSECTION));
+static_assert(sizeof(pthread_mutex_t) <= sizeof(QXCRITICALSECTION) && alignof(QXCRITICALSECTION) >= alignof(void *));
 
 namespace {
 

@@ -264,7 +264,8 @@ int releaseTwice() {
     };
     std::thread(release, 0).join();
     std::thread(release, 1).join();
-    return QXAlloc(8484) == QXAlloc(8484) ? 1 : 0;
+    const void *const one = QXAlloc(8484), *const other = QXAlloc(8484);
+    return one == other ? 1 : 0;
 }
 
 // Written beyond the end of each kind of block, and into a cached one after its release.
@@ -315,7 +316,7 @@ std::string run(const Case &one, const std::string &self, const std::string &plu
     const std::string environment =
         (guarded ? "QXBRENVOLE_GUARD=1 " : "") + (loaded ? "LD_PRELOAD='" + preload + "'" : "");
     const std::string words = "'" + self + "' '" + plugin + "' '" + preload + "' '" + one.name + "'";
-    std::FILE *const pipe = popen(("exec env " + environment + " " + words + " 2>&1").c_str(), "r");
+    std::FILE *const pipe = popen(("exec env -u QXUTIL_LOG " + environment + " " + words + " 2>&1").c_str(), "r");
     std::string text;
     char piece[4096];
     while (const std::size_t count = std::fread(piece, 1, sizeof piece, pipe)) { text.append(piece, count); }

@@ -82,7 +82,7 @@ uint64_t run(uint32_t command, PDFRAME *frame = nullptr, int64_t param1 = 0, uin
 
 struct Random {
     std::mt19937_64 next;
-    uint32_t upTo(uint64_t most) { return static_cast<uint32_t>(next() % (most + 1)); }
+    uint32_t upTo(uint64_t most) { return static_cast<uint32_t>(next() % std::max<uint64_t>(most + 1, 1)); }
     bool chance(unsigned of) { return next() % of == 0; }
     // Of a buffer: often near a multiple of the local heap's unit, or large enough for its cache.
     uint32_t size() {
