@@ -1,6 +1,7 @@
 #include "fork_locks.h"
 
 #include "dfmem_lock.h"
+#include "live_frames.h"
 #include "trace/trace.h"
 #include "util/host.h"
 #include "util/once.h"
@@ -94,10 +95,15 @@ void forkedParent() { release(); }
 void forkedChild() {
     hookOnce = kOnceDone; // the thread that registered this may not be here to say so
     traceForkedChild();
-    each([](ForkLock &entry) {
+    bool all = true;
+    each([&](ForkLock &entry) {
+        all = all && entry.held;
         qxOSInitializeCriticalSection(entry.lock);
         entry.held = false;
     });
+    if (!all) { // a reader of a frame may have held it
+        liveFramesForked();
+    }
     chainLock.unlock();
     new (&poolLock) std::recursive_mutex;
 }

@@ -60,6 +60,15 @@ void liveFrameLeave(uintptr_t frame) {
     }
 }
 
+void liveFramesForked() {
+    for (std::atomic<uint64_t> &place : places) {
+        const uint64_t seen = place.load(std::memory_order_relaxed);
+        if ((seen & kPinned) != 0) {
+            place.store(seen & ~kPinned, std::memory_order_relaxed);
+        }
+    }
+}
+
 uint32_t liveFrameLinkWord(uint64_t owner) {
     if (owner == 0 || owner % alignof(DFRAME) != 0) {
         return 0;

@@ -13,6 +13,9 @@ namespace brenvole {
 void liveFrameEnter(uintptr_t frame);
 void liveFrameLeave(uintptr_t frame);
 
+/** In a forked child: nobody reads a frame there whom the fork hasn't waited for. */
+void liveFramesForked();
+
 /** The low half of the third word of a frame's link, read while the frame can't go.
  *  @param owner  any value
  *  @return 0 unless a frame is known to live there */

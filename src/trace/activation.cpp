@@ -40,7 +40,8 @@ struct Sending {
     std::size_t begun = 0; // bytes of the last row
 };
 Sending sending;
-bool lossSeen = false; // under traceLock
+bool lossSeen = false;     // under traceLock
+bool parentTraces = false; // this is a forked child, which hasn't said yet that it isn't traced; under traceLock
 std::atomic<bool> lossToTell = false;
 
 // Lock held, as for its end.
@@ -139,6 +140,10 @@ int32_t TraceOpen(Opening &opening) {
         return 1;
     }
     if (traceClosed != 0) { // 2, and 3 before the lock
+        if (parentTraces) {
+            parentTraces = false;
+            opening.message = "Brenvole DFrame trace: a forked child isn't traced";
+        }
         return 0;
     }
     const QXAllocating mark; // a fault in the C library's allocator is the host's
@@ -213,6 +218,7 @@ void traceForkedChild() {
     if (std::FILE *const file = traceFile.exchange(nullptr)) {
         const QXAllocating mark;
         traceClosed = 1;
+        parentTraces = true;
         std::fclose(file);
         endBuffer();
     }
