@@ -111,13 +111,13 @@ void dropHeap() {
     }
 }
 
-// The heap, if it stays, no longer has memory behind its blocks.
+// If the heap stays, its blocks have no memory from here on.
 void dropPool() {
     if (void *const pool = mainPool.exchange(nullptr)) {
         if (::DFHEAP *const heap = mainHeap) {
             heap->bRegionOurs = 0;
         }
-        if (blockMemoryMatters()) { // whoever gets these addresses next may access them
+        if (blockMemoryMatters()) { // their next user may access these addresses
             blockMemoryGiveBack({reinterpret_cast<uintptr_t>(pool), mainPoolSize, 0, 0, nullptr, 0});
         }
         qxOSVirtualFree(pool);

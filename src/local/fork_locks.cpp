@@ -18,7 +18,7 @@ std::recursive_mutex poolLock;
 namespace {
 
 constinit ForkLock *first = nullptr;
-constinit QXStaticLock chainLock; // guards the chain; whoever holds it waits for nothing else, or forks
+constinit QXStaticLock chainLock; // guards the chain; its holder waits for nothing else, or forks
 
 constinit QXOnce hookOnce = 0;
 

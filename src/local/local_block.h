@@ -26,9 +26,9 @@ inline constexpr uint32_t kLocalGuard6 = 0xFAD0BABE;
 /** True if all six guard words hold their local values. The record may lie anywhere. */
 QX_READS_FOREIGN_MEMORY bool localGuardsHold(const volatile PHALLOC *record);
 
-/** Notes where a live block has its data, and forgets it before the block goes to QXFree. Whoever notes holds
- *  dfmemLock. A note decides what LHEAP_Find returns for an address in the block's data, and saves it system
- *  calls; of many blocks the notes may push each other out, and such a block is searched for. */
+/** Notes where a live block has its data, and forgets it before the block goes to QXFree. The caller of
+ *  localRemember holds dfmemLock. A note decides what LHEAP_Find returns for an address in the block's data,
+ *  and saves it system calls. The notes of very many blocks push each other out; such a block is searched for. */
 void localRemember(const PHALLOC *descriptor);
 void localForget(const PHALLOC *descriptor);
 

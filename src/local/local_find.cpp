@@ -5,8 +5,8 @@
 // by almost 272 KiB, further than any header or line of a picture moves it.
 //
 // The usual pointer lies in a block that we remember. Then that block is the answer, and nothing between its
-// descriptor and the pointer is looked at: data may hold whatever looks like a descriptor, be it made up by whoever
-// made a media file, or left over from an earlier block in the same place.
+// descriptor and the pointer is looked at: data may hold what looks like a descriptor, made up in a hostile media
+// file, or left over from an earlier block in the same place.
 //
 // Any other pointer is scanned for, in memory that nobody vouches for. The system looks at each candidate first, and
 // only what has a local block's first guard word is read in place. So no fault is raised, and it makes no difference

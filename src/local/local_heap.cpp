@@ -64,7 +64,7 @@ void uncount(uint32_t size) {
     dfmemUncount(localBytes, size);
 }
 
-// Of a block whose data is that long; what lies behind the data is the guard.
+// A block whose data has that size; what follows the data is the guard.
 BlockMemory memoryOf(char *block, uint32_t size, uint64_t owner, const char *msgarea, uint32_t line) {
     const auto data = reinterpret_cast<uint64_t>(dataOf(block));
     return {data, size, reinterpret_cast<uint64_t>(block) + blockSizeOf(size) - data - size, owner, msgarea, line};

@@ -167,14 +167,6 @@ int32_t qxOSTryEnterCriticalSection(QXCRITICALSECTION *lock) {
     return 1;
 }
 
-int32_t qxOSOwnLocks(void (*initialize)(QXCRITICALSECTION *), void (*enter)(QXCRITICALSECTION *),
-                     void (*leave)(QXCRITICALSECTION *)) {
-    return initialize == qxOSInitializeCriticalSection && enter == qxOSEnterCriticalSection &&
-                   leave == qxOSLeaveCriticalSection
-               ? 1
-               : 0;
-}
-
 void qxOSLeaveCriticalSection(QXCRITICALSECTION *lock) {
     Lock &own = lockOf(lock);
     if (own.depth != 0) [[unlikely]] {

@@ -32,14 +32,6 @@ int32_t qxOSTryEnterCriticalSection(QXCRITICALSECTION *lock) {
     return TryEnterCriticalSection(sectionOf(lock)) != 0 ? 1 : 0;
 }
 
-int32_t qxOSOwnLocks(void (*initialize)(QXCRITICALSECTION *), void (*enter)(QXCRITICALSECTION *),
-                     void (*leave)(QXCRITICALSECTION *)) {
-    return initialize == qxOSInitializeCriticalSection && enter == qxOSEnterCriticalSection &&
-                   leave == qxOSLeaveCriticalSection
-               ? 1
-               : 0;
-}
-
 void qxOSHookFork(void) {} // processes don't fork here
 
 void qxOSDeleteCriticalSection(QXCRITICALSECTION *lock) { DeleteCriticalSection(sectionOf(lock)); }

@@ -492,7 +492,7 @@ int main(int argc, char **argv) {
     if (argc > 3 || (argc > 1 && std::sscanf(argv[1], "%lu", &seconds) != 1) ||
         (argc > 2 && std::sscanf(argv[2], "%lu", &seed) != 1)) {
         std::fputs(
-            "soak [SECONDS] [SEED]: 10 seconds of rounds, with seeds from the clock on, or with the SEED each time.\n"
+            "soak [SECONDS] [SEED]: 10 seconds of rounds, with seeds from the clock on, or with SEED each time.\n"
             "Its threads make the same choices again, but which one runs when can't be replayed.\n",
             stderr);
         return 2;
