@@ -36,6 +36,7 @@ namespace {
 struct Section {
     sigjmp_buf recovery;
     Section *outer;
+    uintptr_t end; // of the stack frame that runs it: where its caller's begins
 };
 
 // Innermost section of the thread. Its storage exists with the thread, so that the handler may read it: other
@@ -109,12 +110,12 @@ void passOn(int fault, siginfo_t *info, void *context) {
 // ---- whose fault it is ------------------------------------------------------------------------------------------
 
 struct Way {
-    uintptr_t fault;   // the instruction that faulted
-    uintptr_t section; // the stack address of the section
+    uintptr_t fault; // the instruction that faulted
+    uintptr_t end;   // of the section's frame
     bool begun = false;
     bool handler = false; // a signal handler was running between the two
-    bool arrived = false; // at the frame of the section
     bool passed = false;  // beyond the section
+    bool arrived = false; // by way of its frame
 };
 
 // One frame of the stack, from our own handler outwards.
@@ -127,15 +128,14 @@ _Unwind_Reason_Code lookAtFrame(_Unwind_Context *frame, void *context) {
         return _URC_NO_REASON;
     }
     way.handler = interrupted != 0;
-    way.passed = _Unwind_GetCFA(frame) > way.section;
-    way.arrived =
-        way.arrived || (!way.passed && _Unwind_GetRegionStart(frame) == reinterpret_cast<uintptr_t>(&qxGuardRun));
+    way.passed = _Unwind_GetCFA(frame) >= way.end;
+    way.arrived = _Unwind_GetCFA(frame) == way.end;
     return way.handler || way.passed ? _URC_END_OF_STACK : _URC_NO_REASON;
 }
 
 // The same for a jump to nowhere, from which no way leads up: looks for the frame that the system lays down for a
 // handler. Such frames may be left over from earlier signals, which is why this is the last resort.
-bool handlerFrameBetween(uintptr_t stack, uintptr_t end, uintptr_t restorer) {
+QX_READS_FOREIGN_MEMORY bool handlerFrameBetween(uintptr_t stack, uintptr_t end, uintptr_t restorer) {
     constexpr uintptr_t kWord = sizeof(uintptr_t);
     for (uintptr_t at = stack / kWord * kWord; at < end; at += kWord) {
         if (*reinterpret_cast<const volatile uintptr_t *>(at) == restorer) {
@@ -150,14 +150,14 @@ bool handlerFrameBetween(uintptr_t stack, uintptr_t end, uintptr_t restorer) {
 // finds unwind tables without one (glibc 2.35 and newer).
 bool isOfTheHost(const ucontext_t &context, Section *inner, uintptr_t restorer) {
     const auto stack = static_cast<uintptr_t>(context.uc_mcontext.gregs[REG_RSP]);
-    Way way{static_cast<uintptr_t>(context.uc_mcontext.gregs[REG_RIP]), reinterpret_cast<uintptr_t>(inner)};
-    if (stack > way.section) {
+    Way way{static_cast<uintptr_t>(context.uc_mcontext.gregs[REG_RIP]), inner->end};
+    if (stack >= way.end) {
         return true; // on a stack of its own
     }
     section = nullptr; // a fault on the way, over a stack that has been overwritten, is not for us to recover from
     constexpr uintptr_t kWord = sizeof(uint32_t);
     if (qxLookAtForeign(way.fault / kWord * kWord, 0) == ForeignWord::unreadable) {
-        way.handler = handlerFrameBetween(stack, way.section, restorer);
+        way.handler = handlerFrameBetween(stack, way.end, restorer);
     } else {
         _Unwind_Backtrace(lookAtFrame, &way);
     }
@@ -251,6 +251,7 @@ __attribute__((noinline)) bool qxGuardRun(void (*body)(void *), void *context) {
     }
     Section own;
     own.outer = section;
+    own.end = reinterpret_cast<uintptr_t>(__builtin_dwarf_cfa());
     if (sigsetjmp(own.recovery, 0) != 0) { // a fault; the handler has closed this section already
         return false;
     }
