@@ -7,7 +7,10 @@ place=$(mktemp -d)
 trap 'rm -rf "$place"' EXIT
 mkfifo "$place/rows" "$place/copy" # the file would have some 400 MB
 export QXUTIL_LOG=/dev/null QXBRENVOLE_TRACE=1 QXBRENVOLE_TRACE_FILE=$place/rows
-{ "$1" --gtest_filter='FrameModel.*' --gtest_brief=1 || touch "$place/failed"; } &
+{
+  exec 3>"$place/rows" # waits for the reader, without whom the trace wouldn't open the pipe
+  "$1" --gtest_filter='FrameModel.*' --gtest_brief=1 || touch "$place/failed"
+} &
 if [ $# -gt 1 ]; then
   (ulimit -v 100000 && exec "$2" summary --json "$place/copy" >"$place/summary") &
 else
