@@ -16,11 +16,8 @@
 
 namespace {
 
-std::FILE *openStream(const char *path, int flags, mode_t rights) {
-    int file = -1;
-    do {
-        file = open(path, O_WRONLY | O_CREAT | O_CLOEXEC | flags, rights);
-    } while (file < 0 && errno == EINTR);
+std::FILE *openStream(const char *path, int flags, unsigned rights) {
+    const int file = qxOpenToWrite(path, flags, rights);
     std::FILE *const stream = file >= 0 ? fdopen(file, "wb") : nullptr;
     if (stream == nullptr && file >= 0) {
         close(file);
@@ -32,9 +29,7 @@ std::FILE *openStream(const char *path, int flags, mode_t rights) {
 
 const char *qxHostEnvironment(const char *name) noexcept { return secure_getenv(name); }
 
-std::FILE *qxCreateNamed(const char *path) noexcept {
-    return openStream(path, O_TRUNC | O_NOCTTY | O_NONBLOCK, 0666);
-}
+std::FILE *qxCreateNamed(const char *path) noexcept { return openStream(path, O_TRUNC, 0666); }
 
 std::FILE *qxCreatePrivate(const char *path) noexcept {
     unlink(path); // what is left of an earlier process of that number; another user's stays, and is refused below

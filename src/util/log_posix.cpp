@@ -38,10 +38,7 @@ int openLog() {
         return STDERR_FILENO;
     }
     logStalled = false;
-    int file = -1;
-    do { // O_NONBLOCK: a pipe that nobody reads can't be opened
-        file = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
-    } while (file < 0 && errno == EINTR);
+    const int file = qxOpenToWrite(path, O_APPEND, 0666);
     if (file >= 0 && fstat(file, &logIdentity) == 0) {
         return file;
     }

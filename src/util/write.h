@@ -17,4 +17,10 @@
  *  @note The caller holds a QXUninterrupted. Not for two threads at once with one record. */
 std::size_t qxWriteOut(std::intptr_t file, std::string_view text, bool &stalled) noexcept;
 
+/** Opens a file for writing, made if it isn't there; POSIX systems only. A pipe isn't waited for, but for a second
+ * once in the process: its reader may just be starting.
+ *  @param flags  beside those for writing, making, not blocking and not handing on
+ *  @return descriptor; -1 if it can't be opened */
+int qxOpenToWrite(const char *path, int flags, unsigned rights) noexcept;
+
 #endif

@@ -1,9 +1,11 @@
 #include "write.h"
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <ctime>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -59,6 +61,26 @@ void consume(int raised) {
 }
 
 } // namespace
+
+int qxOpenToWrite(const char *path, int flags, unsigned rights) noexcept {
+    static constinit std::atomic<bool> waited = false;
+    constexpr int kPauseMs = 5;
+    const int64_t until = nowMs() + kPatienceMs;
+    for (;;) {
+        const int file =
+            open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | flags, static_cast<mode_t>(rights));
+        if (file >= 0 || (errno != EINTR && errno != ENXIO)) { // ENXIO: a pipe without a reader
+            return file;
+        }
+        if (errno == ENXIO && (waited || nowMs() >= until)) {
+            waited = true;
+            return -1;
+        }
+        if (errno == ENXIO) {
+            poll(nullptr, 0, kPauseMs);
+        }
+    }
+}
 
 std::size_t qxWriteOut(std::intptr_t file, std::string_view text, bool &stalled) noexcept {
     constexpr int kRaised[] = {SIGPIPE, SIGXFSZ}; // by a pipe without a reader, and by a limit of file sizes
