@@ -270,6 +270,34 @@ int releaseTwice() {
     return one == other ? 1 : 0;
 }
 
+// Threads release what others have made, in all sizes, and nobody else has written into a block.
+int blocksBelongToOne() {
+    static std::atomic<uint8_t *> shared[8];
+    std::atomic<int> bad = 0;
+    const auto check = [&](uint8_t *block) { // its size, and its first and last byte
+        uint32_t size = 0;
+        std::memcpy(&size, block + 1, sizeof size);
+        bad += block[0] != block[size - 1];
+        QXFree(block);
+    };
+    std::vector<std::thread> threads;
+    for (unsigned t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (uint32_t i = 0, random = t + 1; i < 100000; ++i) {
+                random = random * 1664525 + 1013904223;
+                const uint32_t size = 6 + (random >> 12) % (1u << (random >> 27) % 19);
+                auto *const block = static_cast<uint8_t *>(QXAlloc(size));
+                std::memcpy(block + 1, &size, sizeof size);
+                block[0] = block[size - 1] = static_cast<uint8_t>(i | 1);
+                if (uint8_t *const other = shared[(random >> 8) % 8].exchange(block)) { check(other); }
+            }
+        });
+    }
+    for (std::thread &thread : threads) { thread.join(); }
+    for (auto &block : shared) { check(block); }
+    return bad != 0 ? 1 : 0;
+}
+
 // Written beyond the end of each kind of block, and into a cached one after its release.
 int guards() {
     DFrameMem(DFRAME_RESET, 9000000, 0, nullptr);
@@ -304,6 +332,7 @@ const Case cases[] = {
     {"fault in malloc", faultInMalloc, kHostSawIt, {}, false},
     {"fault in handler", [] { return faultInHandler(0); }, 0, {}, !kThreadSanitized},
     {"fault in handler on a stack of its own", [] { return faultInHandler(SA_ONSTACK); }, 0, {}, !kThreadSanitized},
+    {"blocks belong to one", blocksBelongToOne, 0, {}},
     {"release twice", releaseTwice, -SIGABRT, {"released twice"}, false},
     {"guards",
      guards,
