@@ -93,7 +93,7 @@ TEST_F(Commands, RoomForTheTail) {
     static DFRAME before;
     constexpr uint32_t kTails[][4] = {{1, 5, 1, 1}, {1, 5, 1024, 1024},    {1, 5, 0, 0}, {1, 5, 1025, 0},
                                       {1, 0, 9, 0}, {1, UINT32_MAX, 9, 0}, {0, 5, 9, 0}};
-    for (int way = 0; way < 6 * static_cast<int>(std::size(kTails)); ++way) {
+    for (uint32_t way = 0; way < 6 * std::size(kTails); ++way) {
         constexpr uint32_t kCommands[] = {DFRAME_COPY, DFRAME_DUP_FREE, DFRAME_SWAP};
         const auto &[flagged, tail, length, room] = kTails[way / 6];
         PDFRAME made = nullptr;

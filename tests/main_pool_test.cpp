@@ -205,7 +205,7 @@ TEST_F(Pool, DumpAndEndTellWhatThereIs) {
 // ---- the system itself --------------------------------------------------------------------------------------------
 
 TEST(Region, CommittedWholeAndGivenBackWhole) {
-    for (const uint64_t size : {1, 5 * 1024 * 1024 + 1}) {
+    for (const uint64_t size : {1u, 5u * 1024 * 1024 + 1}) {
         auto *const base = static_cast<char *>(qxOSVirtualAlloc(size));
         ASSERT_NE(base, nullptr);
         EXPECT_TRUE(base[0] == 0 && base[size - 1] == 0);
