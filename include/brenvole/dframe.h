@@ -174,7 +174,7 @@ extern "C" {
  *       dwBufferLength counts from lpData. An existing one keeps its buffer if that holds the source's
  *       dwBytesUsed, also if it is the source's own. Without a buffer, or with one that is too small, which is
  *       released, it gets one in the source's heap or not at all. One that is too small and known to neither
- *       heap stays, takes what fits, and is told to hold all.
+ *       heap stays and takes what fits; its dwBytesUsed still becomes the source's.
  *  @par Header  all but dwSize (at least DFRAME_SIZE) and dwTrailE is the source's; DFRAME_FLAG_CUSTOM stays
  *       the destination's own, lpTail is null. If bytes are copied, lpLink is null and the attach stamps are
  *       new: a destination that stands on a list is reported, and has to be taken off before.

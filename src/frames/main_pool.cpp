@@ -247,9 +247,13 @@ uint64_t commandClose(uint32_t command) {
     const bool system = (command & DFRAME_FLAG_SYSHEAP) == 0;
     ErrFmtOut(QX_STATUS, 0, 0, "STATUS(dfmem): %s\n", // 1
               system ? "dfmem:  Closing system heap" : "dfmem:  Closing NON-system heap");
-    LHEAP_DropCache();                // 2
-    system ? dropBoth() : dropPool(); // 3, 4
-    mainPoolSize = kDefaultPool;      // 5
+    LHEAP_DropCache(); // 2
+    if (system) {      // 3, 4
+        dropBoth();
+    } else {
+        dropPool();
+    }
+    mainPoolSize = kDefaultPool; // 5
     mainGranularity = kDefaultGranularity;
     mainSmallest = kDefaultSmallest;
     TraceSnapshot("DFrameClose"); // 6

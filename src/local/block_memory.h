@@ -5,8 +5,8 @@
  *      start             start + size        start + size + guard
  *      |<- the frame's data ->|<- the guard ------------->|
  *
- *  A watching tool is told that the data may be accessed, and that the guard, and the whole block after its
- *  release, may not. With QXBRENVOLE_GUARD a live block's guard holds a pattern and the call site that made the
+ *  A memory tool lets the program access the data, and reports an access to the guard, or to a block after its
+ *  release. With QXBRENVOLE_GUARD a live block's guard holds a pattern and the call site that made the
  *  block; the pattern is verified at the release, and then all of the block is filled with another one. */
 #ifndef BRENVOLE_BLOCK_MEMORY_H
 #define BRENVOLE_BLOCK_MEMORY_H

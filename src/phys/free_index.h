@@ -1,7 +1,6 @@
 /** @file
- *  A second way into FreeList, for the two questions that cost a walk more with every free segment: which
- *  is the first segment, from either end, that has room for a request; and which one stands in front of an
- *  address.
+ *  A second way into FreeList, for the two searches whose walk grows with the number of free segments: the first
+ *  segment, from either end, that has room for a request, and the last segment below an address.
  *
  *  FreeList is the truth, and what the index answers is what a walk would find. The index knows where each segment
  *  starts and how long it is, both in granules, and no more; the record comes from the chunk map. So a heap without a

@@ -43,7 +43,7 @@ struct DFHEAP {
     // Beyond what a heap is known by:
     uint32_t bRegionOurs;           // the region is memory of this library's own: block_memory.h applies
     uint32_t dwGuard;               // bytes at the end of each block that aren't its user's
-    brenvole::PHALLOC **ppGroupMap; // behind ppChunkMap, one entry for kGroup granules; or null
+    brenvole::PHALLOC **ppGroupMap; // follows ppChunkMap in its array, an entry per kGroup granules; or null
     uint32_t dwShift;               // the granule's power of two, or kNoShift
     brenvole::ForkLock Fork;        // its Lock, as a fork knows it
     brenvole::FreeIndex Index;

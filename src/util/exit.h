@@ -1,5 +1,5 @@
 /** @file
- *  Tells the end of the process from the unloading of a library. Private. */
+ *  Distinguishes the end of the process from the unloading of a library. Private. */
 #ifndef QXUTIL_EXIT_H
 #define QXUTIL_EXIT_H
 

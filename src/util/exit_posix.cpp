@@ -23,8 +23,8 @@ constinit std::atomic<bool> inExit = false;
 // one runs in exit() alone.
 char owner;
 
-// Behind all other work of the library, which asks qxInExit: nothing of it may stay registered when it has been
-// unloaded.
+// The last of the library's destructors, as the others ask qxInExit. No handler may stay registered after the
+// library has been unloaded.
 __attribute__((destructor(101))) void forgetHandler() {
     if (qxDone(hookOnce)) {
         const bool before = inExit; // the handler runs once more

@@ -1,6 +1,6 @@
 #include "exit.h"
 
-// The system ends all other threads before it tells a library of the process's end.
+// At the end of a process the system ends all other threads first, and notifies the libraries then.
 void qxHookExit() {}
 
 bool qxInExit() { return false; }

@@ -3,9 +3,9 @@
 #ifndef QXUTIL_FORK_H
 #define QXUTIL_FORK_H
 
-/** From now on a fork acquires QXUtil's own locks first and releases them on both sides, so that none is held
- *  in the child by a thread that isn't there. Later calls do nothing. Whoever registers handlers of their own
- *  that acquire locks of the contract does so after the first qxOSInitializeCriticalSection, which calls this:
+/** From now on a fork acquires QXUtil's own locks first and releases them on both sides, so that the
+ *  child has no lock whose holder stayed in the parent. Later calls do nothing. A library with fork handlers that
+ *  acquire locks of the contract registers them after its first qxOSInitializeCriticalSection, which calls this:
  *  the system runs the handlers of later registrations first, and QXUtil's locks are the innermost. */
 void qxHookFork();
 

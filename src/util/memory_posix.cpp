@@ -100,7 +100,7 @@ void clearShelves() {
     }
 }
 
-// Behind the other destructors of a library that embeds this one: they still release blocks.
+// Runs after the other destructors of a library that embeds this one: they still release blocks.
 __attribute__((destructor(102))) void closeShelves() {
     state = Shelving::over;
     clearShelves();
